@@ -1,0 +1,31 @@
+# Thin wrapper over CMake + Ninja. `make test` and `make demo` work on a fresh machine.
+BUILD_DIR ?= build
+BUILD_TYPE ?= RelWithDebInfo
+CMAKE_FLAGS ?=
+JOBS ?= 2
+
+.PHONY: all deps configure build test demo install clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+configure: deps
+	@cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_FLAGS) >/dev/null
+
+build: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	@ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
+
+demo: build
+	@if [ -x $(BUILD_DIR)/tools/quorvel ]; then \
+	    $(BUILD_DIR)/tools/quorvel demo; \
+	else \
+	    echo "Everything is built; the demo arrives with the quorvel tool."; \
+	fi
+
+clean:
+	@rm -rf $(BUILD_DIR)

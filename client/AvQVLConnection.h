@@ -1,0 +1,50 @@
+// The application's handle on the Quorvel service. Registration state lives
+// here; the transport starts on the first operation. Results come back through
+// the reference arguments, failures as exceptions (see Exception.h).
+#ifndef AVQVL_CLIENT_AVQVLCONNECTION_H
+#define AVQVL_CLIENT_AVQVLCONNECTION_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "util/Export.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Client {
+
+class AvQVLRequest;
+
+class AVQVL_EXPORT AvQVLConnection {
+public:
+    AvQVLConnection();
+    AvQVLConnection(const AvQVLConnection& other);
+    AvQVLConnection& operator=(const AvQVLConnection& other);
+    ~AvQVLConnection();
+
+    // 0 when the service echoes the status text, -2 otherwise.
+    int32_t getStatus();
+    void registerClient(std::string& serverId, std::string& clientId, std::string& locale,
+                        std::vector<std::string>& sharedClients);
+    void unregisterClient(std::vector<std::string>& sharedClients);
+    void getEvents(std::string& events, std::vector<std::string>& sharedClients,
+                   std::string& logCorrelationId);
+    void putEvents(std::string& events, std::vector<std::string>& sharedClients,
+                   std::string& logCorrelationId);
+    void getSharedClients(std::vector<std::string>& sharedClients);
+
+private:
+    std::string serverId;
+    std::string clientId;
+    bool avQvlInitialised;
+    std::string locale;
+};
+
+}  // namespace Client
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_CLIENT_AVQVLCONNECTION_H

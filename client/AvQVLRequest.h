@@ -1,0 +1,57 @@
+// One exchange with the service over the transport: a sorted header block, a
+// body read from the caller's stream when the service asks for it, and the whole
+// response read back and decoded. Used once and discarded.
+#ifndef AVQVL_CLIENT_AVQVLREQUEST_H
+#define AVQVL_CLIENT_AVQVLREQUEST_H
+
+#include <cstdint>
+#include <istream>
+#include <map>
+#include <string>
+
+#include "util/Export.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Client {
+
+class AVQVL_EXPORT AvQVLRequest {
+public:
+    AvQVLRequest();
+    ~AvQVLRequest();
+    AvQVLRequest(const AvQVLRequest&) = delete;
+    AvQVLRequest& operator=(const AvQVLRequest&) = delete;
+
+    // The first value given for a name wins.
+    void addHeader(const char* name, const char* value);
+    // Not owned; must outlive send().
+    void setRequestStream(std::istream* stream);
+    // Runs the exchange and returns the response in the default code page.
+    std::string send();
+
+private:
+    std::string buildHeaderBlock() const;
+    void sendHeaders();
+    int32_t sendBody();
+    std::string readResponse();
+
+    char* receiveBuffer;
+    std::istream* requestStream;
+    std::map<std::string, std::string> headers;
+};
+
+// AvQvl_Init with malloc/free; any non-zero result throws.
+AVQVL_EXPORT void initTransport();
+// AvQvl_Term; a negative result throws.
+AVQVL_EXPORT void termTransport();
+// Throws the exception the transport code selects, with the last error message.
+[[noreturn]] AVQVL_EXPORT void throwTransportError(int32_t code);
+AVQVL_EXPORT std::string getLastTransportError();
+
+}  // namespace Client
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_CLIENT_AVQVLREQUEST_H

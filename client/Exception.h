@@ -1,0 +1,102 @@
+// The client's failures: a plain value type with a type code and a message,
+// thrown by value and caught by reference to a base. Type codes: 0 for failures
+// that carry only a message (every transport failure), -1 for a failed status
+// check, -2 for a client that is not registered.
+#ifndef AVQVL_CLIENT_EXCEPTION_H
+#define AVQVL_CLIENT_EXCEPTION_H
+
+#include <cstdint>
+#include <string>
+
+#include "util/Export.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Client {
+
+class AVQVL_EXPORT Exception {
+public:
+    Exception(const std::string& message);
+    Exception(int32_t type, const std::string& message);
+    Exception(const Exception& other);
+    Exception& operator=(const Exception& other);
+    ~Exception();
+
+    // Valid while this exception lives.
+    const std::string& getMessage() const;
+    int32_t getType() const;
+
+private:
+    int32_t type;
+    std::string message;
+};
+
+// Common base of every service failure; never thrown by the library itself.
+class AVQVL_EXPORT AvQVLException : public Exception {
+public:
+    AvQVLException(const std::string& message);
+    AvQVLException(int32_t type, const std::string& message);
+    AvQVLException(const AvQVLException& other);
+    AvQVLException& operator=(const AvQVLException& other);
+    ~AvQVLException();
+};
+
+// The service cannot be reached, or the status check failed (type -1).
+class AVQVL_EXPORT AvQVLConnectionException : public AvQVLException {
+public:
+    AvQVLConnectionException(const std::string& message);
+    AvQVLConnectionException(int32_t type, const std::string& message);
+    AvQVLConnectionException(const AvQVLConnectionException& other);
+    AvQVLConnectionException& operator=(const AvQVLConnectionException& other);
+    ~AvQVLConnectionException();
+};
+
+// The exchange broke the protocol, or the client is not registered (type -2).
+class AVQVL_EXPORT AvQVLProtocolException : public AvQVLException {
+public:
+    AvQVLProtocolException(const std::string& message);
+    AvQVLProtocolException(int32_t type, const std::string& message);
+    AvQVLProtocolException(const AvQVLProtocolException& other);
+    AvQVLProtocolException& operator=(const AvQVLProtocolException& other);
+    ~AvQVLProtocolException();
+};
+
+// The service or the library failed while running the exchange.
+class AVQVL_EXPORT AvQVLRuntimeException : public AvQVLException {
+public:
+    AvQVLRuntimeException(const std::string& message = "");
+    AvQVLRuntimeException(int32_t type, const std::string& message);
+    AvQVLRuntimeException(const AvQVLRuntimeException& other);
+    AvQVLRuntimeException& operator=(const AvQVLRuntimeException& other);
+    ~AvQVLRuntimeException();
+};
+
+// A transport result code the library does not know.
+class AVQVL_EXPORT AvQVLUnrecognisedException : public AvQVLException {
+public:
+    AvQVLUnrecognisedException(const std::string& message);
+    AvQVLUnrecognisedException(int32_t type, const std::string& message);
+    AvQVLUnrecognisedException(const AvQVLUnrecognisedException& other);
+    AvQVLUnrecognisedException& operator=(const AvQVLUnrecognisedException& other);
+    ~AvQVLUnrecognisedException();
+};
+
+// Text could not be converted between the default code page and UTF-8. Not part
+// of the exported interface: applications catch it as AvQVLException.
+class Utf8ConversionException : public AvQVLException {
+public:
+    Utf8ConversionException(const std::string& message) : AvQVLException(message) {}
+    Utf8ConversionException(int32_t type, const std::string& message)
+        : AvQVLException(type, message) {}
+    Utf8ConversionException(const Utf8ConversionException& other) = default;
+    Utf8ConversionException& operator=(const Utf8ConversionException& other) = default;
+    ~Utf8ConversionException() = default;
+};
+
+}  // namespace Client
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_CLIENT_EXCEPTION_H

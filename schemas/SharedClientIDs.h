@@ -1,0 +1,49 @@
+// The list of client identifiers the service sends back: read from a parsed
+// document's "sharedClients" children, written as the shared-client document.
+#ifndef AVQVL_SCHEMAS_SHAREDCLIENTIDS_H
+#define AVQVL_SCHEMAS_SHAREDCLIENTIDS_H
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "util/BaseObject.h"
+#include "util/Export.h"
+#include "util/XMLNode.h"
+#include "util/XmlStream.h"
+
+namespace Arvant {
+namespace Schemas {
+namespace AvQuorvel {
+namespace _2009_06 {
+namespace Base {
+
+class AVQVL_EXPORT SharedClientIDs : public Arvant::Net::AvQuorvel::Util::BaseObject {
+public:
+    SharedClientIDs();
+    SharedClientIDs(const SharedClientIDs& other);
+    SharedClientIDs& operator=(const SharedClientIDs& other);
+    virtual ~SharedClientIDs();
+
+    // Appends; neither empties its target first.
+    void getSharedClients(std::vector<std::string>& out);
+    void setSharedClients(const std::vector<std::string>& ids);
+    void addSharedClientID(const std::string& id);
+    SharedClientIDs* reallyClone() const override;
+    void getNamespaces(std::set<std::string>& namespaces) const override;
+    // Appends each child's text; a child not named "sharedClients" throws DomException.
+    void parse(const Arvant::Net::AvQuorvel::Util::XMLNode& node);
+    void outputXML(Arvant::Net::AvQuorvel::Util::XmlStream& stream,
+                   const std::string& elementName) const;
+
+private:
+    std::vector<std::string> sharedClientIds;
+};
+
+}  // namespace Base
+}  // namespace _2009_06
+}  // namespace AvQuorvel
+}  // namespace Schemas
+}  // namespace Arvant
+
+#endif  // AVQVL_SCHEMAS_SHAREDCLIENTIDS_H

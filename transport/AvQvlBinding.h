@@ -1,0 +1,29 @@
+// The transport library's C interface: eight plain functions through which the
+// client library hands over header blocks and bodies and reads responses back.
+// All results are signed 32-bit integers; texts are NUL-terminated UTF-8.
+#ifndef AVQVL_TRANSPORT_AVQVLBINDING_H
+#define AVQVL_TRANSPORT_AVQVLBINDING_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef void* (*AvQvlAllocFn)(size_t);
+typedef void (*AvQvlFreeFn)(void*);
+int32_t AvQvl_Init(AvQvlAllocFn allocate, AvQvlFreeFn release);
+int32_t AvQvl_Term(void);
+int32_t AvQvl_Send(const char* text);
+int32_t AvQvl_SendNoAck(const char* text);
+int32_t AvQvl_SendEOF(void);
+int32_t AvQvl_Receive(char* buffer);  // writes at most 16384 bytes
+int32_t AvQvl_Complete(void);
+int32_t AvQvl_GetLastError(char** message);  // message stays the transport's
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif  // AVQVL_TRANSPORT_AVQVLBINDING_H

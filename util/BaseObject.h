@@ -1,0 +1,56 @@
+// Abstract root of the schema types: a namespace URI, an intrusive (non-atomic)
+// reference count, cloning into an uncounted copy, and the common opening of an
+// element on an XmlStream.
+#ifndef AVQVL_UTIL_BASEOBJECT_H
+#define AVQVL_UTIL_BASEOBJECT_H
+
+#include <cstdint>
+#include <set>
+#include <string>
+
+#include "util/Export.h"
+#include "util/XmlStream.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Util {
+
+class AVQVL_EXPORT BaseObject {
+public:
+    // Copies the namespace URI and the count.
+    BaseObject(const BaseObject& other);
+    BaseObject& operator=(const BaseObject& other);
+
+    void ref();
+    // Deletes the object when the count reaches exactly 0.
+    void unref();
+    int32_t askRefCount() const;
+    // A copy of the most-derived object with a count of 0; the caller owns it.
+    BaseObject* clone() const;
+    virtual BaseObject* reallyClone() const = 0;
+    virtual void getNamespaces(std::set<std::string>& namespaces) const = 0;
+
+protected:
+    BaseObject();
+    BaseObject(const char* namespaceUri);
+    virtual ~BaseObject();
+    // Registers namespaces while declarations are pending, then writes the open
+    // start tag; true when this element carried the declarations.
+    bool outputXMLBase(XmlStream& stream, const std::string& elementName,
+                       const char* callerName) const;
+
+    std::string namespaceUri;
+    int32_t refCount;
+
+private:
+    void addRef();
+    void removeRef();
+};
+
+}  // namespace Util
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_UTIL_BASEOBJECT_H

@@ -1,0 +1,60 @@
+// Builds an XMLNode tree from one document with the XML library's SAX2 reader.
+// The XML library must be initialised for the whole parse. The returned root
+// stays owned by the parser until it is destroyed or parses again.
+#ifndef AVQVL_UTIL_SAXTONODEPARSER_H
+#define AVQVL_UTIL_SAXTONODEPARSER_H
+
+#include <xercesc/sax2/DefaultHandler.hpp>
+#include <xercesc/sax2/SAX2XMLReader.hpp>
+
+#include <string>
+
+#include "util/Export.h"
+#include "util/XMLNode.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Util {
+
+class AVQVL_EXPORT SAXToNodeParser : public xercesc::DefaultHandler {
+public:
+    SAXToNodeParser();
+    ~SAXToNodeParser() override;
+    SAXToNodeParser(const SAXToNodeParser&) = delete;
+    SAXToNodeParser& operator=(const SAXToNodeParser&) = delete;
+
+    // Throw DomException on an error or fatal error of the reader.
+    XMLNode* parseString(const std::string& xml);
+    XMLNode* parseFile(const std::string& name);
+    // The root; creates an empty one when there is none.
+    XMLNode* getRoot();
+    // Process-wide: replace the SUB byte 0x1A by "?" in text and attribute values.
+    static void setReplaceSubChars(bool replace);
+
+    // Callbacks of the reader.
+    void characters(const XMLCh* chars, const XMLSize_t length) override;
+    void endDocument() override;
+    void endElement(const XMLCh* uri, const XMLCh* localname, const XMLCh* qname) override;
+    void ignorableWhitespace(const XMLCh* chars, const XMLSize_t length) override;
+    void processingInstruction(const XMLCh* target, const XMLCh* data) override;
+    void startDocument() override;
+    void startElement(const XMLCh* uri, const XMLCh* localname, const XMLCh* qname,
+                      const xercesc::Attributes& attrs) override;
+    void warning(const xercesc::SAXParseException& exc) override;
+    void error(const xercesc::SAXParseException& exc) override;
+    void fatalError(const xercesc::SAXParseException& exc) override;
+
+private:
+    XMLNode* root;
+    XMLNode* current;
+    xercesc::SAX2XMLReader* reader;
+    std::string documentName;
+};
+
+}  // namespace Util
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_UTIL_SAXTONODEPARSER_H

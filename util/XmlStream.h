@@ -1,0 +1,52 @@
+// A string stream that keeps a document's namespace bindings (generated prefixes
+// ns0, ns1, ...) and declares them on the first start tag. The tag operations
+// return text for the caller to insert; nothing is escaped.
+#ifndef AVQVL_UTIL_XMLSTREAM_H
+#define AVQVL_UTIL_XMLSTREAM_H
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "util/Export.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Util {
+
+class AVQVL_EXPORT XmlStream : public std::stringstream {
+public:
+    XmlStream();
+
+    bool hasPendingDeclarations() const;
+    void addNamespaces(std::set<std::string> uris);
+    // True when the URI was new.
+    bool addNamespace(const std::string& uri);
+    // "" when the URI is not registered.
+    std::string getPrefix(const std::string& uri) const;
+    std::string startTag(const std::string& uri, const std::string& name);
+    std::string attribute(const std::string& name, const std::string& value) const;
+    std::string endStartTag(const std::string& uri, bool empty) const;
+    std::string startElement(const std::string& uri, const std::string& name,
+                             const std::vector<std::pair<std::string, std::string>>& attributes);
+    std::string endTag(const std::string& uri, const std::string& name) const;
+
+private:
+    std::string qualifyingPrefix(const std::string& uri, const std::string& name) const;
+
+    std::map<std::string, std::string> namespaces;  // URI to prefix
+    int32_t nextNamespaceNumber;
+    bool declarationsPending;
+};
+
+}  // namespace Util
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_UTIL_XMLSTREAM_H

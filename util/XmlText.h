@@ -1,0 +1,46 @@
+// Text helpers for XML: escaping of eight characters, value-to-text conversion,
+// and two raw-text probes that answer namespace questions without parsing.
+#ifndef AVQVL_UTIL_XMLTEXT_H
+#define AVQVL_UTIL_XMLTEXT_H
+
+#include <cstdint>
+#include <string>
+
+#include "util/Export.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Util {
+
+// Tab, line feed, quotation mark, percent, ampersand, apostrophe, < and > become
+// references; one left-to-right pass. unescapeXml is its exact inverse.
+AVQVL_EXPORT std::string escapeXml(const std::string& text);
+AVQVL_EXPORT std::string unescapeXml(const std::string& text);
+
+// bool gives "1"/"0"; floating point gives %.17e in the classic locale.
+AVQVL_EXPORT std::string toString(const bool& value);
+AVQVL_EXPORT std::string toString(const std::string& value);
+AVQVL_EXPORT std::string toString(const double& value);
+AVQVL_EXPORT std::string toString(const int& value);
+AVQVL_EXPORT std::string toString(const float& value);
+
+// Lenient readers: the longest numeric prefix counts; no text gives zero.
+AVQVL_EXPORT bool parseBool(const std::string& text);
+AVQVL_EXPORT double parseDouble(const std::string& text);
+AVQVL_EXPORT int parseInt(const std::string& text);
+AVQVL_EXPORT float parseFloat(const std::string& text);
+
+// The URI the root element declares for its own prefix, or "".
+AVQVL_EXPORT std::string getRootNamespace(const std::string& xml);
+// Position of an element's start tag (just after its name) or end tag; the
+// element is named "uri^localName".
+AVQVL_EXPORT std::uint64_t findTagPosition(const std::string& xml,
+                                           const std::string& qualifiedName, bool opening);
+
+}  // namespace Util
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_UTIL_XMLTEXT_H
