@@ -1,10 +1,13 @@
 // AVQVL_EXPORT marks the classes and functions applications may use from the
 // shared library. The library is built with hidden visibility; with no
-// definition given this header still does the right thing for static builds.
+// definition given it exports from the shared library; define AVQVL_STATIC when
+// compiling the sources into a static library or another build.
 #ifndef AVQVL_UTIL_EXPORT_H
 #define AVQVL_UTIL_EXPORT_H
 
-#if defined(_WIN32)
+#if defined(AVQVL_STATIC)
+#define AVQVL_EXPORT
+#elif defined(_WIN32)
 #if defined(AVQVL_BUILDING_LIBRARY)
 #define AVQVL_EXPORT __declspec(dllexport)
 #else

@@ -16,6 +16,8 @@ namespace Net {
 namespace AvQuorvel {
 namespace Util {
 
+// A negative length, or a null input with a positive length, throws before any
+// byte is read.
 // Reads exactly `length` bytes (NUL bytes included) and returns their UTF-8 form.
 AVQVL_EXPORT std::string toUtf8(const char* input, int32_t length);
 // Reads exactly `length` UTF-8 bytes and returns them in the default code page.

@@ -25,18 +25,22 @@ AVQVL_EXPORT std::string toString(const double& value);
 AVQVL_EXPORT std::string toString(const int& value);
 AVQVL_EXPORT std::string toString(const float& value);
 
-// Lenient readers: the longest numeric prefix counts; no text gives zero.
+// Lenient readers: the longest numeric prefix counts; no text, no number at the
+// start, or a number the type cannot hold gives zero. Integers, like floating
+// point, are read and written in the classic locale.
 AVQVL_EXPORT bool parseBool(const std::string& text);
 AVQVL_EXPORT double parseDouble(const std::string& text);
 AVQVL_EXPORT int parseInt(const std::string& text);
 AVQVL_EXPORT float parseFloat(const std::string& text);
 
-// The URI the root element declares for its own prefix, or "".
+// The URI the root element declares for its own prefix, or "" when it cannot
+// be found.
 AVQVL_EXPORT std::string getRootNamespace(const std::string& xml);
 // Position of an element's start tag (just after its name) or end tag; the
-// element is named "uri^localName".
-AVQVL_EXPORT std::uint64_t findTagPosition(const std::string& xml,
-                                           const std::string& qualifiedName, bool opening);
+// element is named "uri^localName" (no "^": a local name without URI). Gives
+// std::string::npos when the tag does not occur.
+AVQVL_EXPORT std::uint64_t findTagPosition(const std::string& xml, const std::string& qualifiedName,
+                                           bool opening);
 
 }  // namespace Util
 }  // namespace AvQuorvel
