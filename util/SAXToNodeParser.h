@@ -46,6 +46,17 @@ public:
     void fatalError(const xercesc::SAXParseException& exc) override;
 
 private:
+    // Converts text of the XML library to the local code page; with replace set,
+    // every SUB byte (0x1A, what the converter leaves for an unmappable character)
+    // becomes "?".
+    static std::string transcodeToString(const XMLCh* text, bool replace);
+    void discardTree();
+    // Shared by error and fatalError: composes the text and throws DomException.
+    [[noreturn]] void throwParseError(const char* prefix,
+                                      const xercesc::SAXParseException& exc) const;
+
+    static bool replaceSubChars;
+
     XMLNode* root;
     XMLNode* current;
     xercesc::SAX2XMLReader* reader;

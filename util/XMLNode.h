@@ -18,9 +18,9 @@ namespace Util {
 struct AVQVL_EXPORT XMLNode {
     std::string uri;
     std::string localName;
-    std::vector<XMLNode*> children;  // owned; null entries are skipped on delete
-    std::string text;                // character data directly inside, untouched
-    XMLNode* parent;                 // not owned; null for the root
+    std::vector<XMLNode*> children;                 // owned; null entries are skipped on delete
+    std::string text;                               // character data directly inside, untouched
+    XMLNode* parent;                                // not owned; null for the root
     std::map<std::string, std::string> attributes;  // local name to value
 
     XMLNode();

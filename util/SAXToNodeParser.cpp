@@ -1,0 +1,187 @@
+#include "util/SAXToNodeParser.h"
+
+#include <xercesc/framework/MemBufInputSource.hpp>
+#include <xercesc/sax/SAXParseException.hpp>
+#include <xercesc/sax2/Attributes.hpp>
+#include <xercesc/sax2/XMLReaderFactory.hpp>
+#include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/XMLString.hpp>
+
+#include <cstring>
+#include <iostream>
+#include <memory>
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Util {
+
+using xercesc::XMLPlatformUtils;
+using xercesc::XMLString;
+
+namespace {
+const char* const kStringBufferId = "From-String";
+const char* const kStringDocumentName = "From String";
+}  // namespace
+
+bool SAXToNodeParser::replaceSubChars = false;
+
+SAXToNodeParser::SAXToNodeParser() : root(nullptr), current(nullptr), reader(nullptr) {}
+
+SAXToNodeParser::~SAXToNodeParser() {
+    delete reader;
+    delete root;
+}
+
+void SAXToNodeParser::setReplaceSubChars(bool replace) {
+    replaceSubChars = replace;
+}
+
+std::string SAXToNodeParser::transcodeToString(const XMLCh* text, bool replace) {
+    if (text == nullptr) {
+        return std::string();
+    }
+    char* converted = XMLString::transcode(text, XMLPlatformUtils::fgMemoryManager);
+    if (converted == nullptr) {
+        return std::string();
+    }
+    if (replace) {
+        for (char* p = converted; *p != '\0'; ++p) {
+            if (*p == '\x1A') {
+                *p = '?';
+            }
+        }
+    }
+    std::string result(converted);
+    XMLString::release(&converted, XMLPlatformUtils::fgMemoryManager);
+    return result;
+}
+
+void SAXToNodeParser::discardTree() {
+    delete root;
+    root = nullptr;
+    current = nullptr;
+}
+
+XMLNode* SAXToNodeParser::parseString(const std::string& xml) {
+    discardTree();
+    delete reader;
+    reader = nullptr;
+    reader = xercesc::XMLReaderFactory::createXMLReader(XMLPlatformUtils::fgMemoryManager, 0);
+    documentName = kStringDocumentName;
+    reader->setContentHandler(this);
+    reader->setErrorHandler(this);
+
+    // The terminating NUL goes to the reader as the last byte of the buffer.
+    const XMLSize_t byteCount = std::strlen(xml.c_str()) + 1;
+    xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(xml.c_str()), byteCount,
+                                      kStringBufferId, false, XMLPlatformUtils::fgMemoryManager);
+    reader->parse(source);
+    return root;
+}
+
+XMLNode* SAXToNodeParser::parseFile(const std::string& name) {
+    discardTree();
+    delete reader;
+    reader = nullptr;
+    reader = xercesc::XMLReaderFactory::createXMLReader(XMLPlatformUtils::fgMemoryManager, 0);
+    documentName = name;
+    reader->setContentHandler(this);
+    reader->setErrorHandler(this);
+    reader->parse(name.c_str());
+    return root;
+}
+
+XMLNode* SAXToNodeParser::getRoot() {
+    if (root == nullptr) {
+        root = new XMLNode();
+    }
+    return root;
+}
+
+void SAXToNodeParser::characters(const XMLCh* chars, const XMLSize_t /*length*/) {
+    std::string text = transcodeToString(chars, replaceSubChars);
+    if (current != nullptr) {
+        current->text += text;
+    }
+}
+
+void SAXToNodeParser::endDocument() {}
+
+void SAXToNodeParser::endElement(const XMLCh* /*uri*/, const XMLCh* /*localname*/,
+                                 const XMLCh* /*qname*/) {
+    if (current != nullptr) {
+        current = current->parent;
+    } else {
+        std::cerr << "End element called when not inside one!" << std::endl;
+    }
+}
+
+void SAXToNodeParser::ignorableWhitespace(const XMLCh* /*chars*/, const XMLSize_t /*length*/) {}
+
+void SAXToNodeParser::processingInstruction(const XMLCh* /*target*/, const XMLCh* /*data*/) {}
+
+void SAXToNodeParser::startDocument() {}
+
+void SAXToNodeParser::startElement(const XMLCh* uri, const XMLCh* localname, const XMLCh* /*qname*/,
+                                   const xercesc::Attributes& attrs) {
+    std::string name = transcodeToString(localname, false);
+    // A second top-level element: the reader reports it as a fatal error first, so
+    // this only happens when a caller drives the callbacks itself. There is no open
+    // element to append to, and replacing the root would lose the tree read so far,
+    // so the event is refused; the tree stays with the parser as it was.
+    if (root != nullptr && current == nullptr) {
+        throw DomException("Start tag of element '" + name +
+                           "' arrived after the root element was closed");
+    }
+
+    std::unique_ptr<XMLNode> node(new XMLNode());
+    node->localName = name;
+    node->uri = transcodeToString(uri, false);
+    const XMLSize_t count = attrs.getLength();
+    for (XMLSize_t i = 0; i < count; ++i) {
+        std::string value = transcodeToString(attrs.getValue(i), replaceSubChars);
+        node->setAttribute(transcodeToString(attrs.getLocalName(i), false), value);
+    }
+
+    if (root == nullptr) {
+        root = node.release();
+        current = root;
+    } else {
+        node->parent = current;
+        current->children.push_back(node.get());
+        current = node.release();
+    }
+}
+
+void SAXToNodeParser::warning(const xercesc::SAXParseException& /*exc*/) {}
+
+void SAXToNodeParser::error(const xercesc::SAXParseException& exc) {
+    throwParseError("Error: parsing: ", exc);
+}
+
+void SAXToNodeParser::fatalError(const xercesc::SAXParseException& exc) {
+    throwParseError("Fatal Error: parsing: ", exc);
+}
+
+void SAXToNodeParser::throwParseError(const char* prefix,
+                                      const xercesc::SAXParseException& exc) const {
+    const std::string systemId = transcodeToString(exc.getSystemId(), true);
+    std::string text;
+    if (systemId.empty()) {
+        text = "XML Document '" + documentName + "' does not exist.\n";
+    } else {
+        text = prefix + systemId + ": line " + std::to_string(exc.getLineNumber()) + ", char " +
+               std::to_string(exc.getColumnNumber()) + "\n";
+        const std::string message = transcodeToString(exc.getMessage(), true);
+        if (!message.empty()) {
+            text += "Message: " + message + "\n";
+        }
+    }
+    throw DomException(text);
+}
+
+}  // namespace Util
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
