@@ -36,6 +36,19 @@ public:
     void getSharedClients(std::vector<std::string>& sharedClients);
 
 private:
+    // How an operation guards against an unregistered connection: not at all,
+    // by throwing the exception object, or (getSharedClients) a pointer to it.
+    enum class Precondition { None, Registered, RegisteredThrowsPointer };
+
+    bool isClientRegistered() const;
+    void initAvQvl();
+    void termAvQvl();
+    void setRequestHeader(AvQVLRequest& request, const std::string& operationName,
+                          const std::string& logCorrelationId, bool includeClientIds);
+    // The exchange every registered-client operation runs; returns the response.
+    std::string exchange(Precondition precondition, const std::string& operationName,
+                         const std::string& logCorrelationId, const std::string& body);
+
     std::string serverId;
     std::string clientId;
     bool avQvlInitialised;

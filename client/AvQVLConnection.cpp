@@ -1,0 +1,202 @@
+// The connection: registration state, the standard headers, and the one
+// exchange skeleton that every service operation runs with its own values.
+#include "client/AvQVLConnection.h"
+
+#include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/XMLUni.hpp>
+
+#include <sstream>
+
+#include "client/AvQVLRequest.h"
+#include "client/Exception.h"
+#include "schemas/SharedClientIDs.h"
+#include "util/SAXToNodeParser.h"
+#include "util/XMLNode.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Client {
+namespace {
+
+using Schemas::AvQuorvel::_2009_06::Base::SharedClientIDs;
+using Util::SAXToNodeParser;
+using Util::XMLNode;
+
+const char* const kNotRegistered = "Client not Registered with Quorvel";
+const char* const kStatusText = "AvQVL Status check";
+
+// The XML library stays initialised while at least one connection, copies
+// included, is alive: a single process-wide flag would end it under the feet
+// of the connections that remain. Connections are constructed and destroyed
+// by one thread at a time, so the count needs no lock.
+int liveConnections = 0;
+
+void acquireXmlLibrary() {
+    if (liveConnections == 0) {
+        xercesc::XMLPlatformUtils::Initialize(xercesc::XMLUni::fgXercescDefaultLocale);
+    }
+    ++liveConnections;
+}
+
+void releaseXmlLibrary() {
+    if (--liveConnections == 0) {
+        xercesc::XMLPlatformUtils::Terminate();
+    }
+}
+
+// Sends `body` and a NUL byte as the request body; returns the response.
+std::string sendWithBody(AvQVLRequest& request, const std::string& body) {
+    std::istringstream stream(body + '\0');
+    request.setRequestStream(&stream);
+    return request.send();
+}
+
+// Appends the identifiers of a shared-client document to `sharedClients`,
+// which is touched only once the whole document has been read.
+void appendSharedClients(const std::string& response, std::vector<std::string>& sharedClients) {
+    SharedClientIDs list;
+    SAXToNodeParser parser;
+    XMLNode* root = parser.parseString(response);
+    list.parse(*root);
+    list.getSharedClients(sharedClients);
+}
+
+}  // namespace
+
+AvQVLConnection::AvQVLConnection() : avQvlInitialised(false) {
+    acquireXmlLibrary();
+}
+
+AvQVLConnection::AvQVLConnection(const AvQVLConnection& other)
+    : serverId(other.serverId),
+      clientId(other.clientId),
+      avQvlInitialised(other.avQvlInitialised),
+      locale(other.locale) {
+    acquireXmlLibrary();
+}
+
+AvQVLConnection& AvQVLConnection::operator=(const AvQVLConnection& other) {
+    serverId = other.serverId;
+    clientId = other.clientId;
+    avQvlInitialised = other.avQvlInitialised;
+    locale = other.locale;
+    return *this;
+}
+
+// The transport is left running: it belongs to the process, not the connection.
+AvQVLConnection::~AvQVLConnection() {
+    releaseXmlLibrary();
+}
+
+bool AvQVLConnection::isClientRegistered() const {
+    return !serverId.empty();
+}
+
+void AvQVLConnection::initAvQvl() {
+    if (!avQvlInitialised) {
+        initTransport();
+        avQvlInitialised = true;
+    }
+}
+
+void AvQVLConnection::termAvQvl() {
+    if (avQvlInitialised) {
+        termTransport();
+        avQvlInitialised = false;
+    }
+}
+
+void AvQVLConnection::setRequestHeader(AvQVLRequest& request, const std::string& operationName,
+                                       const std::string& logCorrelationId, bool includeClientIds) {
+    initAvQvl();
+    request.addHeader("Service-Name", "AvQVLRequest");
+    request.addHeader("Operation-Name", operationName.c_str());
+    request.addHeader("Log-Correlation-ID", logCorrelationId.c_str());
+    if (!locale.empty()) {
+        request.addHeader("Locale", locale.c_str());
+    }
+    if (includeClientIds) {
+        request.addHeader("Server-ID", serverId.c_str());
+        request.addHeader("Client-ID", clientId.c_str());
+    }
+}
+
+std::string AvQVLConnection::exchange(Precondition precondition, const std::string& operationName,
+                                      const std::string& logCorrelationId,
+                                      const std::string& body) {
+    if (precondition != Precondition::None && !isClientRegistered()) {
+        if (precondition == Precondition::RegisteredThrowsPointer) {
+            throw new AvQVLProtocolException(-2, kNotRegistered);  // the handler owns it
+        }
+        throw AvQVLProtocolException(-2, kNotRegistered);
+    }
+    AvQVLRequest request;
+    setRequestHeader(request, operationName, logCorrelationId, true);
+    return sendWithBody(request, body);
+}
+
+int32_t AvQVLConnection::getStatus() {
+    // The status check carries no client identifiers, so it works before and
+    // after registration, and reports every failure of its own as one exception.
+    try {
+        AvQVLRequest request;
+        setRequestHeader(request, "getStatus", "AvQVLConnection.getStatus", false);
+        return sendWithBody(request, kStatusText) == kStatusText ? 0 : -2;
+    } catch (const Exception&) {
+        throw AvQVLConnectionException(-1, "AvQVL Connection failed");
+    }
+}
+
+void AvQVLConnection::registerClient(std::string& serverId, std::string& clientId,
+                                     std::string& locale, std::vector<std::string>& sharedClients) {
+    // Stored first and kept on failure: the connection counts as registered.
+    this->serverId = serverId;
+    this->clientId = clientId;
+    this->locale = locale;
+    appendSharedClients(exchange(Precondition::None, "registerClient",
+                                 "AvQVLConnection.registerClient", "AvQVL register client"),
+                        sharedClients);
+}
+
+void AvQVLConnection::unregisterClient(std::vector<std::string>& sharedClients) {
+    try {
+        appendSharedClients(exchange(Precondition::None, "unregisterClient",
+                                     "AvQVLConnection.unregisterClient", "AvQVL unregister client"),
+                            sharedClients);
+    } catch (const Exception& e) {
+        // A failure of the client side still unregisters; the caller sees it
+        // as a plain Exception (the copy drops the derived class on purpose).
+        // Other failures, such as a malformed answer, leave the identifiers.
+        serverId.clear();
+        clientId.clear();
+        throw Exception(e);
+    }
+    serverId.clear();
+    clientId.clear();
+}
+
+void AvQVLConnection::getEvents(std::string& events, std::vector<std::string>& sharedClients,
+                                std::string& logCorrelationId) {
+    events =
+        exchange(Precondition::Registered, "getEvents", logCorrelationId, "Get Events Request");
+    sharedClients.clear();
+    getSharedClients(sharedClients);  // a second, complete exchange
+}
+
+void AvQVLConnection::putEvents(std::string& events, std::vector<std::string>& sharedClients,
+                                std::string& logCorrelationId) {
+    appendSharedClients(exchange(Precondition::Registered, "putEvents", logCorrelationId, events),
+                        sharedClients);
+}
+
+void AvQVLConnection::getSharedClients(std::vector<std::string>& sharedClients) {
+    appendSharedClients(exchange(Precondition::RegisteredThrowsPointer, "getSharedClients",
+                                 "AvQVLConnection.getSharedClients", "AvQVL getClients Operation"),
+                        sharedClients);
+}
+
+}  // namespace Client
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant

@@ -1,0 +1,227 @@
+// One exchange over the transport, and the one place where a transport result
+// code becomes an exception.
+#include "client/AvQVLRequest.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "client/Exception.h"
+#include "transport/AvQvlBinding.h"
+#include "util/Utf8.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Client {
+namespace {
+
+using Util::fromUtf8;
+using Util::toUtf8;
+
+constexpr int32_t kReceiveBufferSize = 16384;  // AvQvl_Receive writes at most this much
+constexpr std::streamsize kBodyBlockSize = 4098;
+constexpr int32_t kMaxResponseSize = std::numeric_limits<int32_t>::max();
+
+// Reply codes of AvQvl_Receive.
+constexpr int32_t kSendBody = 19;
+constexpr int32_t kRequestComplete = 20;
+constexpr int32_t kEndOfResponse = -1;
+
+}  // namespace
+
+AvQVLRequest::AvQVLRequest()
+    : receiveBuffer(new char[kReceiveBufferSize]), requestStream(nullptr) {}
+
+AvQVLRequest::~AvQVLRequest() {
+    delete[] receiveBuffer;
+}
+
+void AvQVLRequest::addHeader(const char* name, const char* value) {
+    // A missing name cannot be sent; a missing value goes out as an empty one.
+    if (name == nullptr) {
+        throw AvQVLRuntimeException("A request header needs a name.");
+    }
+    headers.emplace(name, value != nullptr ? value : "");  // keeps an existing value
+}
+
+void AvQVLRequest::setRequestStream(std::istream* stream) {
+    requestStream = stream;
+}
+
+std::string AvQVLRequest::send() {
+    if (requestStream == nullptr) {
+        throw AvQVLProtocolException("Failed to read the request stream.");
+    }
+    sendHeaders();
+
+    int32_t rc = AvQvl_Receive(receiveBuffer);
+    while (rc != kRequestComplete && rc > 0) {
+        // The service defines no positive reply besides 19 and 20 here, and
+        // waiting would never end: treat any other as a failure code.
+        if (rc != kSendBody) {
+            throwTransportError(rc);
+        }
+        rc = sendBody();
+    }
+    if (rc <= -1) {
+        throwTransportError(rc);
+    }
+
+    std::string response = readResponse();
+    AvQvl_Complete();
+    return response;
+}
+
+std::string AvQVLRequest::buildHeaderBlock() const {
+    std::string block;
+    for (const auto& header : headers) {
+        block += header.first;
+        block += '=';
+        if (header.second != "null") {  // the service reads "null" as no value
+            block += header.second;
+        }
+        block += "\r\n";
+    }
+    block += "\r\n";
+    return block;
+}
+
+void AvQVLRequest::sendHeaders() {
+    static const char* const kConversionFailed =
+        "Exception occurred while converting to UTF-8 bytes.";
+    const std::string block = buildHeaderBlock();
+    if (block.size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) {
+        throw AvQVLRuntimeException(kConversionFailed);
+    }
+    std::string utf8;
+    try {
+        utf8 = toUtf8(block.data(), static_cast<int32_t>(block.size()));
+    } catch (const Utf8ConversionException&) {
+        throw AvQVLRuntimeException(kConversionFailed);
+    }
+    int32_t rc = AvQvl_SendNoAck(utf8.c_str());
+    if (rc <= -1) {
+        throwTransportError(rc);
+    }
+    AvQvl_SendEOF();  // after the header block its result means nothing
+}
+
+int32_t AvQVLRequest::sendBody() {
+    // Blocks are cut without regard to character boundaries and converted one
+    // by one; each reaches the transport as a NUL-terminated text.
+    char block[kBodyBlockSize];
+    int32_t rc = 0;
+    std::streamsize n = 0;
+    do {
+        requestStream->read(block, kBodyBlockSize);
+        n = requestStream->gcount();
+        if (n > 0) {
+            const std::string utf8 = toUtf8(block, static_cast<int32_t>(n));
+            rc = AvQvl_SendNoAck(utf8.c_str());
+        }
+    } while (!requestStream->eof() && n != 0 && rc > 0);
+    if (rc <= -1) {
+        throwTransportError(rc);
+    }
+    rc = AvQvl_SendEOF();
+    if (rc <= -1) {
+        throwTransportError(rc);
+    }
+    return AvQvl_Receive(receiveBuffer);
+}
+
+std::string AvQVLRequest::readResponse() {
+    int32_t capacity = kReceiveBufferSize;
+    int32_t length = 0;
+    std::unique_ptr<char[]> collected(new char[capacity]);
+    for (;;) {
+        const int32_t n = AvQvl_Receive(receiveBuffer);
+        if (n == kEndOfResponse) {
+            break;
+        }
+        if (n < kEndOfResponse) {
+            throwTransportError(n);
+        }
+        // Length and capacity are 32-bit: refuse a response that would not fit
+        // before anything overflows.
+        if (n > kMaxResponseSize - length) {
+            throw AvQVLRuntimeException("Response exceeds the maximum size of " +
+                                        std::to_string(kMaxResponseSize) + " bytes");
+        }
+        // The buffer's size is all the transport may write; never read past it.
+        if (n > kReceiveBufferSize) {
+            throw AvQVLProtocolException("The transport delivered " + std::to_string(n) +
+                                         " bytes in one piece; at most " +
+                                         std::to_string(kReceiveBufferSize) + " fit");
+        }
+        const int32_t needed = length + n;
+        if (needed > capacity) {
+            // Doubling keeps the copying linear; the last step stops at the maximum.
+            while (capacity < needed) {
+                capacity = capacity > kMaxResponseSize / 2 ? kMaxResponseSize : capacity * 2;
+            }
+            std::unique_ptr<char[]> grown(new char[capacity]);
+            std::memcpy(grown.get(), collected.get(), static_cast<size_t>(length));
+            collected = std::move(grown);
+        }
+        std::memcpy(collected.get() + length, receiveBuffer, static_cast<size_t>(n));
+        length = needed;
+    }
+    return fromUtf8(collected.get(), length);
+}
+
+void initTransport() {
+    const int32_t rc = AvQvl_Init(&std::malloc, &std::free);
+    if (rc != 0) {
+        throwTransportError(rc);
+    }
+}
+
+void termTransport() {
+    const int32_t rc = AvQvl_Term();
+    if (rc < 0) {
+        throwTransportError(rc);
+    }
+}
+
+void throwTransportError(int32_t code) {
+    const std::string message = getLastTransportError();
+    switch (code) {
+        case -3099:
+        case -3017:
+        case -751:
+        case 1002:
+            throw AvQVLProtocolException(message);
+        case -3016:
+        case -3010:
+        case -3009:
+        case 1003:
+            throw AvQVLRuntimeException(message);
+        case -3001:
+        case -2999:
+        case -2998:
+        case -2997:
+        case -2996:
+        case 1001:
+            throw AvQVLConnectionException(message);
+        default:
+            throw AvQVLUnrecognisedException(message);
+    }
+}
+
+std::string getLastTransportError() {
+    char* message = nullptr;
+    const int32_t rc = AvQvl_GetLastError(&message);
+    if (message == nullptr) {
+        return rc != 0 ? "Could not retrieve last error message." : "No error message received";
+    }
+    // The text stays the transport's: copy it, never free it.
+    return rc == 0 ? std::string(message) : std::string();
+}
+
+}  // namespace Client
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
