@@ -11,6 +11,9 @@
 extern "C" {
 #endif
 
+// AvQvl_Init may be called once per connection; each call is counted and
+// AvQvl_Term takes one back. The allocator pair is accepted but not used: the
+// transport allocates through the C++ runtime and hands the caller no memory to free.
 typedef void* (*AvQvlAllocFn)(size_t);
 typedef void (*AvQvlFreeFn)(void*);
 int32_t AvQvl_Init(AvQvlAllocFn allocate, AvQvlFreeFn release);

@@ -1,0 +1,115 @@
+// The reference Quorvel service: takes one request (header fields and body, both
+// UTF-8) and returns the response text or a failure carrying a transport code.
+//
+// Clients are grouped by "Server-ID"; a client is the pair (Server-ID, Client-ID).
+// Operations ("Operation-Name"):
+//   getStatus         the response is the body, unchanged.
+//   registerClient    adds the caller (idempotent: a re-registration keeps its
+//                     pending events); answers the shared-client document.
+//   unregisterClient  removes the caller and its pending events (an unknown
+//                     client is no error); answers the remaining clients.
+//   putEvents         the registered caller's body is one event, queued for every
+//                     other client of its Server-ID (all or none); answers the clients.
+//   getEvents         drains the registered caller's queue into the events document.
+//   getSharedClients  the shared-client document.
+//
+// Shared-client document: SharedClientIDs::outputXML with the element name
+// "sharedClientIDs", clients in registration order:
+//   \n<ns0:sharedClientIDs xmlns:ns0="U"><ns0:sharedClients>A</ns0:sharedClients>...
+//   </ns0:sharedClientIDs>
+// Events document, oldest event first, written through XmlStream; sender and text
+// go through escapeXml:
+//   \n<ns0:events xmlns:ns0="U">
+//   \n<ns0:event sender="K" sequence="7">text</ns0:event>...</ns0:events>
+// U is the schema namespace of SharedClientIDs. The sequence number counts the
+// events posted under one Server-ID from 1, so one post carries the same number
+// at every recipient and numbers grow in posting order.
+//
+// Every failure leaves the state as it was. Thread-safe: one engine may serve
+// any number of transports at once.
+#ifndef AVQVL_SERVICE_SERVICEENGINE_H
+#define AVQVL_SERVICE_SERVICEENGINE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Service {
+
+// Transport codes carried by failures.
+constexpr int32_t protocolFailureCode = -3017;  // bad request or misuse
+constexpr int32_t limitFailureCode = -3016;     // a limit would be passed
+constexpr int32_t notStartedFailureCode = -2999;
+
+struct ServiceLimits {
+    std::size_t maxBodyBytes = 16 * 1024 * 1024;
+    std::size_t maxQueuedEventsPerClient = 100000;
+    std::size_t maxClientsPerServer = 10000;
+};
+
+struct ServiceFailure {
+    int32_t code = 0;
+    std::string message;
+};
+
+using RequestHeaders = std::map<std::string, std::string>;
+
+class ServiceEngine {
+public:
+    explicit ServiceEngine(const ServiceLimits& limits = ServiceLimits());
+    ServiceEngine(const ServiceEngine&) = delete;
+    ServiceEngine& operator=(const ServiceEngine&) = delete;
+
+    const ServiceLimits& limits() const { return limits_; }
+
+    // True with the response filled, or false with the failure filled.
+    bool handle(const RequestHeaders& headers, const std::string& body, std::string& response,
+                ServiceFailure& failure);
+
+private:
+    struct Event {
+        std::string sender;
+        uint64_t sequence;
+        std::shared_ptr<const std::string> text;  // one copy for all recipients
+    };
+    struct Client {
+        std::string id;
+        std::deque<Event> pending;
+    };
+    struct ServerGroup {
+        std::vector<Client> clients;  // registration order
+        uint64_t nextSequence = 1;
+    };
+
+    std::string dispatch(const RequestHeaders& headers, const std::string& body);
+    std::string registerClient(const std::string& serverId, const std::string& clientId);
+    std::string unregisterClient(const std::string& serverId, const std::string& clientId);
+    std::string putEvents(const std::string& serverId, const std::string& clientId,
+                          const std::string& body);
+    std::string getEvents(const std::string& serverId, const std::string& clientId);
+    std::string getSharedClients(const std::string& serverId);
+
+    Client& registeredClient(const std::string& serverId, const std::string& clientId);
+    // Lists the clients of serverId, leaving out *leaving when given.
+    std::string sharedClientDocument(const std::string& serverId,
+                                     const std::string* leaving = nullptr) const;
+
+    const ServiceLimits limits_;
+    std::mutex mutex_;  // guards servers_
+    std::map<std::string, ServerGroup> servers_;
+};
+
+}  // namespace Service
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_SERVICE_SERVICEENGINE_H

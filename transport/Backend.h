@@ -1,0 +1,50 @@
+// What stands behind the AvQvl_ functions: something that takes one request
+// (header fields and body, UTF-8) and answers it. The AvQvl_ state machine in
+// AvQvlBinding.cpp knows only this interface; the embedded service is the
+// default, and further backends (an HTTP client, say) plug in at activeBackend().
+#ifndef AVQVL_TRANSPORT_BACKEND_H
+#define AVQVL_TRANSPORT_BACKEND_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Transport {
+
+// Transport failure codes, as the client library maps them to exceptions.
+constexpr int32_t protocolFailureCode = -3017;
+constexpr int32_t limitFailureCode = -3016;
+constexpr int32_t notStartedFailureCode = -2999;
+
+using HeaderFields = std::map<std::string, std::string>;
+
+struct BackendFailure {
+    int32_t code = 0;  // one of the transport failure codes
+    std::string message;
+};
+
+class Backend {
+public:
+    virtual ~Backend() = default;
+    // The largest body the backend accepts; the transport stops collecting a
+    // longer one early instead of buffering it.
+    virtual std::size_t maxBodyBytes() const = 0;
+    // True with the response filled, or false with the failure filled. Called
+    // from any number of threads at once.
+    virtual bool exchange(const HeaderFields& headers, const std::string& body,
+                          std::string& response, BackendFailure& failure) = 0;
+};
+
+// The backend every exchange of the process uses; created on first use.
+Backend& activeBackend();
+
+}  // namespace Transport
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_TRANSPORT_BACKEND_H

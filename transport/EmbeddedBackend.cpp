@@ -1,0 +1,45 @@
+// The default backend: the reference service engine running inside the process.
+// One engine serves every connection and thread of the process.
+#include "service/ServiceEngine.h"
+#include "transport/Backend.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Transport {
+
+namespace {
+
+class EmbeddedBackend : public Backend {
+public:
+    std::size_t maxBodyBytes() const override { return engine.limits().maxBodyBytes; }
+
+    bool exchange(const HeaderFields& headers, const std::string& body, std::string& response,
+                  BackendFailure& failure) override {
+        Service::ServiceFailure refused;
+        if (engine.handle(headers, body, response, refused)) {
+            return true;
+        }
+        failure.code = refused.code;
+        failure.message = refused.message;
+        return false;
+    }
+
+private:
+    Service::ServiceEngine engine;
+};
+
+}  // namespace
+
+// The registrations live as long as the process: stopping the transport
+// (AvQvl_Term down to zero) does not forget them, like a service that keeps
+// running while its clients come and go.
+Backend& activeBackend() {
+    static EmbeddedBackend embedded;
+    return embedded;
+}
+
+}  // namespace Transport
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant

@@ -1,0 +1,74 @@
+// One calling thread's exchange with the backend, driven by the AvQvl_ calls:
+//
+//   SendNoAck(header text)...  SendEOF   Receive -> 19
+//   SendNoAck(body chunk)...   SendEOF   Receive -> 20 (the backend answers here)
+//   Receive -> piece of at most 16384 bytes ... Receive -> -1   Complete
+//
+// A call that does not fit the phase fails with the protocol code; a body or
+// header block over its limit fails with the limit code. Every failure returns
+// the exchange to idle, so the next header block starts afresh; a malformed header
+// block is also reported by the Receive that follows its SendEOF.
+#ifndef AVQVL_TRANSPORT_EXCHANGE_H
+#define AVQVL_TRANSPORT_EXCHANGE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "transport/Backend.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Transport {
+
+constexpr int32_t wantBodyReply = 19;
+constexpr int32_t requestCompleteReply = 20;
+constexpr int32_t endOfResponseReply = -1;
+constexpr std::size_t responsePieceBytes = 16384;
+constexpr std::size_t maxHeaderBlockBytes = 64 * 1024;
+
+class Exchange {
+public:
+    explicit Exchange(Backend& backend) : backend(backend) {}
+
+    // Each returns the AvQvl_ result; a failure's message goes to error.
+    int32_t sendText(const char* text, std::string& error);
+    int32_t endOfInput(std::string& error);
+    int32_t receive(char* buffer, std::string& error);
+    int32_t complete(std::string& error);
+    // Drops whatever is under way.
+    void abandon();
+
+private:
+    enum class Phase {
+        idle,
+        headers,       // collecting the header block
+        headersEnded,  // header block read; the next receive asks for the body
+        body,          // collecting the body
+        bodyEnded,     // the next receive runs the request
+        responding,    // handing out the response
+        finished,      // response read to its end; waiting for Complete
+        failed         // a failure not yet reported by a receive
+    };
+
+    int32_t fail(int32_t code, const std::string& message, std::string& error);
+    int32_t reportPendingFailure(std::string& error);
+
+    Backend& backend;
+    Phase phase = Phase::idle;
+    std::string headerText;
+    HeaderFields headers;
+    std::string body;
+    std::string response;
+    std::size_t responseOffset = 0;
+    int32_t pendingCode = 0;
+    std::string pendingMessage;
+};
+
+}  // namespace Transport
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_TRANSPORT_EXCHANGE_H
