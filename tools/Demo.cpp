@@ -1,0 +1,224 @@
+#include "Demo.h"
+
+#include <functional>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "EventList.h"
+#include "Failure.h"
+#include "client/AvQVLConnection.h"
+
+namespace Quorvel {
+
+using Arvant::Net::AvQuorvel::Client::AvQVLConnection;
+
+namespace {
+
+const char* const kServer = "demo-server";
+const char* const kLocale = "en-GB";
+
+// One client of the scenario. Every participant's connection lives until the
+// end of the demo: destroying a connection ends the XML library for the whole
+// process, and the listing of events needs it.
+struct Participant {
+    std::string name;
+    AvQVLConnection connection;
+};
+
+// A C-style literal, so quotes inside the text stay readable.
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+        }
+        out += c;
+    }
+    return out + "\"";
+}
+
+std::string joined(const std::vector<std::string>& items) {
+    if (items.empty()) {
+        return "none";
+    }
+    std::string out;
+    for (size_t i = 0; i < items.size(); ++i) {
+        out += (i == 0 ? "" : ", ") + items[i];
+    }
+    return out;
+}
+
+void heading(int number, const std::string& title) {
+    std::cout << "\n" << number << ". " << title << "\n";
+}
+
+void sends(const Participant& who, const std::string& call) {
+    std::cout << "  " << who.name << " -> " << call << "\n";
+}
+
+void receives(const std::string& what) {
+    std::cout << "  <- " << what << "\n";
+}
+
+// Runs one step that should succeed; on failure prints it and returns false.
+bool attempt(const std::function<void()>& step, int& exitCode) {
+    try {
+        step();
+        return true;
+    } catch (...) {
+        const Failure failure = describeCurrentException();
+        receives("unexpected error: " + failure.describe());
+        exitCode = failure.exitCode();
+        return false;
+    }
+}
+
+void printEvents(const std::string& events) {
+    receives("events document (" + std::to_string(events.size()) + " bytes):");
+    std::istringstream lines(events);
+    for (std::string line; std::getline(lines, line);) {
+        std::cout << "     | " << line << "\n";
+    }
+    std::vector<Event> parsed;
+    parseEventDocument(events, parsed);
+    receives("parsed: " + std::to_string(parsed.size()) + " event(s)");
+    for (const Event& event : parsed) {
+        std::cout << "       #" << event.sequence << " from " << event.sender << ": " << event.text
+                  << "\n";
+    }
+}
+
+bool registerParticipant(Participant& who, int& exitCode) {
+    sends(who, "registerClient(server " + quoted(kServer) + ", client " + quoted(who.name) +
+                   ", locale " + quoted(kLocale) + ")");
+    return attempt(
+        [&who] {
+            std::string server = kServer;
+            std::string client = who.name;
+            std::string locale = kLocale;
+            std::vector<std::string> shared;
+            who.connection.registerClient(server, client, locale, shared);
+            receives("registered; shared clients: " + joined(shared));
+        },
+        exitCode);
+}
+
+bool postEvent(Participant& who, const std::string& text, const std::string& correlationId,
+               int& exitCode) {
+    sends(who, "putEvents(" + quoted(text) + ", correlation " + quoted(correlationId) + ")");
+    return attempt(
+        [&] {
+            std::string events = text;
+            std::string id = correlationId;
+            std::vector<std::string> shared;
+            who.connection.putEvents(events, shared, id);
+            receives("posted; shared clients: " + joined(shared));
+        },
+        exitCode);
+}
+
+bool fetchEvents(Participant& who, int& exitCode) {
+    const std::string correlationId = "demo.get." + who.name;
+    sends(who, "getEvents(correlation " + quoted(correlationId) + ")");
+    return attempt(
+        [&] {
+            std::string events;
+            std::string id = correlationId;
+            std::vector<std::string> shared;
+            who.connection.getEvents(events, shared, id);
+            printEvents(events);
+            receives("shared clients: " + joined(shared));
+        },
+        exitCode);
+}
+
+}  // namespace
+
+int runDemo() {
+    int exitCode = kExitOk;
+    Participant alice{"alice", {}};
+    Participant bob{"bob", {}};
+    Participant carol{"carol", {}};
+
+    std::cout << "Quorvel demo: three clients of server " << quoted(kServer)
+              << " on the service linked into this process.\n";
+
+    heading(1, "Status check (works before registration)");
+    sends(alice, "getStatus() with the body \"AvQVL Status check\"");
+    int32_t status = -1;
+    if (!attempt([&] { status = alice.connection.getStatus(); }, exitCode)) {
+        return exitCode;
+    }
+    if (status != 0) {
+        receives(std::to_string(status) + " (the service answered with another text)");
+        return kExitServiceFailure;
+    }
+    receives("0 (the service echoed the status text)");
+
+    heading(2, "Three clients register under one server");
+    for (Participant* who : {&alice, &bob, &carol}) {
+        if (!registerParticipant(*who, exitCode)) {
+            return exitCode;
+        }
+    }
+
+    heading(3, "alice posts two events");
+    if (!postEvent(alice, "Build 42 passed", "demo.put.1", exitCode) ||
+        !postEvent(alice, "Deploy <eu-west> & \"canary\" started", "demo.put.2", exitCode)) {
+        return exitCode;
+    }
+
+    heading(4, "bob and carol fetch the events waiting for them");
+    if (!fetchEvents(bob, exitCode) || !fetchEvents(carol, exitCode)) {
+        return exitCode;
+    }
+
+    heading(5, "carol lists the clients sharing the service");
+    sends(carol, "getSharedClients()");
+    if (!attempt(
+            [&] {
+                std::vector<std::string> shared;
+                carol.connection.getSharedClients(shared);
+                receives("shared clients: " + joined(shared));
+            },
+            exitCode)) {
+        return exitCode;
+    }
+
+    heading(6, "bob unregisters");
+    sends(bob, "unregisterClient()");
+    if (!attempt(
+            [&] {
+                std::vector<std::string> shared;
+                bob.connection.unregisterClient(shared);
+                receives("unregistered; shared clients: " + joined(shared));
+            },
+            exitCode)) {
+        return exitCode;
+    }
+
+    heading(7, "bob, no longer registered, tries to fetch");
+    sends(bob, "getEvents(correlation \"demo.get.bob\")");
+    try {
+        std::string events;
+        std::string id = "demo.get.bob";
+        std::vector<std::string> shared;
+        bob.connection.getEvents(events, shared, id);
+        receives("unexpected success: the fetch should have been refused");
+        return kExitServiceFailure;
+    } catch (...) {
+        const Failure failure = describeCurrentException();
+        if (failure.className != "AvQVLProtocolException" || failure.type != -2) {
+            receives("unexpected error: " + failure.describe());
+            return failure.exitCode();
+        }
+        receives("error, as expected: " + failure.describe());
+    }
+
+    std::cout << "\nDemo finished: every step behaved as expected.\n";
+    return kExitOk;
+}
+
+}  // namespace Quorvel

@@ -1,0 +1,109 @@
+#include "Failure.h"
+
+#include <exception>
+#include <sstream>
+
+#include "Json.h"
+#include "client/Exception.h"
+#include "util/XMLNode.h"
+
+namespace Quorvel {
+
+using namespace Arvant::Net::AvQuorvel::Client;
+using Arvant::Net::AvQuorvel::Util::DomException;
+
+namespace {
+
+Failure fromLibrary(const char* className, const Exception& e) {
+    Failure failure;
+    failure.className = className;
+    failure.hasType = true;
+    failure.type = e.getType();
+    failure.message = e.getMessage();
+    failure.fromLibrary = true;
+    return failure;
+}
+
+// The classes have no virtual destructor, so a thrown pointer is deleted
+// through its own class, never through a base.
+template <typename E>
+Failure fromPointer(const char* className, E* e) {
+    Failure failure = fromLibrary(className, *e);
+    delete e;
+    return failure;
+}
+
+}  // namespace
+
+std::string Failure::describe() const {
+    std::ostringstream out;
+    out << className;
+    if (hasType) {
+        out << " (type " << type << ")";
+    }
+    out << ": " << message;
+    return out.str();
+}
+
+std::string Failure::toJson() const {
+    std::ostringstream out;
+    out << "{\"class\":" << jsonQuote(className) << ",\"type\":";
+    if (hasType) {
+        out << type;
+    } else {
+        out << "null";
+    }
+    out << ",\"message\":" << jsonQuote(message) << "}";
+    return out.str();
+}
+
+Failure describeCurrentException() {
+    // The classes are not polymorphic: the handler order (most derived first)
+    // is what finds the class name.
+    try {
+        throw;
+    } catch (const AvQVLConnectionException& e) {
+        return fromLibrary("AvQVLConnectionException", e);
+    } catch (const AvQVLProtocolException& e) {
+        return fromLibrary("AvQVLProtocolException", e);
+    } catch (const AvQVLRuntimeException& e) {
+        return fromLibrary("AvQVLRuntimeException", e);
+    } catch (const AvQVLUnrecognisedException& e) {
+        return fromLibrary("AvQVLUnrecognisedException", e);
+    } catch (const AvQVLException& e) {
+        // Also the library's internal conversion failure, which is not exported.
+        return fromLibrary("AvQVLException", e);
+    } catch (const Exception& e) {
+        return fromLibrary("Exception", e);
+    } catch (const DomException& e) {
+        Failure failure;
+        failure.className = "DomException";
+        failure.message = e.getMessage();
+        failure.fromLibrary = true;
+        return failure;
+    } catch (AvQVLConnectionException* e) {
+        return fromPointer("AvQVLConnectionException", e);
+    } catch (AvQVLProtocolException* e) {
+        return fromPointer("AvQVLProtocolException", e);
+    } catch (AvQVLRuntimeException* e) {
+        return fromPointer("AvQVLRuntimeException", e);
+    } catch (AvQVLUnrecognisedException* e) {
+        return fromPointer("AvQVLUnrecognisedException", e);
+    } catch (AvQVLException* e) {
+        return fromPointer("AvQVLException", e);
+    } catch (Exception* e) {
+        return fromPointer("Exception", e);
+    } catch (const std::exception& e) {
+        Failure failure;
+        failure.className = "std::exception";
+        failure.message = e.what();
+        return failure;
+    } catch (...) {
+        Failure failure;
+        failure.className = "unknown exception";
+        failure.message = "an exception of an unknown type was thrown";
+        return failure;
+    }
+}
+
+}  // namespace Quorvel
