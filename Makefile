@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 CMAKE_FLAGS ?=
 JOBS ?= 2
 
-.PHONY: all deps configure build test demo install clean
+.PHONY: all deps configure build test demo bench test-asan fuzz-smoke clean
 
 all: build
 
@@ -27,5 +27,17 @@ demo: build
 	    echo "Everything is built; the demo arrives with the quorvel tool."; \
 	fi
 
+# Google Benchmark programs; prints a table and writes JSON to $(BUILD_DIR)/bench/.
+bench: deps
+	@scripts/run-bench.sh
+
+# Every test under AddressSanitizer + UndefinedBehaviorSanitizer + LeakSanitizer.
+test-asan: deps
+	@scripts/test-asan.sh
+
+# Each libFuzzer target for a bounded time over its committed corpus.
+fuzz-smoke: deps
+	@scripts/fuzz-smoke.sh
+
 clean:
-	@rm -rf $(BUILD_DIR)
+	@rm -rf $(BUILD_DIR) build-asan build-fuzz build-bench
