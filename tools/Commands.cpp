@@ -7,6 +7,7 @@
 
 #include "EventList.h"
 #include "Failure.h"
+#include "Listing.h"
 #include "Json.h"
 #include "client/AvQVLConnection.h"
 #include "util/XMLNode.h"
@@ -41,17 +42,6 @@ public:
 private:
     std::ostringstream out;
 };
-
-std::string joined(const std::vector<std::string>& items) {
-    if (items.empty()) {
-        return "none";
-    }
-    std::string out;
-    for (size_t i = 0; i < items.size(); ++i) {
-        out += (i == 0 ? "" : ", ") + items[i];
-    }
-    return out;
-}
 
 void printSharedClients(const std::vector<std::string>& clients) {
     std::cout << "shared clients (" << clients.size() << "): " << joined(clients) << "\n";

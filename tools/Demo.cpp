@@ -8,6 +8,7 @@
 
 #include "EventList.h"
 #include "Failure.h"
+#include "Listing.h"
 #include "client/AvQVLConnection.h"
 
 namespace Quorvel {
@@ -37,17 +38,6 @@ std::string quoted(const std::string& text) {
         out += c;
     }
     return out + "\"";
-}
-
-std::string joined(const std::vector<std::string>& items) {
-    if (items.empty()) {
-        return "none";
-    }
-    std::string out;
-    for (size_t i = 0; i < items.size(); ++i) {
-        out += (i == 0 ? "" : ", ") + items[i];
-    }
-    return out;
 }
 
 void heading(int number, const std::string& title) {
