@@ -17,6 +17,11 @@ namespace AvQuorvel {
 namespace Util {
 
 class AVQVL_EXPORT BaseObject {
+protected:
+    // Declared first so that the destructor holds the first virtual slot, ahead
+    // of reallyClone and getNamespaces.
+    virtual ~BaseObject();
+
 public:
     // Copies the namespace URI and the count.
     BaseObject(const BaseObject& other);
@@ -34,7 +39,6 @@ public:
 protected:
     BaseObject();
     BaseObject(const char* namespaceUri);
-    virtual ~BaseObject();
     // Registers namespaces while declarations are pending, then writes the open
     // start tag; true when this element carried the declarations.
     bool outputXMLBase(XmlStream& stream, const std::string& elementName,

@@ -10,8 +10,10 @@
 #elif defined(_WIN32)
 #if defined(AVQVL_BUILDING_LIBRARY)
 #define AVQVL_EXPORT __declspec(dllexport)
-#else
+#elif defined(AVQVL_IMPORT)
 #define AVQVL_EXPORT __declspec(dllimport)
+#else
+#define AVQVL_EXPORT
 #endif
 #elif defined(__GNUC__)
 #define AVQVL_EXPORT __attribute__((visibility("default")))
