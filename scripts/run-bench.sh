@@ -1,0 +1,84 @@
+#!/usr/bin/env bash
+# Builds the benchmark programs (Release, in build-bench/) and runs them: a
+# table on the terminal, one JSON file per program in $BUILD_DIR/bench/.
+# The daemon figures need quorveld (built here) and, for the Redis baseline,
+# redis-server; without them those benchmarks are left out, with a note.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+BENCH_DIR=build-bench
+OUT_DIR="${BUILD_DIR:-build}/bench"
+MIN_TIME="${BENCH_MIN_TIME:-0.2}"
+mkdir -p "$OUT_DIR"
+
+cmake -S . -B "$BENCH_DIR" -G Ninja -DCMAKE_BUILD_TYPE=Release -DAVQVL_BENCH=ON \
+    -DBUILD_TESTING=OFF >/dev/null
+targets=(avqvl_bench_text avqvl_bench_instant avqvl_bench_service)
+if cmake --build "$BENCH_DIR" --target help | grep -q '^quorveld:'; then
+    targets+=(quorveld)
+fi
+cmake --build "$BENCH_DIR" -j "${JOBS:-2}" --target "${targets[@]}"
+
+run() {  # name, then the command
+    local name=$1
+    shift
+    echo
+    echo "== $name"
+    "$@" --benchmark_min_time="$MIN_TIME" --benchmark_out="$OUT_DIR/$name.json" \
+        --benchmark_out_format=json
+}
+
+run text "$BENCH_DIR/bench/avqvl_bench_text"
+run instant "$BENCH_DIR/bench/avqvl_bench_instant"
+run embedded env -u QUORVEL_URL "$BENCH_DIR/bench/avqvl_bench_service"
+
+# The daemon and Redis listen on loopback ports they pick themselves; both are
+# stopped on every way out.
+pids=()
+cleanup() {
+    for pid in "${pids[@]}"; do
+        kill "$pid" 2>/dev/null || true
+        wait "$pid" 2>/dev/null || true
+    done
+    [[ -n "${work:-}" ]] && rm -rf "$work"
+}
+trap cleanup EXIT
+work=$(mktemp -d)
+
+daemon="$BENCH_DIR/service/quorveld"
+if [[ ! -x "$daemon" ]]; then
+    echo
+    echo "== daemon: skipped, quorveld was not built"
+    exit 0
+fi
+"$daemon" --listen 127.0.0.1:0 --quiet >"$work/quorveld.log" 2>&1 &
+pids+=($!)
+port=""
+for _ in $(seq 1 100); do
+    port=$(sed -n 's/^quorveld listening on .*:\([0-9][0-9]*\)$/\1/p' "$work/quorveld.log")
+    [[ -n "$port" ]] && break
+    sleep 0.05
+done
+if [[ -z "$port" ]]; then
+    echo "== daemon: skipped, quorveld did not start:" >&2
+    cat "$work/quorveld.log" >&2
+    exit 1
+fi
+
+redis_port=""
+if command -v redis-server >/dev/null; then
+    redis_port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
+    redis-server --port "$redis_port" --bind 127.0.0.1 --save "" --appendonly no \
+        --daemonize no --dir "$work" >"$work/redis.log" 2>&1 &
+    pids+=($!)
+    for _ in $(seq 1 100); do
+        if redis-cli -p "$redis_port" ping >/dev/null 2>&1; then
+            break
+        fi
+        sleep 0.05
+    done
+else
+    echo "(redis-server is not installed: no Redis PING baseline)"
+fi
+QUORVEL_URL="http://127.0.0.1:$port" REDIS_PORT="$redis_port" \
+    run daemon "$BENCH_DIR/bench/avqvl_bench_service"
