@@ -5,7 +5,9 @@
 #include <xercesc/sax2/Attributes.hpp>
 #include <xercesc/sax2/XMLReaderFactory.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
+#include <xercesc/util/SecurityManager.hpp>
 #include <xercesc/util/XMLString.hpp>
+#include <xercesc/util/XMLUni.hpp>
 
 #include <cstring>
 #include <iostream>
@@ -22,6 +24,23 @@ using xercesc::XMLString;
 namespace {
 const char* const kStringBufferId = "From-String";
 const char* const kStringDocumentName = "From String";
+
+// Bounds on what a document may expand to through entities it declares itself:
+// at most this many expansions, each at most this many characters of replacement
+// text, so no document grows beyond about ten million characters however its
+// entities nest or repeat. Documents without a DOCTYPE never reach either.
+const XMLSize_t kMaxEntityExpansions = 10000;
+const XMLSize_t kMaxEntityValueLength = 1024;
+
+// Shared by every reader of the process; readers only read it.
+xercesc::SecurityManager& entityExpansionGuard() {
+    static xercesc::SecurityManager* const guard = [] {
+        static xercesc::SecurityManager manager;
+        manager.setEntityExpansionLimit(kMaxEntityExpansions);
+        return &manager;
+    }();
+    return *guard;
+}
 }  // namespace
 
 bool SAXToNodeParser::replaceSubChars = false;
@@ -63,14 +82,29 @@ void SAXToNodeParser::discardTree() {
     current = nullptr;
 }
 
-XMLNode* SAXToNodeParser::parseString(const std::string& xml) {
-    discardTree();
+// The reader runs with the XML library's defaults except where those let a
+// response reach beyond itself: nothing external is loaded (no external DTD,
+// external entity or schema, whether a local file or a network resource; each
+// such reference ends the parse with a fatal error, or for schemas is ignored),
+// and entity expansion is bounded (kMaxEntityExpansions, internalEntityDecl).
+// A document without a DOCTYPE or schema location parses exactly as with the
+// defaults.
+void SAXToNodeParser::createReader() {
     delete reader;
     reader = nullptr;
     reader = xercesc::XMLReaderFactory::createXMLReader(XMLPlatformUtils::fgMemoryManager, 0);
-    documentName = kStringDocumentName;
+    reader->setFeature(xercesc::XMLUni::fgXercesDisableDefaultEntityResolution, true);
+    reader->setFeature(xercesc::XMLUni::fgXercesLoadSchema, false);
+    reader->setProperty(xercesc::XMLUni::fgXercesSecurityManager, &entityExpansionGuard());
     reader->setContentHandler(this);
     reader->setErrorHandler(this);
+    reader->setDeclarationHandler(this);
+}
+
+XMLNode* SAXToNodeParser::parseString(const std::string& xml) {
+    discardTree();
+    createReader();
+    documentName = kStringDocumentName;
 
     // The terminating NUL goes to the reader as the last byte of the buffer.
     const XMLSize_t byteCount = std::strlen(xml.c_str()) + 1;
@@ -82,12 +116,8 @@ XMLNode* SAXToNodeParser::parseString(const std::string& xml) {
 
 XMLNode* SAXToNodeParser::parseFile(const std::string& name) {
     discardTree();
-    delete reader;
-    reader = nullptr;
-    reader = xercesc::XMLReaderFactory::createXMLReader(XMLPlatformUtils::fgMemoryManager, 0);
+    createReader();
     documentName = name;
-    reader->setContentHandler(this);
-    reader->setErrorHandler(this);
     reader->parse(name.c_str());
     return root;
 }
@@ -151,6 +181,16 @@ void SAXToNodeParser::startElement(const XMLCh* uri, const XMLCh* localname, con
         node->parent = current;
         current->children.push_back(node.get());
         current = node.release();
+    }
+}
+
+void SAXToNodeParser::internalEntityDecl(const XMLCh* name, const XMLCh* value) {
+    const XMLSize_t length = value != nullptr ? XMLString::stringLen(value) : 0;
+    if (length > kMaxEntityValueLength) {
+        throw DomException("Entity '" + transcodeToString(name, true) + "' of XML Document '" +
+                           documentName + "' has " + std::to_string(length) +
+                           " characters of replacement text; at most " +
+                           std::to_string(kMaxEntityValueLength) + " are allowed.\n");
     }
 }
 

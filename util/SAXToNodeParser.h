@@ -46,6 +46,13 @@ public:
     void fatalError(const xercesc::SAXParseException& exc) override;
 
 private:
+    // A response may declare entities of its own. Their replacement texts are
+    // bounded so that, with the reader's cap on the number of expansions, no
+    // document can expand beyond a bounded size (see SAXToNodeParser.cpp).
+    void internalEntityDecl(const XMLCh* name, const XMLCh* value) override;
+    // Creates the reader of one parse, refusing everything external.
+    void createReader();
+
     // Converts text of the XML library to the local code page; with replace set,
     // every SUB byte (0x1A, what the converter leaves for an unmappable character)
     // becomes "?".

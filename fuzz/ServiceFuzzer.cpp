@@ -1,0 +1,69 @@
+// The reference service's request handling: header fields, operation and body
+// from the input, one engine across inputs so that state builds up. The input is
+// lines (LF) of name=value headers, then an empty line, then the body; a few
+// well-known requests are mixed in so that registered clients exist.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "service/ServiceEngine.h"
+
+using namespace Arvant::Net::AvQuorvel::Service;
+
+namespace {
+
+ServiceEngine& engine() {
+    static ServiceEngine* const instance = [] {
+        ServiceLimits limits;
+        limits.maxBodyBytes = 4096;
+        limits.maxQueuedEventsPerClient = 8;
+        limits.maxClientsPerServer = 8;
+        return new ServiceEngine(limits);
+    }();
+    return *instance;
+}
+
+void handle(const RequestHeaders& headers, const std::string& body) {
+    std::string response;
+    ServiceFailure failure;
+    if (engine().handle(headers, body, response, failure)) {
+        return;
+    }
+    if ((failure.code != protocolFailureCode && failure.code != limitFailureCode) ||
+        failure.message.empty()) {
+        std::abort();
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    RequestHeaders headers;
+    std::size_t start = 0;
+    for (;;) {
+        const std::size_t end = input.find('\n', start);
+        const std::string line = input.substr(start, end - start);
+        start = end == std::string::npos ? input.size() : end + 1;
+        if (line.empty() || end == std::string::npos) {
+            break;
+        }
+        const std::size_t equals = line.find('=');
+        headers.emplace(line.substr(0, equals),
+                        equals == std::string::npos ? std::string() : line.substr(equals + 1));
+    }
+    const std::string body = input.substr(start);
+    handle(headers, body);
+
+    // The same request from a client that surely is registered.
+    RequestHeaders known = headers;
+    known["Service-Name"] = "AvQVLRequest";
+    known["Server-ID"] = "S";
+    known["Client-ID"] = "fuzz";
+    RequestHeaders registration = known;
+    registration["Operation-Name"] = "registerClient";
+    handle(registration, std::string());
+    handle(known, body);
+    return 0;
+}

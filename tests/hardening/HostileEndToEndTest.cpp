@@ -1,0 +1,131 @@
+// Hostile arguments through the real transport into the embedded service: each
+// ends in a clear exception or a documented result, and the service loses
+// nothing and keeps nothing half-done (an observer's view stays consistent).
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "client/AvQVLConnection.h"
+#include "client/Exception.h"
+
+using namespace Arvant::Net::AvQuorvel::Client;
+
+namespace {
+
+using Ids = std::vector<std::string>;
+
+std::string outcomeOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const AvQVLProtocolException&) {
+        return "protocol";
+    } catch (const AvQVLRuntimeException&) {
+        return "runtime";
+    } catch (const Exception& e) {
+        return "other: " + e.getMessage();
+    }
+    return "ok";
+}
+
+class HostileEndToEndTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string client = "observer", locale;
+        Ids shared;
+        observer.registerClient(server, client, locale, shared);
+    }
+    void TearDown() override {
+        Ids shared;
+        observer.unregisterClient(shared);
+    }
+    Ids observed() {
+        Ids shared;
+        observer.getSharedClients(shared);
+        return shared;
+    }
+    std::string register_(const std::string& id, AvQVLConnection& connection) {
+        std::string serverId = server, client = id, locale;
+        Ids shared;
+        return outcomeOf([&] { connection.registerClient(serverId, client, locale, shared); });
+    }
+
+    std::string server =
+        "hostile-" + std::string(::testing::UnitTest::GetInstance()->current_test_info()->name());
+    AvQVLConnection observer;
+};
+
+TEST_F(HostileEndToEndTest, HostileIdentifiersAreRefusedOrSentAsTheyStand) {
+    struct Case {
+        const char* what;
+        std::string id;
+        const char* outcome;
+        Ids registered;  // the observer's list afterwards
+    };
+    const Case cases[] = {
+        {"lone line feed", "C\nD", "protocol", {"observer"}},
+        {"lone carriage return", "C\rD", "protocol", {"observer"}},
+        {"CR LF repeating a header", "C\r\nServer-ID=other", "protocol", {"observer"}},
+        {"CR LF ending the block early", "C\r\n\r\nrest", "protocol", {"observer"}},
+        {"1 MiB identifier: header block over the transport's limit",
+         std::string(1 << 20, 'c'),
+         "runtime",
+         {"observer"}},
+        {"empty identifier", "", "protocol", {"observer"}},
+        {"control character", "C\x01", "protocol", {"observer"}},
+        // Values are not escaped: CR LF followed by name=value adds a header
+        // line, and the service registers the part before it.
+        {"CR LF adding a header", "C\r\nX-Extra=1", "ok", {"observer", "C"}},
+    };
+    for (const Case& c : cases) {
+        AvQVLConnection connection;
+        EXPECT_EQ(register_(c.id, connection), c.outcome) << c.what;
+        EXPECT_EQ(observed(), c.registered) << c.what;
+    }
+}
+
+TEST_F(HostileEndToEndTest, HostileEventsAreRefusedWholeOrDeliveredAsSent) {
+    AvQVLConnection sender;
+    ASSERT_EQ(register_("sender", sender), "ok");
+    struct Case {
+        const char* what;
+        std::string events;
+        const char* outcome;
+        std::string delivered;  // "" : nothing queued
+    };
+    const Case cases[] = {
+        {"control character",
+         "a\x01"
+         "b",
+         "protocol", ""},
+        {"NUL byte: the text before it", std::string("before\0after", 12), "ok", "before"},
+        {"1 MiB", std::string(1 << 20, 'e'), "ok", std::string(1 << 20, 'e')},
+        {"17 MiB: over the service's body limit", std::string(17 << 20, 'e'), "runtime", ""},
+        {"markup", "<a>&amp;\"%'", "ok", "<a>&amp;\"%'"},
+    };
+    for (const Case& c : cases) {
+        std::string events = c.events, correlation = "hostile";
+        Ids shared;
+        EXPECT_EQ(outcomeOf([&] { sender.putEvents(events, shared, correlation); }), c.outcome)
+            << c.what;
+    }
+    std::string received, correlation = "drain";
+    Ids shared;
+    observer.getEvents(received, shared, correlation);
+    EXPECT_EQ(shared, (Ids{"observer", "sender"}));
+    // Exactly the three accepted events arrived, each whole, in order.
+    std::size_t count = 0;
+    for (std::size_t at = received.find("<ns0:event "); at != std::string::npos;
+         at = received.find("<ns0:event ", at + 1)) {
+        ++count;
+    }
+    EXPECT_EQ(count, 3u);
+    EXPECT_NE(received.find(">before</ns0:event>"), std::string::npos);
+    EXPECT_NE(received.find(std::string(1 << 20, 'e')), std::string::npos);
+    EXPECT_NE(received.find("&lt;a&gt;&amp;amp;&quot;&#x25;&apos;"), std::string::npos);
+    Ids left;
+    sender.unregisterClient(left);
+}
+
+}  // namespace
