@@ -5,7 +5,9 @@
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
-#include <sstream>
+#include <istream>
+#include <streambuf>
+#include <string_view>
 
 #include "client/AvQVLRequest.h"
 #include "client/Exception.h"
@@ -45,9 +47,22 @@ void releaseXmlLibrary() {
     }
 }
 
-// Sends `body` and a NUL byte as the request body; returns the response.
-std::string sendWithBody(AvQVLRequest& request, const std::string& body) {
-    std::istringstream stream(body + '\0');
+// Reads a text and the NUL byte that follows it in memory, in place. Nothing
+// is ever written through the get area: put-back of a different character
+// fails (the default pbackfail) instead of storing it.
+class TerminatedTextBuffer : public std::streambuf {
+public:
+    explicit TerminatedTextBuffer(std::string_view text) {
+        char* begin = const_cast<char*>(text.data());
+        setg(begin, begin, begin + text.size() + 1);
+    }
+};
+
+// Sends `body` and the NUL byte after it as the request body, the bytes an
+// std::istringstream of body + '\0' would give without copying them twice.
+std::string sendWithBody(AvQVLRequest& request, std::string_view body) {
+    TerminatedTextBuffer buffer(body);
+    std::istream stream(&buffer);
     request.setRequestStream(&stream);
     return request.send();
 }
@@ -107,12 +122,12 @@ void AvQVLConnection::termAvQvl() {
     }
 }
 
-void AvQVLConnection::setRequestHeader(AvQVLRequest& request, const std::string& operationName,
-                                       const std::string& logCorrelationId, bool includeClientIds) {
+void AvQVLConnection::setRequestHeader(AvQVLRequest& request, const char* operationName,
+                                       const char* logCorrelationId, bool includeClientIds) {
     initAvQvl();
     request.addHeader("Service-Name", "AvQVLRequest");
-    request.addHeader("Operation-Name", operationName.c_str());
-    request.addHeader("Log-Correlation-ID", logCorrelationId.c_str());
+    request.addHeader("Operation-Name", operationName);
+    request.addHeader("Log-Correlation-ID", logCorrelationId);
     if (!locale.empty()) {
         request.addHeader("Locale", locale.c_str());
     }
@@ -122,9 +137,8 @@ void AvQVLConnection::setRequestHeader(AvQVLRequest& request, const std::string&
     }
 }
 
-std::string AvQVLConnection::exchange(Precondition precondition, const std::string& operationName,
-                                      const std::string& logCorrelationId,
-                                      const std::string& body) {
+std::string AvQVLConnection::exchange(Precondition precondition, const char* operationName,
+                                      const char* logCorrelationId, std::string_view body) {
     if (precondition != Precondition::None && !isClientRegistered()) {
         if (precondition == Precondition::RegisteredThrowsPointer) {
             throw new AvQVLProtocolException(-2, kNotRegistered);  // the handler owns it
@@ -178,16 +192,17 @@ void AvQVLConnection::unregisterClient(std::vector<std::string>& sharedClients) 
 
 void AvQVLConnection::getEvents(std::string& events, std::vector<std::string>& sharedClients,
                                 std::string& logCorrelationId) {
-    events =
-        exchange(Precondition::Registered, "getEvents", logCorrelationId, "Get Events Request");
+    events = exchange(Precondition::Registered, "getEvents", logCorrelationId.c_str(),
+                      "Get Events Request");
     sharedClients.clear();
     getSharedClients(sharedClients);  // a second, complete exchange
 }
 
 void AvQVLConnection::putEvents(std::string& events, std::vector<std::string>& sharedClients,
                                 std::string& logCorrelationId) {
-    appendSharedClients(exchange(Precondition::Registered, "putEvents", logCorrelationId, events),
-                        sharedClients);
+    appendSharedClients(
+        exchange(Precondition::Registered, "putEvents", logCorrelationId.c_str(), events),
+        sharedClients);
 }
 
 void AvQVLConnection::getSharedClients(std::vector<std::string>& sharedClients) {

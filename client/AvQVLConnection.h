@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "util/Export.h"
@@ -43,11 +44,13 @@ private:
     bool isClientRegistered() const;
     void initAvQvl();
     void termAvQvl();
-    void setRequestHeader(AvQVLRequest& request, const std::string& operationName,
-                          const std::string& logCorrelationId, bool includeClientIds);
+    void setRequestHeader(AvQVLRequest& request, const char* operationName,
+                          const char* logCorrelationId, bool includeClientIds);
     // The exchange every registered-client operation runs; returns the response.
-    std::string exchange(Precondition precondition, const std::string& operationName,
-                         const std::string& logCorrelationId, const std::string& body);
+    // `body` must be followed in memory by a NUL byte, which is sent with it
+    // (string literals and std::string data are).
+    std::string exchange(Precondition precondition, const char* operationName,
+                         const char* logCorrelationId, std::string_view body);
 
     std::string serverId;
     std::string clientId;

@@ -43,7 +43,17 @@ void AvQVLRequest::addHeader(const char* name, const char* value) {
     if (name == nullptr) {
         throw AvQVLRuntimeException("A request header needs a name.");
     }
-    headers.emplace(name, value != nullptr ? value : "");  // keeps an existing value
+    if (headers.empty()) {
+        headers.reserve(8);  // the most a connection sends; before any iterator is taken
+    }
+    auto at = headers.begin();
+    while (at != headers.end() && at->first.compare(name) < 0) {
+        ++at;
+    }
+    if (at != headers.end() && at->first.compare(name) == 0) {
+        return;  // keeps the existing value
+    }
+    headers.emplace(at, name, value != nullptr ? value : "");
 }
 
 void AvQVLRequest::setRequestStream(std::istream* stream) {
@@ -75,7 +85,12 @@ std::string AvQVLRequest::send() {
 }
 
 std::string AvQVLRequest::buildHeaderBlock() const {
+    std::size_t size = 2;
+    for (const auto& header : headers) {
+        size += header.first.size() + header.second.size() + 3;
+    }
     std::string block;
+    block.reserve(size);  // one allocation; the "null" values only make it shorter
     for (const auto& header : headers) {
         block += header.first;
         block += '=';

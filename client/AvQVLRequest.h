@@ -6,8 +6,9 @@
 
 #include <cstdint>
 #include <istream>
-#include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "util/Export.h"
 
@@ -38,7 +39,9 @@ private:
 
     char* receiveBuffer;
     std::istream* requestStream;
-    std::map<std::string, std::string> headers;
+    // Sorted by name, one entry per name: a handful of headers, so a vector
+    // searched in place costs less than a tree of nodes.
+    std::vector<std::pair<std::string, std::string>> headers;
 };
 
 // AvQvl_Init with malloc/free; any non-zero result throws.

@@ -11,15 +11,19 @@ Exception::Exception(const Exception& other) = default;
 Exception& Exception::operator=(const Exception& other) = default;  // self-safe: string handles it
 Exception::~Exception() = default;
 
-const std::string& Exception::getMessage() const { return message; }
-int32_t Exception::getType() const { return type; }
+const std::string& Exception::getMessage() const {
+    return message;
+}
+int32_t Exception::getType() const {
+    return type;
+}
 
 // The derived classes add no data: each forwards to its base.
-#define AVQVL_DEFINE_EXCEPTION(Class, Base)                                              \
-    Class::Class(const std::string& message) : Base(message) {}                         \
-    Class::Class(int32_t type, const std::string& message) : Base(type, message) {}     \
-    Class::Class(const Class& other) = default;                                         \
-    Class& Class::operator=(const Class& other) = default;                              \
+#define AVQVL_DEFINE_EXCEPTION(Class, Base)                                         \
+    Class::Class(const std::string& message) : Base(message) {}                     \
+    Class::Class(int32_t type, const std::string& message) : Base(type, message) {} \
+    Class::Class(const Class& other) = default;                                     \
+    Class& Class::operator=(const Class& other) = default;                          \
     Class::~Class() = default;
 
 AVQVL_DEFINE_EXCEPTION(AvQVLException, Exception)

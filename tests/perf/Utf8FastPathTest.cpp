@@ -70,7 +70,14 @@ protected:
             hideUtf8Type = true;
             const std::string pumped = outcome(convert, input);
             hideUtf8Type = false;
-            ASSERT_EQ(pumped, copied) << "input of " << input.size() << " bytes";
+            // Long texts: report where they part, not the texts themselves.
+            std::size_t at = 0;
+            while (at < pumped.size() && at < copied.size() && pumped[at] == copied[at]) {
+                ++at;
+            }
+            ASSERT_TRUE(pumped == copied)
+                << "input of " << input.size() << " bytes: " << pumped.size() << " pumped and "
+                << copied.size() << " copied bytes part at byte " << at;
         }
     }
 
@@ -156,6 +163,65 @@ TEST_F(Utf8FastPathTest, LengthsAroundPassBoundaries) {
             damage(text);
         }
         expectSameBothWays(text);
+    }
+}
+
+// Every lead byte with every second byte, followed by bytes that may or may not
+// continue it, at every position within a sixteen-byte block and among the
+// last bytes of the text, where the block check hands over to the byte check.
+TEST_F(Utf8FastPathTest, EveryTwoBytePrefixAtEveryAlignment) {
+    static const unsigned char kFollowers[] = {0x00, 0x41, 0x7F, 0x80, 0x8F, 0x90,
+                                               0x9F, 0xA0, 0xBF, 0xC0, 0xF0, 0xFF};
+    const std::size_t kLength = 1061;  // not a multiple of sixteen
+    std::size_t round = 0;
+    for (int lead = 0x80; lead <= 0xFF; ++lead) {
+        for (int second = 0; second <= 0xFF; ++second, ++round) {
+            // Cycle the sequence through 16 block positions and the last four bytes.
+            const std::size_t slot = round % 20;
+            const std::size_t at = slot < 16 ? 512 + slot : kLength - (slot - 15);
+            std::string text = wellFormed(at - 4);
+            text.resize(at, 'x');
+            text += static_cast<char>(lead);
+            text += static_cast<char>(second);
+            text += static_cast<char>(kFollowers[random() % 12]);
+            text += static_cast<char>(kFollowers[random() % 12]);
+            if (text.size() + 3 < kLength) {
+                text += wellFormed(kLength - text.size() - 3);
+            }
+            text.resize(kLength, 'x');
+            expectSameBothWays(text);
+        }
+    }
+}
+
+// A four-byte character at the very unit where the first pass ends, reached
+// through random text so that it sits at every position within a block.
+TEST_F(Utf8FastPathTest, PairAtThePassEndFromEveryAlignment) {
+    const std::size_t kPassUnits = 20480;
+    for (std::size_t target : {kPassUnits - 1, 2 * kPassUnits - 1}) {
+        for (int round = 0; round < 24; ++round) {
+            std::string text;
+            std::size_t units = 0;
+            std::size_t grown = 0;  // by pairs across an earlier pass end
+            while (units + 2 < target) {
+                const std::size_t before = text.size();
+                appendCharacter(text);
+                const bool pair = text.size() - before == 4;
+                grown += pair && units % kPassUnits == kPassUnits - 1 ? 2 : 0;
+                units += pair ? 2 : 1;
+            }
+            while (units < target) {
+                text += 'a';
+                ++units;
+            }
+            const std::size_t pairAt = text.size();
+            text += "\xF0\x9F\x98\x80";
+            text += wellFormed(random() % 40);
+            expectSameBothWays(text);
+            const std::string copied = toUtf8(text.data(), static_cast<int32_t>(text.size()));
+            ASSERT_EQ("\xEF\xBF\xBD\xEF\xBF\xBD", copied.substr(pairAt + grown, 6))
+                << "round " << round;
+        }
     }
 }
 
