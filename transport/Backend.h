@@ -1,7 +1,7 @@
 // What stands behind the AvQvl_ functions: something that takes one request
 // (header fields and body, UTF-8) and answers it. The AvQvl_ state machine in
 // AvQvlBinding.cpp knows only this interface; the embedded service is the
-// default, and further backends (an HTTP client, say) plug in at activeBackend().
+// default; QUORVEL_URL selects the HTTP backend instead (BackendSelection.cpp).
 #ifndef AVQVL_TRANSPORT_BACKEND_H
 #define AVQVL_TRANSPORT_BACKEND_H
 
@@ -39,8 +39,13 @@ public:
                           std::string& response, BackendFailure& failure) = 0;
 };
 
-// The backend every exchange of the process uses; created on first use.
+// The backend every exchange of the process uses, chosen and created on first
+// use: the HTTP backend when QUORVEL_URL is set and not empty, else the embedded
+// service. The environment is read once; later changes have no effect.
 Backend& activeBackend();
+
+// The reference service running inside the process.
+Backend& embeddedBackend();
 
 }  // namespace Transport
 }  // namespace AvQuorvel

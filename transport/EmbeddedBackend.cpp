@@ -34,7 +34,7 @@ private:
 // The registrations live as long as the process: stopping the transport
 // (AvQvl_Term down to zero) does not forget them, like a service that keeps
 // running while its clients come and go.
-Backend& activeBackend() {
+Backend& embeddedBackend() {
     static EmbeddedBackend embedded;
     return embedded;
 }

@@ -1,0 +1,66 @@
+// An httplib::Server that serves each accepted connection itself, so every
+// request is bounded however slowly its client sends:
+//   - the request head (request line and header lines) may hold at most
+//     maxHeadBytes; a longer one is answered 431,
+//   - the whole request, head and body, must arrive within requestTimeoutMs of
+//     its first byte; a late one is answered 408,
+//   - a connection that sends nothing for readTimeoutMs in the middle of a
+//     request, or keepAliveMs between requests, is closed,
+//   - once stop() is asked for, idle kept-alive connections close at once and
+//     busy ones after their answer.
+// The HTTP parsing stays the library's: this class only hands it the bytes.
+#ifndef AVQVL_SERVICE_GUARDEDSERVER_H
+#define AVQVL_SERVICE_GUARDEDSERVER_H
+
+#include <httplib.h>
+
+#include <atomic>
+#include <cstddef>
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Service {
+
+struct ConnectionLimits {
+    long readTimeoutMs = 5000;
+    long requestTimeoutMs = 30000;
+    long keepAliveMs = 5000;
+    std::size_t keepAliveRequests = 1000;
+    std::size_t maxHeadBytes = 64 * 1024;
+};
+
+// Why the request being read on this thread failed, if it did.
+struct RequestTrouble {
+    bool late = false;     // passed the request time-out
+    bool stalled = false;  // nothing came for the read time-out
+    bool headTooLong = false;
+    bool closeAfterAnswer = false;  // the request could not be read as a whole
+};
+// The trouble of the request this worker thread is reading (for handlers).
+const RequestTrouble& currentRequestTrouble();
+// Called when the head has been read (from the pre-routing handler): the head
+// limit no longer counts what follows.
+void markRequestHeadRead();
+// The connection closes once the current answer is written.
+void markCloseAfterAnswer();
+
+class GuardedServer : public httplib::Server {
+public:
+    explicit GuardedServer(const ConnectionLimits& limits) : limits(limits) {}
+    // Idle connections close; stop() of the base then ends listening.
+    void beginStop() { stopping = true; }
+
+private:
+    bool process_and_close_socket(socket_t sock) override;
+
+    const ConnectionLimits limits;
+    std::atomic<bool> stopping{false};
+};
+
+}  // namespace Service
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_SERVICE_GUARDEDSERVER_H

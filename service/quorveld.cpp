@@ -1,0 +1,95 @@
+// quorveld: the Quorvel service as a daemon over HTTP (protocol in
+// transport/HttpWire.h). Prints "quorveld listening on HOST:PORT" on standard
+// output once it accepts connections, logs one line per request on standard
+// error (unless --quiet), and on SIGINT or SIGTERM lets the exchanges under way
+// finish and exits 0.
+#include <pthread.h>
+#include <signal.h>
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <iostream>
+#include <thread>
+
+#include "service/Daemon.h"
+
+using Arvant::Net::AvQuorvel::Service::Daemon;
+using Arvant::Net::AvQuorvel::Service::DaemonOptions;
+using Arvant::Net::AvQuorvel::Service::parseListenAddress;
+
+int main(int argc, char** argv) {
+    DaemonOptions options;
+    std::string listen = "127.0.0.1:7070";
+    CLI::App app{"quorveld: the Quorvel event service over HTTP/1.1 (POST /quorvel/v1/exchange)."};
+    app.add_option("--listen", listen, "HOST:PORT to listen on; port 0 picks a free one")
+        ->capture_default_str();
+    app.add_option("--max-body", options.limits.maxBodyBytes, "Largest request body in bytes")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--max-queued-events", options.limits.maxQueuedEventsPerClient,
+                   "Most events waiting for one client")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--max-clients-per-server", options.limits.maxClientsPerServer,
+                   "Most clients registered under one server identifier")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--workers", options.workers,
+                   "Worker threads; each serves one connection at a time")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1024));
+    app.add_option("--read-timeout-ms", options.readTimeoutMs,
+                   "Close a connection that sends nothing for this long")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--request-timeout-ms", options.requestTimeoutMs,
+                   "Answer 408 when a request body takes longer than this")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--keep-alive-s", options.keepAliveSeconds,
+                   "Close an idle kept-alive connection after this many seconds")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 3600));
+    app.add_flag("--quiet", options.quiet, "No log line per request");
+    CLI11_PARSE(app, argc, argv);
+
+    std::string error;
+    if (!parseListenAddress(listen, options.host, options.port, error)) {
+        std::cerr << "quorveld: " << error << "\n";
+        return 2;
+    }
+
+    // A peer that goes away mid-answer must not kill the daemon.
+    signal(SIGPIPE, SIG_IGN);
+    // SIGINT and SIGTERM are taken by one thread with sigwait; every other thread
+    // (the workers inherit this mask) leaves them alone.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    Daemon daemon(options, stderr);
+    if (!daemon.bind(error)) {
+        std::cerr << "quorveld: " << error << "\n";
+        return 1;
+    }
+    std::thread signalWaiter([&] {
+        int signal = 0;
+        sigwait(&stopSignals, &signal);
+        daemon.stop();
+    });
+    std::cout << "quorveld listening on " << options.host << ":" << daemon.port() << std::endl;
+
+    const bool served = daemon.run();
+    if (!served) {
+        std::cerr << "quorveld: the listening socket failed.\n";
+        // Wake the waiter so the process can end.
+        pthread_kill(signalWaiter.native_handle(), SIGTERM);
+    }
+    signalWaiter.join();
+    if (!options.quiet) {
+        std::cerr << "quorveld stopped\n";
+    }
+    return served ? 0 : 1;
+}

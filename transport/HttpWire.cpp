@@ -1,0 +1,119 @@
+#include "transport/HttpWire.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Transport {
+
+const char* const exchangePath = "/quorvel/v1/exchange";
+const char* const fieldHeaderName = "Quorvel-Field";
+const char* const codeHeaderName = "Quorvel-Code";
+
+namespace {
+
+const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+int sextet(char c) {
+    if (c >= 'A' && c <= 'Z') {
+        return c - 'A';
+    }
+    if (c >= 'a' && c <= 'z') {
+        return c - 'a' + 26;
+    }
+    if (c >= '0' && c <= '9') {
+        return c - '0' + 52;
+    }
+    if (c == '-') {
+        return 62;
+    }
+    if (c == '_') {
+        return 63;
+    }
+    return -1;
+}
+
+}  // namespace
+
+std::string base64UrlEncode(const std::string& bytes) {
+    std::string text;
+    text.reserve((bytes.size() + 2) / 3 * 4);
+    uint32_t bits = 0;
+    int count = 0;
+    for (char c : bytes) {
+        bits = (bits << 8) | static_cast<unsigned char>(c);
+        count += 8;
+        while (count >= 6) {
+            count -= 6;
+            text += alphabet[(bits >> count) & 0x3F];
+        }
+    }
+    if (count > 0) {
+        text += alphabet[(bits << (6 - count)) & 0x3F];
+    }
+    return text;
+}
+
+bool base64UrlDecode(const std::string& text, std::string& bytes) {
+    bytes.clear();
+    if (text.size() % 4 == 1) {
+        return false;
+    }
+    uint32_t bits = 0;
+    int count = 0;
+    for (char c : text) {
+        const int value = sextet(c);
+        if (value < 0) {
+            return false;
+        }
+        bits = (bits << 6) | static_cast<uint32_t>(value);
+        count += 6;
+        if (count >= 8) {
+            count -= 8;
+            bytes += static_cast<char>((bits >> count) & 0xFF);
+        }
+    }
+    return (bits & ((1u << count) - 1)) == 0;  // the unused low bits must be zero
+}
+
+std::string encodeField(const std::string& name, const std::string& value) {
+    return base64UrlEncode(name) + "=" + base64UrlEncode(value);
+}
+
+bool decodeField(const std::string& line, std::string& name, std::string& value,
+                 std::string& problem) {
+    const std::size_t equals = line.find('=');
+    if (equals == std::string::npos) {
+        problem = "A Quorvel-Field line has no \"=\" between name and value.";
+        return false;
+    }
+    if (!base64UrlDecode(line.substr(0, equals), name) ||
+        !base64UrlDecode(line.substr(equals + 1), value)) {
+        problem = "A Quorvel-Field line is not in base64url.";
+        return false;
+    }
+    if (name.empty()) {
+        problem = "A Quorvel-Field line has an empty name.";
+        return false;
+    }
+    return true;
+}
+
+int32_t transportCodeForStatus(int status) {
+    switch (status) {
+        case 400:
+        case 422:
+            return -3017;
+        case 413:
+        case 429:
+        case 431:
+        case 507:
+            return -3016;
+        default:
+            return -3099;
+    }
+}
+
+}  // namespace Transport
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
