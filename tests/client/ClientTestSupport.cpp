@@ -32,12 +32,18 @@ Thrown thrownBy(const std::function<void()>& call) {
 }
 
 void scriptHandshake() {
-    TestTransport::pushResult("AvQvl_SendNoAck", 0);
-    TestTransport::pushResult("AvQvl_SendEOF", 0);
-    TestTransport::pushResult("AvQvl_Receive", 19);
-    TestTransport::pushResult("AvQvl_SendNoAck", 1);
-    TestTransport::pushResult("AvQvl_SendEOF", 0);
-    TestTransport::pushResult("AvQvl_Receive", 20);
+    script({{"AvQvl_SendNoAck", 0},
+            {"AvQvl_SendEOF", 0},
+            {"AvQvl_Receive", 19},
+            {"AvQvl_SendNoAck", 1},
+            {"AvQvl_SendEOF", 0},
+            {"AvQvl_Receive", 20}});
+}
+
+void script(const Steps& steps) {
+    for (const auto& step : steps) {
+        TestTransport::pushResult(step.first, step.second);
+    }
 }
 
 int countCalls(const std::string& function) {
@@ -46,6 +52,16 @@ int countCalls(const std::string& function) {
         count += call.function == function ? 1 : 0;
     }
     return count;
+}
+
+std::vector<std::string> sentTexts() {
+    std::vector<std::string> texts;
+    for (const TransportCall& call : TestTransport::calls()) {
+        if (call.function == kSend) {
+            texts.push_back(call.text);
+        }
+    }
+    return texts;
 }
 
 }  // namespace ClientTest

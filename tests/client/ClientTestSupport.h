@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "client/Exception.h"
 #include "transport/testing/TestTransport.h"
@@ -45,8 +47,16 @@ Thrown thrownBy(const std::function<void()>& call);
 // and then declares the request complete (20).
 void scriptHandshake();
 
-// Number of recorded calls of `function`.
+// Appends results to the script in order: {function, code}.
+constexpr const char* kSend = "AvQvl_SendNoAck";
+constexpr const char* kEof = "AvQvl_SendEOF";
+constexpr const char* kReceive = "AvQvl_Receive";
+using Steps = std::vector<std::pair<const char*, int32_t>>;
+void script(const Steps& steps);
+
+// Number of recorded calls of `function`, and the texts of every AvQvl_SendNoAck.
 int countCalls(const std::string& function);
+std::vector<std::string> sentTexts();
 
 }  // namespace ClientTest
 

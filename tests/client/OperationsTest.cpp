@@ -2,6 +2,7 @@
 // every failure path.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -55,71 +56,95 @@ protected:
     AvQVLConnection connection;
 };
 
-TEST_F(OperationsTest, RegisterSendsTheSevenLineHeaderAndAppends) {
-    std::string server = "S", client = "K", locale = "L";
-    Strings shared = {"X"};
-    TestTransport::expectExchange(kSharedAB);
-    connection.registerClient(server, client, locale, shared);
-    EXPECT_EQ(TestTransport::headerBlocks(),
-              Strings{"Client-ID=K\r\nLocale=L\r\nLog-Correlation-ID=AvQVLConnection."
-                      "registerClient\r\nOperation-Name=registerClient\r\nServer-ID=S\r\n"
-                      "Service-Name=AvQVLRequest\r\n\r\n"});
-    EXPECT_EQ(TestTransport::bodies(), Strings{"AvQVL register client"});
-    EXPECT_EQ(shared, (Strings{"X", "A", "B"}));
+// Each operation's header block and body; the shared clients of the answer
+// are appended, and a malformed answer or an unexpected child passes through
+// as DomException leaving the vector alone.
+TEST_F(OperationsTest, OperationsSendTheirHeaderAndBodyAndAppend) {
+    std::string server = "S", client = "K", locale = "L", events = "<e>1</e>";
+    const std::string registration =
+        "Client-ID=K\r\nLocale=L\r\nLog-Correlation-ID=AvQVLConnection.registerClient\r\n"
+        "Operation-Name=registerClient\r\nServer-ID=S\r\nService-Name=AvQVLRequest\r\n\r\n";
+    struct Row {
+        const char* name;
+        std::function<void(Strings&)> call;
+        std::string header;
+        std::string body;
+    };
+    const Row rows[] = {
+        // Never registered: empty identifiers are still sent.
+        {"unregisterClient", [&](Strings& s) { connection.unregisterClient(s); },
+         headerBlock("", "", "", "AvQVLConnection.unregisterClient", "unregisterClient"),
+         "AvQVL unregister client"},
+        {"registerClient",
+         [&](Strings& s) { connection.registerClient(server, client, locale, s); }, registration,
+         "AvQVL register client"},
+        {"getSharedClients", [&](Strings& s) { connection.getSharedClients(s); },
+         headerBlock("S", "K", "L", "AvQVLConnection.getSharedClients", "getSharedClients"),
+         "AvQVL getClients Operation"},
+        {"putEvents",
+         [&](Strings& s) {
+             std::string correlation = "put-1";
+             connection.putEvents(events, s, correlation);
+         },
+         headerBlock("S", "K", "L", "put-1", "putEvents"), "<e>1</e>"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        TestTransport::reset();
+        Strings shared = {"X"};
+        TestTransport::expectExchange(kSharedAB);
+        row.call(shared);
+        EXPECT_EQ(TestTransport::headerBlocks(), Strings{row.header});
+        EXPECT_EQ(TestTransport::bodies(), Strings{row.body});
+        EXPECT_EQ(shared, (Strings{"X", "A", "B"}));
+        for (const char* answer : {"<r", kUnexpectedChild}) {
+            TestTransport::expectExchange(answer);
+            EXPECT_EQ(thrownBy([&] { row.call(shared); }).kind, "DomException") << answer;
+            EXPECT_EQ(shared.size(), 3u);
+        }
+    }
+    EXPECT_EQ(events, "<e>1</e>");
 }
 
 TEST_F(OperationsTest, FailedRegistrationStillRegisters) {
     std::string server = "S", client = "K", locale = "";
     Strings shared = {"X"};
     TestTransport::setLastError("refused", 0);
-    TestTransport::pushResult("AvQvl_SendNoAck", -2998);
+    TestTransport::pushResult(kSend, -2998);
     Thrown thrown = thrownBy([&] { connection.registerClient(server, client, locale, shared); });
     EXPECT_EQ(thrown.kind, "AvQVLConnectionException");
     EXPECT_EQ(thrown.message, "refused");
     EXPECT_EQ(shared, Strings{"X"});
     EXPECT_TRUE(registered());
-
-    // A malformed answer and an unexpected child pass through as DomException.
-    for (const char* answer : {"<r", kUnexpectedChild}) {
-        TestTransport::expectExchange(answer);
-        EXPECT_EQ(thrownBy([&] { connection.registerClient(server, client, locale, shared); }).kind,
-                  "DomException")
-            << answer;
-        EXPECT_EQ(shared, Strings{"X"});
-    }
 }
 
-TEST_F(OperationsTest, UnregisterSendsIdentifiersAndClearsThem) {
-    // Never registered: empty identifiers are still sent.
+TEST_F(OperationsTest, UnregisterClearsTheIdentifiersUnlessTheAnswerIsMalformed) {
     Strings shared;
-    TestTransport::expectExchange(kSharedC);
-    connection.unregisterClient(shared);
-    EXPECT_EQ(TestTransport::headerBlocks()[0],
-              headerBlock("", "", "", "AvQVLConnection.unregisterClient", "unregisterClient"));
-    EXPECT_EQ(TestTransport::bodies(), Strings{"AvQVL unregister client"});
-    EXPECT_EQ(shared, Strings{"C"});
-
     registerAs("S", "K", "L");
     TestTransport::expectExchange(kSharedC);
     connection.unregisterClient(shared);
-    EXPECT_EQ(shared, (Strings{"C", "C"}));
+    EXPECT_EQ(shared, Strings{"C"});
     EXPECT_FALSE(registered());
-
     // The locale stays.
     TestTransport::expectExchange("<r/>");
     connection.unregisterClient(shared);
     EXPECT_EQ(TestTransport::headerBlocks()[0],
               headerBlock("", "", "L", "AvQVLConnection.unregisterClient", "unregisterClient"));
-}
 
-TEST_F(OperationsTest, UnregisterClientFailureIsAPlainExceptionAndUnregisters) {
+    // A DomException passes through and keeps the registration.
     registerAs("S");
+    TestTransport::expectExchange(kUnexpectedChild);
+    Thrown thrown = thrownBy([&] { connection.unregisterClient(shared); });
+    EXPECT_EQ(thrown.kind, "DomException");
+    EXPECT_NE(thrown.message.find("other"), std::string::npos);
+    EXPECT_TRUE(registered());
+
+    // A failure of the client hierarchy becomes a plain Exception, and unregisters.
     TestTransport::setLastError("runtime trouble", 0);
     scriptHandshake();
-    TestTransport::pushResult("AvQvl_Receive", -3010);
-    Strings shared = {"X"};
+    TestTransport::pushResult(kReceive, -3010);
     bool caughtAsServiceFailure = false;
-    Thrown thrown = thrownBy([&] {
+    thrown = thrownBy([&] {
         try {
             connection.unregisterClient(shared);
         } catch (const AvQVLException&) {
@@ -130,21 +155,12 @@ TEST_F(OperationsTest, UnregisterClientFailureIsAPlainExceptionAndUnregisters) {
     EXPECT_EQ(thrown.kind, "Exception");
     EXPECT_EQ(thrown.type, 0);
     EXPECT_EQ(thrown.message, "runtime trouble");
-    EXPECT_EQ(shared, Strings{"X"});
+    EXPECT_EQ(shared, Strings{"C"});
     EXPECT_FALSE(registered());
 }
 
-TEST_F(OperationsTest, UnregisterDomFailureKeepsTheRegistration) {
-    registerAs("S");
-    TestTransport::expectExchange(kUnexpectedChild);
-    Strings shared;
-    Thrown thrown = thrownBy([&] { connection.unregisterClient(shared); });
-    EXPECT_EQ(thrown.kind, "DomException");
-    EXPECT_NE(thrown.message.find("other"), std::string::npos);
-    EXPECT_TRUE(registered());
-}
-
-TEST_F(OperationsTest, GetSharedClientsThrowsAPointerWhenNotRegistered) {
+TEST_F(OperationsTest, PreconditionsWhenNotRegistered) {
+    // getSharedClients throws a pointer, not caught by reference.
     Strings shared = {"X"};
     bool caughtByReference = false;
     Exception* caught = nullptr;
@@ -162,30 +178,9 @@ TEST_F(OperationsTest, GetSharedClientsThrowsAPointerWhenNotRegistered) {
     EXPECT_EQ(caught->getType(), -2);
     EXPECT_EQ(caught->getMessage(), "Client not Registered with Quorvel");
     delete caught;
-    EXPECT_EQ(shared, Strings{"X"});
-    EXPECT_TRUE(TestTransport::calls().empty());
-}
 
-TEST_F(OperationsTest, GetSharedClientsAppendsAndKeepsTheVectorOnFailure) {
-    registerAs("S", "K");
-    Strings shared = {"X"};
-    TestTransport::expectExchange(kSharedAB);
-    TestTransport::expectExchange(kSharedAB);
-    connection.getSharedClients(shared);
-    connection.getSharedClients(shared);
-    EXPECT_EQ(shared, (Strings{"X", "A", "B", "A", "B"}));
-    EXPECT_EQ(TestTransport::headerBlocks()[0],
-              headerBlock("S", "K", "", "AvQVLConnection.getSharedClients", "getSharedClients"));
-    EXPECT_EQ(TestTransport::bodies()[0], "AvQVL getClients Operation");
-
-    TestTransport::expectExchange(kUnexpectedChild);
-    EXPECT_EQ(thrownBy([&] { connection.getSharedClients(shared); }).kind, "DomException");
-    EXPECT_EQ(shared.size(), 5u);
-}
-
-TEST_F(OperationsTest, EventOperationsRequireRegistrationAndChangeNothing) {
+    // The event operations throw by value.
     std::string events = "old", correlation = "c";
-    Strings shared = {"X"};
     for (bool put : {false, true}) {
         Thrown thrown = thrownBy([&] {
             put ? connection.putEvents(events, shared, correlation)
@@ -218,10 +213,10 @@ TEST_F(OperationsTest, GetEventsRunsTwoExchangesAndReplacesBothResults) {
     // The first exchange is complete before the second starts.
     Strings functions = TestTransport::functions();
     EXPECT_EQ(functions[8], "AvQvl_Complete");
-    EXPECT_EQ(functions[9], "AvQvl_SendNoAck");
+    EXPECT_EQ(functions[9], kSend);
 }
 
-TEST_F(OperationsTest, GetEventsEmptyResponseAndEmptyCorrelation) {
+TEST_F(OperationsTest, GetEventsEdgeCasesAndFailures) {
     registerAs("S");
     std::string events = "old", correlation = "";
     Strings shared = {"X"};
@@ -232,15 +227,12 @@ TEST_F(OperationsTest, GetEventsEmptyResponseAndEmptyCorrelation) {
     EXPECT_TRUE(shared.empty());
     EXPECT_NE(TestTransport::headerBlocks()[0].find("\r\nLog-Correlation-ID=\r\n"),
               std::string::npos);
-}
-
-TEST_F(OperationsTest, GetEventsFailures) {
-    registerAs("S");
-    std::string events = "old", correlation = "c";
-    Strings shared = {"X"};
 
     // The first exchange fails: nothing changes.
-    TestTransport::pushResult("AvQvl_SendNoAck", -3017);
+    events = "old";
+    shared = {"X"};
+    TestTransport::reset();
+    TestTransport::pushResult(kSend, -3017);
     EXPECT_EQ(thrownBy([&] { connection.getEvents(events, shared, correlation); }).kind,
               "AvQVLProtocolException");
     EXPECT_EQ(events, "old");
@@ -256,51 +248,29 @@ TEST_F(OperationsTest, GetEventsFailures) {
     EXPECT_TRUE(shared.empty());
 }
 
-TEST_F(OperationsTest, PutEventsSendsTheTextAndAppends) {
-    registerAs("S", "K");
-    std::string events = "<e>1</e>", correlation = "put-1";
-    Strings shared = {"X"};
-    TestTransport::expectExchange(kSharedAB);
-    connection.putEvents(events, shared, correlation);
-    EXPECT_EQ(events, "<e>1</e>");
-    EXPECT_EQ(shared, (Strings{"X", "A", "B"}));
-    EXPECT_EQ(TestTransport::headerBlocks()[0], headerBlock("S", "K", "", "put-1", "putEvents"));
-    EXPECT_EQ(TestTransport::bodies(), Strings{"<e>1</e>"});
-
-    TestTransport::expectExchange("<r");
-    EXPECT_EQ(thrownBy([&] { connection.putEvents(events, shared, correlation); }).kind,
-              "DomException");
-    EXPECT_EQ(shared.size(), 3u);
-}
-
+// The NUL after the text is the last byte of the body buffer: an empty text
+// is one NUL, and a text of exactly 4098 bytes puts it alone in a second chunk.
 TEST_F(OperationsTest, PutEventsBodyChunksEndWithTheNulByte) {
     registerAs("S");
     std::string correlation = "c";
     Strings shared;
-    struct Row {
-        size_t length;
-        std::vector<size_t> chunks;  // lengths the transport receives
-    };
-    // The NUL after the text is the last byte of the body buffer: an empty
-    // text is one NUL, and a text of exactly 4098 bytes puts it alone in a
-    // second chunk.
-    for (const Row& row : {Row{0, {0}}, Row{4098, {4098, 0}}, Row{5000, {4098, 902}}}) {
+    const std::pair<size_t, std::vector<size_t>> rows[] = {
+        {0, {0}}, {4098, {4098, 0}}, {5000, {4098, 902}}};
+    for (const auto& row : rows) {
         std::string events;
-        for (size_t i = 0; i < row.length; ++i) {
+        for (size_t i = 0; i < row.first; ++i) {
             events += static_cast<char>('a' + i % 26);
         }
         TestTransport::reset();
         TestTransport::expectExchange("<r/>");
         connection.putEvents(events, shared, correlation);
         std::vector<size_t> chunks;
-        for (const TransportCall& call : TestTransport::calls()) {
-            if (call.function == "AvQvl_SendNoAck") {
-                chunks.push_back(call.text.size());
-            }
+        for (const std::string& text : sentTexts()) {
+            chunks.push_back(text.size());
         }
         chunks.erase(chunks.begin());  // the header block
-        EXPECT_EQ(chunks, row.chunks) << row.length;
-        EXPECT_EQ(TestTransport::bodies()[0], events) << row.length;
+        EXPECT_EQ(chunks, row.second) << row.first;
+        EXPECT_EQ(TestTransport::bodies()[0], events) << row.first;
     }
 }
 

@@ -210,15 +210,15 @@ int run(const std::vector<std::string>& args) {
     AvQVLConnection connection;
     connection.registerClient(server, client, locale, shared);
     std::string correlation = "daemon_client";
-    if (command == "register" && args.size() == 3) {
-        std::cout << "shared " << joined(shared) << "\n";
-    } else if (command == "list" && args.size() == 3) {
-        shared.clear();
-        connection.getSharedClients(shared);
-        std::cout << "shared " << joined(shared) << "\n";
-    } else if (command == "unregister" && args.size() == 3) {
-        shared.clear();
-        connection.unregisterClient(shared);
+    if (args.size() == 3 &&
+        (command == "register" || command == "list" || command == "unregister")) {
+        if (command == "list") {
+            shared.clear();
+            connection.getSharedClients(shared);
+        } else if (command == "unregister") {
+            shared.clear();
+            connection.unregisterClient(shared);
+        }
         std::cout << "shared " << joined(shared) << "\n";
     } else if (command == "put" && args.size() == 4) {
         std::string text = args[3];

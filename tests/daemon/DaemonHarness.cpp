@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -46,6 +47,14 @@ std::string readFile(const std::string& path) {
     return text.str();
 }
 
+sockaddr_in loopback(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return address;
+}
+
 long millisecondsSince(Clock::time_point start) {
     return static_cast<long>(
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
@@ -58,28 +67,25 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const Environme
     std::vector<std::string> environment;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string text = *entry;
-        const std::string name = text.substr(0, text.find('='));
-        bool overridden = false;
-        for (const auto& setting : extra) {
-            overridden = overridden || setting.first == name;
-        }
-        if (!overridden) {
+        if (std::none_of(extra.begin(), extra.end(), [&](const auto& setting) {
+                return text.compare(0, setting.first.size() + 1, setting.first + "=") == 0;
+            })) {
             environment.push_back(text);
         }
     }
     for (const auto& setting : extra) {
         environment.push_back(setting.first + "=" + setting.second);
     }
-    std::vector<char*> args;
-    for (const std::string& arg : argv) {
-        args.push_back(const_cast<char*>(arg.c_str()));
-    }
-    args.push_back(nullptr);
-    std::vector<char*> env;
-    for (const std::string& entry : environment) {
-        env.push_back(const_cast<char*>(entry.c_str()));
-    }
-    env.push_back(nullptr);
+    const auto pointers = [](const std::vector<std::string>& texts) {
+        std::vector<char*> list;
+        for (const std::string& text : texts) {
+            list.push_back(const_cast<char*>(text.c_str()));
+        }
+        list.push_back(nullptr);
+        return list;
+    };
+    std::vector<char*> args = pointers(argv);
+    std::vector<char*> env = pointers(environment);
 
     child = ::fork();
     if (child < 0) {
@@ -141,8 +147,7 @@ Result runChild(const std::vector<std::string>& argv, const Environment& extra, 
     ChildProcess child(argv, extra);
     Result result;
     int status = 0;
-    result.finished = child.wait(timeoutMs, status);
-    if (!result.finished) {
+    if (!child.wait(timeoutMs, status)) {
         child.signal(SIGKILL);
         child.wait(5000, status);
     } else if (WIFEXITED(status)) {
@@ -196,10 +201,7 @@ int Daemon::stop(int timeoutMs, long* stopMs) {
 
 int unusedPort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
+    sockaddr_in address = loopback(0);
     ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     socklen_t length = sizeof address;
     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
@@ -209,10 +211,7 @@ int unusedPort() {
 
 RawConnection::RawConnection(int port) {
     fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
+    sockaddr_in address = loopback(port);
     if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         throw std::runtime_error("cannot connect to the daemon");
     }

@@ -23,7 +23,6 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    pid_t pid() const { return child; }
     void signal(int number) const;
     // True once the child has ended within timeoutMs; status as waitpid gives it.
     bool wait(int timeoutMs, int& status);
@@ -39,8 +38,7 @@ private:
 };
 
 struct Result {
-    bool finished = false;  // false: killed after the time-out
-    int exitCode = -1;      // -1 when it ended by a signal
+    int exitCode = -1;  // -1 when it ended by a signal or was killed after the time-out
     std::string output;
     std::string errors;
 };

@@ -9,16 +9,13 @@
 
 #include "client/AvQVLConnection.h"
 #include "client/Exception.h"
-#include "schemas/SharedClientIDs.h"
 #include "transport/testing/TestTransport.h"
 #include "util/Utf8.h"
-#include "util/XMLNode.h"
 #include "util/XmlText.h"
 
 using namespace Arvant::Net::AvQuorvel::Client;
 using namespace Arvant::Net::AvQuorvel::Util;
 using Arvant::Net::AvQuorvel::Testing::TestTransport;
-using Arvant::Schemas::AvQuorvel::_2009_06::Base::SharedClientIDs;
 
 namespace {
 
@@ -34,62 +31,35 @@ protected:
     void SetUp() override { TestTransport::reset(); }
 };
 
+// CR LF goes out raw (it splits the line), a NUL byte ends the value, an empty
+// locale is left out, "null" goes out as no value, 1 MiB goes out whole.
 TEST_F(BadArgumentTest, RegistrationSendsHostileValuesUnchanged) {
-    struct Case {
-        const char* what;
-        std::string server, client, locale;
-        std::vector<std::string> inBlock;  // each must appear in the header block
-        std::string notInBlock;
+    const struct {
+        std::string server, client, locale;  // given
+        std::string sentServer, sentClient, sentLocale;
+    } cases[] = {
+        {"S\r\nInjected=1", "C", "", "S\r\nInjected=1", "C", ""},
+        {"S", "C\nD", "", "S", "C\nD", ""},
+        {std::string("S\0hidden", 8), "C", std::string("de\0x", 4), "S", "C", "de"},
+        {"", "", "", "", "", ""},
+        {"null", "C", "null", "", "C", ""},
+        {kMiB, kMiB, kMiB, kMiB, kMiB, kMiB},
     };
-    const Case cases[] = {
-        {"CR LF in the server id goes out raw: it splits the line",
-         "S\r\nInjected=1",
-         "C",
-         "",
-         {"Server-ID=S\r\nInjected=1\r\n", "Client-ID=C\r\n"},
-         "Locale"},
-        {"lone LF in the client id", "S", "C\nD", "", {"Client-ID=C\nD\r\n"}, ""},
-        {"1 MiB identifiers are sent whole",
-         kMiB,
-         kMiB,
-         kMiB,
-         {"Server-ID=" + kMiB + "\r\n", "Client-ID=" + kMiB + "\r\n", "Locale=" + kMiB + "\r\n"},
-         ""},
-        {"a NUL byte ends the value",
-         std::string("S\0hidden", 8),
-         "C",
-         std::string("de\0x", 4),
-         {"Server-ID=S\r\n", "Locale=de\r\n"},
-         "hidden"},
-        {"empty ids go out empty; an empty locale not at all",
-         "",
-         "",
-         "",
-         {"Server-ID=\r\n", "Client-ID=\r\n"},
-         "Locale"},
-        {"\"null\" goes out as no value",
-         "null",
-         "C",
-         "null",
-         {"Server-ID=\r\n", "Locale=\r\n"},
-         ""},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.server.substr(0, 20) + "/" + c.client.substr(0, 20));
         TestTransport::reset();
         TestTransport::expectExchange(kEmptyList);
         AvQVLConnection connection;
         std::string server = c.server, client = c.client, locale = c.locale;
         Ids shared;
         connection.registerClient(server, client, locale, shared);
-        const auto blocks = TestTransport::headerBlocks();
-        ASSERT_EQ(blocks.size(), 1u) << c.what;
-        for (const std::string& line : c.inBlock) {
-            EXPECT_NE(blocks[0].find(line), std::string::npos) << c.what;
-        }
-        if (!c.notInBlock.empty()) {
-            EXPECT_EQ(blocks[0].find(c.notInBlock), std::string::npos) << c.what;
-        }
-        EXPECT_EQ(shared, Ids{}) << c.what;
+        EXPECT_EQ(TestTransport::headerBlocks(),
+                  Ids{"Client-ID=" + c.sentClient + "\r\n" +
+                      (!c.locale.empty() ? "Locale=" + c.sentLocale + "\r\n" : "") +
+                      "Log-Correlation-ID=AvQVLConnection.registerClient\r\nOperation-Name="
+                      "registerClient\r\nServer-ID=" +
+                      c.sentServer + "\r\nService-Name=AvQVLRequest\r\n\r\n"});
+        EXPECT_EQ(shared, Ids{});
     }
 }
 
@@ -122,20 +92,16 @@ TEST_F(BadArgumentTest, EventTextsReachTheTransportUpToTheirFirstNul) {
     }
 }
 
+// getSharedClients throws its refusal as a pointer; the others by value.
 TEST_F(BadArgumentTest, UnregisteredOperationsSendNothing) {
     AvQVLConnection connection;
     std::string events = "e", correlation = "c";
     Ids shared{"kept"};
-    try {
-        connection.putEvents(events, shared, correlation);
-        FAIL();
-    } catch (const AvQVLProtocolException& e) {
-        EXPECT_EQ(e.getType(), -2);
-    }
+    EXPECT_THROW(connection.putEvents(events, shared, correlation), AvQVLProtocolException);
     EXPECT_THROW(connection.getEvents(events, shared, correlation), AvQVLProtocolException);
     try {
         connection.getSharedClients(shared);
-        FAIL();
+        ADD_FAILURE() << "no pointer thrown";
     } catch (AvQVLProtocolException* e) {
         EXPECT_EQ(e->getType(), -2);
         delete e;
@@ -145,17 +111,10 @@ TEST_F(BadArgumentTest, UnregisteredOperationsSendNothing) {
     EXPECT_EQ(shared, Ids{"kept"});
 }
 
-TEST_F(BadArgumentTest, ConversionRefusesImpossibleArguments) {
-    EXPECT_THROW(toUtf8(nullptr, 5), Utf8ConversionException);
-    EXPECT_THROW(fromUtf8(nullptr, 5), Utf8ConversionException);
-    EXPECT_THROW(toUtf8("abc", -1), Utf8ConversionException);
-    EXPECT_THROW(fromUtf8("abc", INT32_MIN), Utf8ConversionException);
-    EXPECT_EQ(toUtf8(nullptr, 0), "");
-    EXPECT_EQ(fromUtf8("", 0), "");
-    EXPECT_EQ(toUtf8(kMiB.data(), static_cast<int32_t>(kMiB.size())), kMiB);
-}
-
 TEST_F(BadArgumentTest, TextHelpersTakeAnyBytes) {
+    EXPECT_THROW(toUtf8(nullptr, 5), Utf8ConversionException);
+    EXPECT_THROW(fromUtf8("abc", INT32_MIN), Utf8ConversionException);
+    EXPECT_EQ(toUtf8(kMiB.data(), static_cast<int32_t>(kMiB.size())), kMiB);
     const std::string withNul("a\0<b>\0", 6);
     EXPECT_EQ(escapeXml(withNul), std::string("a\0&lt;b&gt;\0", 12));
     EXPECT_EQ(unescapeXml(escapeXml(withNul)), withNul);
@@ -183,21 +142,6 @@ TEST_F(BadArgumentTest, TextHelpersTakeAnyBytes) {
             EXPECT_TRUE(position == std::string::npos || position <= p.xml.size()) << p.xml;
         }
     }
-}
-
-TEST_F(BadArgumentTest, SharedClientListRefusesForeignElements) {
-    XMLNode root;
-    SharedClientIDs ids;
-    ids.parse(root);  // no children: nothing
-    Ids out;
-    ids.getSharedClients(out);
-    EXPECT_TRUE(out.empty());
-
-    XMLNode* foreign = new XMLNode();
-    foreign->localName = "other";
-    foreign->parent = &root;
-    root.children.push_back(foreign);
-    EXPECT_THROW(ids.parse(root), DomException);
 }
 
 }  // namespace

@@ -1,23 +1,17 @@
 // Documents a hostile service could send: external entities and DTDs pointing at
-// local files or the network, entity expansion bombs. The parser must load
-// nothing external, stay within bounded time and memory, and still read every
-// document without a DOCTYPE exactly as the XML library's defaults would.
+// files or the network, entity expansion bombs. The parser loads nothing
+// external, stays within bounded time and memory, and reads every document
+// without a DOCTYPE as the XML library's defaults would.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <xercesc/framework/MemBufInputSource.hpp>
-#include <xercesc/sax2/Attributes.hpp>
-#include <xercesc/sax2/DefaultHandler.hpp>
-#include <xercesc/sax2/XMLReaderFactory.hpp>
-#include <xercesc/util/XMLString.hpp>
 
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <memory>
 #include <string>
 
 #include "hardening/OpenHooks.h"
@@ -77,57 +71,6 @@ std::string serialize(const XMLNode& node) {
     }
     return out + "</>";
 }
-
-// The same tree, built by a reader with the XML library's defaults.
-class DefaultReaderTree : public xercesc::DefaultHandler {
-public:
-    explicit DefaultReaderTree(const std::string& xml) {
-        std::unique_ptr<xercesc::SAX2XMLReader> reader(
-            xercesc::XMLReaderFactory::createXMLReader());
-        reader->setContentHandler(this);
-        reader->setErrorHandler(this);
-        xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(xml.c_str()),
-                                          xml.size() + 1, "reference", false);
-        reader->parse(source);
-    }
-    void startElement(const XMLCh* uri, const XMLCh* localname, const XMLCh*,
-                      const xercesc::Attributes& attrs) override {
-        std::unique_ptr<XMLNode> node(new XMLNode());
-        node->uri = text(uri);
-        node->localName = text(localname);
-        for (XMLSize_t i = 0; i < attrs.getLength(); ++i) {
-            node->setAttribute(text(attrs.getLocalName(i)), text(attrs.getValue(i)));
-        }
-        if (current == nullptr) {
-            root.reset(node.release());
-            current = root.get();
-        } else {
-            node->parent = current;
-            current->children.push_back(node.get());
-            current = node.release();
-        }
-    }
-    void characters(const XMLCh* chars, const XMLSize_t) override {
-        if (current != nullptr) {
-            current->text += text(chars);
-        }
-    }
-    void endElement(const XMLCh*, const XMLCh*, const XMLCh*) override {
-        current = current->parent;
-    }
-    void fatalError(const xercesc::SAXParseException&) override { throw DomException("reference"); }
-
-    std::unique_ptr<XMLNode> root;
-
-private:
-    static std::string text(const XMLCh* chars) {
-        char* converted = xercesc::XMLString::transcode(chars);
-        std::string result(converted);
-        xercesc::XMLString::release(&converted);
-        return result;
-    }
-    XMLNode* current = nullptr;
-};
 
 long peakResidentKiB() {
     rusage usage{};
@@ -281,7 +224,14 @@ TEST(HostileDocumentTest, EntityExpansionIsBounded) {
     }
 }
 
-TEST(HostileDocumentTest, InternalEntitiesWithinTheBoundsStillExpand) {
+// Internal entities within the bounds still expand, and documents without a
+// DOCTYPE read as the XML library's defaults read them.
+TEST(HostileDocumentTest, HarmlessDocumentsParseAsBefore) {
+    std::string manyReferences = "<r a=\"&amp;&#65;\">", expanded;
+    for (int i = 0; i < 30000; ++i) {
+        manyReferences += "&amp;&lt;&#x41;&#66;";
+        expanded += "&<AB";
+    }
     std::string twenty, twoHundred;
     for (int i = 0; i < 10; ++i) {
         twenty += "ab";
@@ -289,34 +239,25 @@ TEST(HostileDocumentTest, InternalEntitiesWithinTheBoundsStillExpand) {
     for (int i = 0; i < 10; ++i) {
         twoHundred += twenty;
     }
-    const Outcome outcome = parse(nestedEntities(3, 10, "ab") + "<r a=\"&e1;\">&e2;</r>");
-    ASSERT_FALSE(outcome.threw) << outcome.message;
-    EXPECT_EQ(outcome.tree, "<{}r a=[" + twenty + "]>" + twoHundred + "|</>");
-}
-
-TEST(HostileDocumentTest, DocumentsWithoutDoctypeParseAsWithTheLibraryDefaults) {
-    std::string manyReferences = "<r a=\"&amp;&#65;\">";
-    for (int i = 0; i < 30000; ++i) {
-        manyReferences += "&amp;&lt;&#x41;&#66;";
-    }
-    manyReferences += "</r>";
-    const std::string cases[] = {
-        "<a><b>x</b>y<e/>z</a>",
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<p:r xmlns:p=\"urn:x\" q=\"1\"><p:c "
-        "p:q=\"2\" q=\"3\"/></p:r>",
-        "<r>x<!-- c -->y<![CDATA[z<&>]]><?pi data?></r>",
-        "<r xmlns=\"urn:d\"> <c/> &quot;&apos;&gt;</r>",
-        "\n<ns0:sharedClientIDs xmlns:ns0=\"urn:s\"><ns0:sharedClients>A</ns0:sharedClients>"
-        "</ns0:sharedClientIDs>",
-        "<r>caf\xC3\xA9 \xE2\x82\xAC</r>",
-        manyReferences,
+    const std::pair<std::string, std::string> cases[] = {
+        {nestedEntities(3, 10, "ab") + "<r a=\"&e1;\">&e2;</r>",
+         "<{}r a=[" + twenty + "]>" + twoHundred + "|</>"},
+        {"<a><b>x</b>y<e/>z</a>", "<{}a>yz|<{}b>x|</><{}e>|</></>"},
+        {"<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<p:r xmlns:p=\"urn:x\" q=\"1\"><p:c "
+         "p:q=\"2\" q=\"3\"/></p:r>",
+         "<{urn:x}r q=[1]>|<{urn:x}c q=[3]>|</></>"},
+        {"<r>x<!-- c -->y<![CDATA[z<&>]]><?pi data?></r>", "<{}r>xyz<&>|</>"},
+        {"<r xmlns=\"urn:d\"> <c/> &quot;&apos;&gt;</r>", "<{urn:d}r>  \"'>|<{urn:d}c>|</></>"},
+        {"\n<ns0:sharedClientIDs xmlns:ns0=\"urn:s\"><ns0:sharedClients>A</ns0:sharedClients>"
+         "</ns0:sharedClientIDs>",
+         "<{urn:s}sharedClientIDs>|<{urn:s}sharedClients>A|</></>"},
+        {"<r>caf\xC3\xA9 \xE2\x82\xAC</r>", "<{}r>caf\xC3\xA9 \xE2\x82\xAC|</>"},
+        {manyReferences + "</r>", "<{}r a=[&A]>" + expanded + "|</>"},
     };
-    for (const std::string& xml : cases) {
-        const Outcome outcome = parse(xml);
-        ASSERT_FALSE(outcome.threw) << xml.substr(0, 80) << ": " << outcome.message;
-        DefaultReaderTree reference(xml);
-        ASSERT_NE(reference.root, nullptr);
-        EXPECT_EQ(outcome.tree, serialize(*reference.root)) << xml.substr(0, 80);
+    for (const auto& c : cases) {
+        const Outcome outcome = parse(c.first);
+        EXPECT_FALSE(outcome.threw) << c.first.substr(0, 80) << ": " << outcome.message;
+        EXPECT_EQ(outcome.tree, c.second) << c.first.substr(0, 80);
     }
 }
 

@@ -72,96 +72,65 @@ TEST_F(HostileResponseTest, EndlessResponseEndsBeforeAnyCounterOverflows) {
     for (int i = 0; i < pieces; ++i) {
         TestTransport::pushResult("AvQvl_Receive", 16384);
     }
+    const auto start = std::chrono::steady_clock::now();
     std::string server = "S", client = "C", locale;
     Ids shared;
-    const auto start = std::chrono::steady_clock::now();
     try {
         connection.registerClient(server, client, locale, shared);
         FAIL() << "an endless response was accepted";
     } catch (const AvQVLRuntimeException& e) {
         EXPECT_EQ(e.getMessage(), "Response exceeds the maximum size of 2147483647 bytes");
     }
-    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
-              120.0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(120));
     EXPECT_TRUE(TestTransport::scriptDone());  // every piece up to the limit was taken
-    EXPECT_TRUE(shared.empty());
     const auto functions = TestTransport::functions();
     EXPECT_EQ(std::count(functions.begin(), functions.end(), "AvQvl_Complete"), 0);
 }
 
 // Malformed UTF-8 follows the conversion's rules: ICU's default substitution
-// turns each malformed sequence into U+FFFD, which reaches the application.
-TEST_F(HostileResponseTest, InvalidUtf8IsSubstitutedNotFatal) {
-    const std::string replacement = "\xEF\xBF\xBD";
-    struct Case {
-        std::string id;        // as sent
-        std::string expected;  // as received
-    };
-    const Case cases[] = {
-        {"a\xFF"
-         "b",
-         "a" + replacement + "b"},
-        {"\xC3", replacement},                                      // truncated sequence
-        {"\xED\xA0\x80", replacement + replacement + replacement},  // a surrogate
-        {"\xC0\xAF", replacement + replacement},                    // overlong "/"
-        {"ok\xC3\xA9", "ok\xC3\xA9"},
-    };
-    for (const Case& c : cases) {
+// turns each malformed sequence into U+FFFD, which reaches the application. A
+// NUL byte ends the text the conversion delivers; the parser stops there anyway.
+TEST_F(HostileResponseTest, InvalidUtf8AndNulBytesFollowTheConversionRules) {
+    const std::string fffd = "\xEF\xBF\xBD";
+    const std::pair<std::string, std::string> identifiers[] = {// sent, received
+                                                               {"a\xFF"
+                                                                "b",
+                                                                "a" + fffd + "b"},
+                                                               {"\xC3", fffd},
+                                                               {"\xED\xA0\x80", fffd + fffd + fffd},
+                                                               {"\xC0\xAF", fffd + fffd},
+                                                               {"ok\xC3\xA9", "ok\xC3\xA9"}};
+    for (const auto& c : identifiers) {
         TestTransport::reset();
-        EXPECT_EQ(registerWith(sharedClientDocument(item(c.id))), Ids{c.expected}) << c.id;
+        EXPECT_EQ(registerWith(sharedClientDocument(item(c.first))), Ids{c.second}) << c.first;
     }
-
-    // getEvents hands the text over raw.
     TestTransport::reset();
-    TestTransport::expectExchange("ev\xFF");
-    TestTransport::expectExchange(sharedClientDocument(""));
-    std::string events, correlation = "x";
-    Ids shared;
-    connection.getEvents(events, shared, correlation);
-    EXPECT_EQ(events, "ev" + replacement);
-}
-
-// A NUL byte ends the text the conversion delivers in that pass; the parser
-// reads up to the first NUL byte anyway.
-TEST_F(HostileResponseTest, NulByteInTheMiddleCutsTheResponse) {
     EXPECT_EQ(registerWith(sharedClientDocument(item("A")) + std::string("\0junk", 5)), Ids{"A"});
-
     TestTransport::reset();
     EXPECT_THROW(registerWith(sharedClientDocument(item(std::string("A\0B", 3)))), DomException);
 
-    TestTransport::reset();
-    TestTransport::expectExchange(std::string("ab\0cd", 5));
-    TestTransport::expectExchange(sharedClientDocument(""));
-    std::string events, correlation = "x";
-    Ids shared;
-    connection.getEvents(events, shared, correlation);
-    EXPECT_EQ(events, "ab");
+    // getEvents hands the text over raw.
+    const std::pair<std::string, std::string> events[] = {{"ev\xFF", "ev" + fffd},
+                                                          {std::string("ab\0cd", 5), "ab"}};
+    for (const auto& c : events) {
+        TestTransport::reset();
+        TestTransport::expectExchange(c.first);
+        TestTransport::expectExchange(sharedClientDocument(""));
+        std::string received, correlation = "x";
+        Ids shared;
+        connection.getEvents(received, shared, correlation);
+        EXPECT_EQ(received, c.second);
+    }
 }
 
-TEST_F(HostileResponseTest, DocumentsReachingOutsideOrExpandingEndInDomException) {
+// The parser's refusals are tested in full with the hostile documents; this
+// shows a response goes through the same hardened reader.
+TEST_F(HostileResponseTest, ExternalEntityInAResponseEndsInDomException) {
     const std::string secret = "/tmp/hardening_response_" + std::to_string(getpid());
     std::ofstream(secret) << "leaked";
-    std::string bomb = "<!DOCTYPE r [<!ENTITY e0 \"lol\">";
-    for (int level = 1; level < 10; ++level) {
-        bomb += "<!ENTITY e" + std::to_string(level) + " \"";
-        for (int i = 0; i < 10; ++i) {
-            bomb += "&e" + std::to_string(level - 1) + ";";
-        }
-        bomb += "\">";
-    }
-    const std::string cases[] = {
-        "<!DOCTYPE r [<!ENTITY x SYSTEM \"file://" + secret + "\">]>" +
-            sharedClientDocument(item("&x;")),
-        "<!DOCTYPE r SYSTEM \"" + secret + "\">" + sharedClientDocument(""),
-        bomb + "]>" + sharedClientDocument(item("&e9;")),
-    };
-    for (const std::string& response : cases) {
-        TestTransport::reset();
-        const auto start = std::chrono::steady_clock::now();
-        EXPECT_THROW(registerWith(response), DomException) << response.substr(0, 60);
-        EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(),
-                  5.0);
-    }
+    EXPECT_THROW(registerWith("<!DOCTYPE r [<!ENTITY x SYSTEM \"file://" + secret + "\">]>" +
+                              sharedClientDocument(item("&x;"))),
+                 DomException);
     std::remove(secret.c_str());
 }
 

@@ -79,18 +79,15 @@ protected:
         return response;
     }
 
-    // The failure of a request that must fail.
-    ServiceFailure refused(const RequestHeaders& request, const std::string& body = "") {
+    // A request that must fail with the code and a message holding messagePart.
+    void refused(int32_t code, const std::string& messagePart, const RequestHeaders& request,
+                 const std::string& body = "") {
         std::string response = "untouched";
         ServiceFailure failure;
         EXPECT_FALSE(engine.handle(request, body, response, failure)) << response;
         EXPECT_EQ(response, "untouched");
-        return failure;
-    }
-
-    ServiceFailure refused(const std::string& operation, const std::string& server,
-                           const std::string& client, const std::string& body = "") {
-        return refused(headers(operation, server, client), body);
+        EXPECT_EQ(failure.code, code);
+        EXPECT_NE(failure.message.find(messagePart), std::string::npos) << failure.message;
     }
 
     ServiceEngine engine;
@@ -109,34 +106,27 @@ TEST_F(ServiceEngineTest, GetStatusEchoesTheBodyUnchanged) {
 }
 
 TEST_F(ServiceEngineTest, MalformedRequestsAreProtocolFailures) {
-    struct Case {
-        const char* label;
+    const struct {
+        const char *service, *operation, *identifier, *messagePart;  // null: header absent
+    } cases[] = {
+        {nullptr, "getStatus", nullptr, "\"Service-Name\""},
+        {"avqvlrequest", "getStatus", nullptr, "Unknown \"Service-Name\" \"avqvlrequest\""},
+        {"AvQVLRequest", nullptr, nullptr, "\"Operation-Name\""},
+        {"AvQVLRequest", "getstatus", nullptr, "Unknown \"Operation-Name\" \"getstatus\""},
+        {"AvQVLRequest", "registerClient", "Client-ID", "\"Server-ID\""},
+        {"AvQVLRequest", "getEvents", "Server-ID", "\"Client-ID\""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.messagePart);
         RequestHeaders request;
-        const char* messagePart;
-    };
-    const std::vector<Case> cases = {
-        {"no service", {{"Operation-Name", "getStatus"}}, "\"Service-Name\""},
-        {"other service",
-         {{"Service-Name", "avqvlrequest"}, {"Operation-Name", "getStatus"}},
-         "Unknown \"Service-Name\" \"avqvlrequest\""},
-        {"no operation", {{"Service-Name", "AvQVLRequest"}}, "\"Operation-Name\""},
-        {"unknown operation",
-         {{"Service-Name", "AvQVLRequest"}, {"Operation-Name", "getstatus"}},
-         "Unknown \"Operation-Name\" \"getstatus\""},
-        {"no server",
-         {{"Service-Name", "AvQVLRequest"},
-          {"Operation-Name", "registerClient"},
-          {"Client-ID", "c"}},
-         "\"Server-ID\""},
-        {"no client",
-         {{"Service-Name", "AvQVLRequest"}, {"Operation-Name", "getEvents"}, {"Server-ID", "s"}},
-         "\"Client-ID\""},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.label);
-        ServiceFailure failure = refused(c.request);
-        EXPECT_EQ(failure.code, protocolFailureCode);
-        EXPECT_NE(failure.message.find(c.messagePart), std::string::npos) << failure.message;
+        for (const auto& header :
+             {std::make_pair("Service-Name", c.service),
+              std::make_pair("Operation-Name", c.operation), std::make_pair(c.identifier, "x")}) {
+            if (header.first != nullptr && header.second != nullptr) {
+                request[header.first] = header.second;
+            }
+        }
+        refused(protocolFailureCode, c.messagePart, request);
     }
 }
 
@@ -147,17 +137,6 @@ TEST_F(ServiceEngineTest, RegistrationListsClientsInOrderPerServer) {
     EXPECT_EQ(ok("registerClient", "S", "b"), sharedDoc({"b", "a"}));  // idempotent
     EXPECT_EQ(ok("getSharedClients", "S", "anyone"), sharedDoc({"b", "a"}));
     EXPECT_EQ(ok("getSharedClients", "unknown", "anyone"), sharedDoc({}));
-}
-
-TEST_F(ServiceEngineTest, RegistrationRefusesEmptyOrUnwritableIdentifiers) {
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"", "c"}, {"s", ""}, {"", ""}, {"s", std::string("c\x01", 2)}, {"s\x1f", "c"}};
-    for (const auto& c : cases) {
-        ServiceFailure failure = refused("registerClient", c.first, c.second);
-        EXPECT_EQ(failure.code, protocolFailureCode);
-        EXPECT_NE(failure.message.find("must not"), std::string::npos) << failure.message;
-    }
-    EXPECT_EQ(ok("getSharedClients", "s", "c"), sharedDoc({}));
 }
 
 TEST_F(ServiceEngineTest, UnregisterDropsClientAndItsEventsAndToleratesUnknown) {
@@ -212,27 +191,29 @@ TEST_F(ServiceEngineTest, EventsDocumentEscapesTextAndSender) {
     EXPECT_EQ(ok("getEvents", "S", "r"), "\n<ns0:events xmlns:ns0=\"" + kNs + "\"></ns0:events>");
 }
 
-TEST_F(ServiceEngineTest, UnregisteredCallersCannotPutOrGet) {
-    ok("registerClient", "S", "a");
-    for (const char* operation : {"putEvents", "getEvents"}) {
-        for (const auto& who : std::vector<std::pair<std::string, std::string>>{
-                 {"S", "stranger"}, {"T", "a"}, {"", ""}}) {
-            ServiceFailure failure = refused(operation, who.first, who.second, "x");
-            EXPECT_EQ(failure.code, protocolFailureCode);
-            EXPECT_EQ(failure.message, "Client \"" + who.second +
-                                           "\" is not registered with server \"" + who.first +
-                                           "\".");
-        }
-    }
-    EXPECT_TRUE(parseEvents(ok("getEvents", "S", "a")).empty());
-}
-
-TEST_F(ServiceEngineTest, EventsXmlCannotCarryAreRefused) {
+// Identifiers or events XML cannot carry, and callers that are not registered.
+TEST_F(ServiceEngineTest, RefusedRequestsChangeNothing) {
     ok("registerClient", "S", "a");
     ok("registerClient", "S", "b");
-    ServiceFailure failure = refused("putEvents", "S", "a", std::string("bell\x07", 5));
-    EXPECT_EQ(failure.code, protocolFailureCode);
-    EXPECT_NE(failure.message.find("control characters"), std::string::npos);
+    const struct {
+        const char* operation;
+        std::string server, client, body, message;
+    } cases[] = {
+        {"registerClient", "", "c", "", "must not"},
+        {"registerClient", "s", "", "", "must not"},
+        {"registerClient", "s", std::string("c\x01", 2), "", "must not"},
+        {"registerClient", "s\x1f", "c", "", "must not"},
+        {"putEvents", "S", "stranger", "x",
+         "Client \"stranger\" is not registered with server \"S\"."},
+        {"getEvents", "T", "a", "", "Client \"a\" is not registered with server \"T\"."},
+        {"putEvents", "", "", "x", "Client \"\" is not registered with server \"\"."},
+        {"putEvents", "S", "a", std::string("bell\x07", 5), "control characters"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.operation) + " " + c.server + "/" + c.client);
+        refused(protocolFailureCode, c.message, headers(c.operation, c.server, c.client), c.body);
+    }
+    EXPECT_EQ(ok("getSharedClients", "s", "c"), sharedDoc({}));
     EXPECT_TRUE(parseEvents(ok("getEvents", "S", "b")).empty());
 }
 
@@ -253,9 +234,8 @@ TEST_F(LimitedEngineTest, BodyLimit) {
     ok("registerClient", "S", "b");
     EXPECT_EQ(ok("getStatus", "", "", "12345678"), "12345678");
     for (const char* operation : {"getStatus", "putEvents"}) {
-        ServiceFailure failure = refused(operation, "S", "a", "123456789");
-        EXPECT_EQ(failure.code, limitFailureCode);
-        EXPECT_EQ(failure.message, "The request body of 9 bytes exceeds the limit of 8 bytes.");
+        refused(limitFailureCode, "The request body of 9 bytes exceeds the limit of 8 bytes.",
+                headers(operation, "S", "a"), "123456789");
     }
     EXPECT_TRUE(parseEvents(ok("getEvents", "S", "b")).empty());
 }
@@ -266,11 +246,8 @@ TEST_F(LimitedEngineTest, FullQueueRefusesThePutForEveryone) {
     ok("putEvents", "S", "a", "1");
     ok("putEvents", "S", "a", "2");
     ok("registerClient", "S", "c");  // c's queue is empty, b's is full
-    ServiceFailure failure = refused("putEvents", "S", "a", "3");
-    EXPECT_EQ(failure.code, limitFailureCode);
-    EXPECT_NE(failure.message.find("client \"b\" of server \"S\" already has 2 events"),
-              std::string::npos)
-        << failure.message;
+    refused(limitFailureCode, "client \"b\" of server \"S\" already has 2 events",
+            headers("putEvents", "S", "a"), "3");
     EXPECT_TRUE(parseEvents(ok("getEvents", "S", "c")).empty());
     EXPECT_EQ(parseEvents(ok("getEvents", "S", "b")).size(), 2u);
 
@@ -284,40 +261,37 @@ TEST_F(LimitedEngineTest, ClientLimitPerServer) {
     ok("registerClient", "S", "a");
     ok("registerClient", "S", "b");
     ok("registerClient", "S", "c");
-    ServiceFailure failure = refused("registerClient", "S", "d");
-    EXPECT_EQ(failure.code, limitFailureCode);
-    EXPECT_NE(failure.message.find("server \"S\" already has 3 clients"), std::string::npos)
-        << failure.message;
+    refused(limitFailureCode, "server \"S\" already has 3 clients",
+            headers("registerClient", "S", "d"));
     EXPECT_EQ(ok("registerClient", "S", "c"), sharedDoc({"a", "b", "c"}));  // known: fine
     ok("registerClient", "T", "d");                                         // other server
     ok("unregisterClient", "S", "a");
     EXPECT_EQ(ok("registerClient", "S", "d"), sharedDoc({"b", "c", "d"}));
 }
 
+// Each thread posts and now and then drains its queue; every event arrives
+// once, in sequence order, in its sender's order.
 TEST_F(ServiceEngineTest, ConcurrentPostersAndFetchersLoseNothing) {
     constexpr int kClients = 6;
     constexpr int kEventsEach = 200;
+    const auto name = [](int i) { return "c" + std::to_string(i); };
     for (int i = 0; i < kClients; ++i) {
-        ok("registerClient", "S", "c" + std::to_string(i));
+        ok("registerClient", "S", name(i));
     }
     std::vector<std::vector<Event>> received(kClients);
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < kClients; ++i) {
         threads.emplace_back([&, i] {
-            const std::string me = "c" + std::to_string(i);
             std::string response;
             ServiceFailure failure;
             for (int n = 0; n < kEventsEach; ++n) {
-                if (!engine.handle(headers("putEvents", "S", me), me + ":" + std::to_string(n),
-                                   response, failure)) {
-                    ++failures;
-                }
+                failures += !engine.handle(headers("putEvents", "S", name(i)),
+                                           name(i) + ":" + std::to_string(n), response, failure);
                 if (n % 10 == 0 &&
-                    engine.handle(headers("getEvents", "S", me), "", response, failure)) {
-                    for (auto& e : parseEvents(response)) {
-                        received[i].push_back(e);
-                    }
+                    engine.handle(headers("getEvents", "S", name(i)), "", response, failure)) {
+                    const auto events = parseEvents(response);
+                    received[i].insert(received[i].end(), events.begin(), events.end());
                 }
             }
         });
@@ -327,16 +301,13 @@ TEST_F(ServiceEngineTest, ConcurrentPostersAndFetchersLoseNothing) {
     }
     EXPECT_EQ(failures.load(), 0);
     for (int i = 0; i < kClients; ++i) {
-        for (auto& e : parseEvents(ok("getEvents", "S", "c" + std::to_string(i)))) {
-            received[i].push_back(e);
-        }
+        const auto rest = parseEvents(ok("getEvents", "S", name(i)));
+        received[i].insert(received[i].end(), rest.begin(), rest.end());
         ASSERT_EQ(received[i].size(), static_cast<std::size_t>((kClients - 1) * kEventsEach));
         std::vector<int> nextFrom(kClients, 0);
         for (std::size_t k = 0; k < received[i].size(); ++k) {
             const Event& e = received[i][k];
-            if (k > 0) {
-                EXPECT_LT(received[i][k - 1].sequence, e.sequence);
-            }
+            EXPECT_TRUE(k == 0 || received[i][k - 1].sequence < e.sequence);
             const int sender = std::stoi(e.sender.substr(1));
             ASSERT_NE(sender, i);
             EXPECT_EQ(e.text, e.sender + ":" + std::to_string(nextFrom[sender]++));

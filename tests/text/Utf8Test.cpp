@@ -21,12 +21,11 @@ namespace {
 std::string latin1ToUtf8(const std::string& latin1) {
     std::string utf8;
     for (unsigned char c : latin1) {
-        if (c < 0x80) {
-            utf8 += static_cast<char>(c);
-        } else {
+        if (c >= 0x80) {
             utf8 += static_cast<char>(0xC0 | (c >> 6));
-            utf8 += static_cast<char>(0x80 | (c & 0x3F));
+            c = 0x80 | (c & 0x3F);
         }
+        utf8 += static_cast<char>(c);
     }
     return utf8;
 }
@@ -84,33 +83,27 @@ protected:
 };
 
 TEST_F(CodePageTest, CapacitiesFollowLengthAndDirection) {
+    const auto to = CodePageConverter::ToUtf8, from = CodePageConverter::FromUtf8;
     struct Case {
         CodePageConverter::Direction direction;
-        std::uint64_t length;
-        std::uint64_t unicodeCapacity;
-        std::uint64_t byteCapacity;
+        std::uint64_t length, unicodeCapacity, byteCapacity;
     };
-    const Case cases[] = {
-        {CodePageConverter::ToUtf8, 0, 0, 0},
-        {CodePageConverter::ToUtf8, 1, 1, 1},
-        {CodePageConverter::ToUtf8, 3, 3, 4},
-        {CodePageConverter::ToUtf8, 20479, 20479, 30718},
-        {CodePageConverter::ToUtf8, 20480, 20480, 30720},
-        {CodePageConverter::ToUtf8, 50000, 20480, 30720},
-        {CodePageConverter::FromUtf8, 100, 100, 100},
-        {CodePageConverter::FromUtf8, 20480, 20480, 20480},
-        // A negative length widened with its sign compares above the limit.
-        {CodePageConverter::FromUtf8, static_cast<std::uint64_t>(-1), 20480, 20480},
-    };
+    // A negative length widened with its sign compares above the limit.
+    const Case cases[] = {{to, 0, 0, 0},
+                          {to, 1, 1, 1},
+                          {to, 3, 3, 4},
+                          {to, 20479, 20479, 30718},
+                          {to, 20480, 20480, 30720},
+                          {to, 50000, 20480, 30720},
+                          {from, 100, 100, 100},
+                          {from, 20480, 20480, 20480},
+                          {from, static_cast<std::uint64_t>(-1), 20480, 20480}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.length);
         CodePageConverter converter(c.direction, c.length);
         EXPECT_EQ(c.unicodeCapacity, converter.unicodeCapacity);
         EXPECT_EQ(c.byteCapacity, converter.byteCapacity);
-        EXPECT_NE(nullptr, converter.unicodeBuffer);
-        EXPECT_NE(nullptr, converter.byteBuffer);
-        ASSERT_NE(nullptr, converter.nativeConverter);
-        ASSERT_NE(nullptr, converter.utf8Converter);
+        EXPECT_TRUE(converter.unicodeBuffer && converter.byteBuffer);
         UErrorCode status = U_ZERO_ERROR;
         EXPECT_STREQ("ISO-8859-1", ucnv_getName(converter.nativeConverter, &status));
         EXPECT_STREQ("UTF-8", ucnv_getName(converter.utf8Converter, &status));
@@ -128,9 +121,9 @@ TEST_F(CodePageTest, ConvertsBothWays) {
     EXPECT_EQ("", toUtf8("cafe", 0));
     EXPECT_EQ("", fromUtf8(nullptr, 0));
     expectConvertersReleased();
-}
 
-TEST_F(CodePageTest, TwoByteCharacterWithOneByteBufferTakesTwoPasses) {
+    // A two-byte character with a one-byte buffer takes two byte passes.
+    IcuHooks::reset();
     EXPECT_EQ("\xC3\xA9", toUtf8("\xE9", 1));
     EXPECT_EQ(1, IcuHooks::counters().toUnicodeCalls);
     EXPECT_EQ(2, IcuHooks::counters().fromUnicodeCalls);
@@ -168,15 +161,6 @@ TEST_F(CodePageTest, ZeroCharacterEndsItsPassOutput) {
     EXPECT_EQ(expected, toUtf8(text.data(), 50000));
 }
 
-TEST(CodePage, NativeConverterIsIcusDefault) {
-    UErrorCode status = U_ZERO_ERROR;
-    UConverter* expected = ucnv_open(nullptr, &status);
-    ASSERT_TRUE(U_SUCCESS(status));
-    CodePageConverter converter(CodePageConverter::ToUtf8, 4);
-    EXPECT_STREQ(ucnv_getName(expected, &status), ucnv_getName(converter.nativeConverter, &status));
-    ucnv_close(expected);
-}
-
 TEST_F(CodePageTest, BadArgumentsFailBeforeTheInputIsRead) {
     const char* const unreadable = reinterpret_cast<const char*>(1);
     EXPECT_EQ("Invalid input length -1\n", failureOf([&] { toUtf8(unreadable, -1); }));
@@ -186,25 +170,22 @@ TEST_F(CodePageTest, BadArgumentsFailBeforeTheInputIsRead) {
     EXPECT_EQ(0, IcuHooks::counters().openCalls);
 }
 
-TEST_F(CodePageTest, DefaultConverterThatCannotOpen) {
+TEST_F(CodePageTest, ConverterThatCannotOpen) {
+    // The default converter fails: the UTF-8 converter is not even tried.
     IcuHooks::limitAllocations(0);
     EXPECT_EQ("Error opening converter U_MEMORY_ALLOCATION_ERROR\n",
               failureOf([] { toUtf8("abc", 3); }));
     IcuHooks::limitAllocations(-1);
-    // The UTF-8 converter is not even tried.
     EXPECT_EQ(1, IcuHooks::counters().openCalls);
     expectConvertersReleased();
-}
 
-TEST_F(CodePageTest, Utf8ConverterThatCannotOpen) {
-    // Measure what opening the default converter costs, then allow just that.
+    // Allow just what opening the default converter costs: the UTF-8 one fails.
     UErrorCode status = U_ZERO_ERROR;
     ucnv_close(ucnv_open(nullptr, &status));
     IcuHooks::reset();
     ucnv_close(ucnv_open(nullptr, &status));
     const int nativeCost = IcuHooks::allocations();
     ASSERT_TRUE(U_SUCCESS(status));
-
     IcuHooks::reset();
     IcuHooks::limitAllocations(nativeCost);
     EXPECT_EQ("Error opening converter U_MEMORY_ALLOCATION_ERROR\n",
@@ -221,24 +202,30 @@ TEST_F(CodePageTest, FailureMessagesNameTheFailingConverter) {
     struct Case {
         bool toUtf8;
         bool firstStage;
+        bool secondStage;
         std::string message;
     };
     const std::vector<Case> cases = {
-        {true, true,
+        {true, true, false,
          "An error occured converting " + latin1 + " to Unicode.\nU_ILLEGAL_CHAR_FOUND\n"},
-        {true, false,
+        {true, false, true,
          "An error occured converting Unicode to " + utf8 + ".\nU_ILLEGAL_CHAR_FOUND\n"},
-        {false, true,
+        {false, true, false,
          "An error occured converting " + utf8 + " to Unicode.\nU_ILLEGAL_CHAR_FOUND\n"},
-        {false, false,
+        {false, false, true,
          "An error occured converting Unicode to " + latin1 + ".\nU_ILLEGAL_CHAR_FOUND\n"},
+        // Both stages fail: the second stage is checked first.
+        {true, true, true,
+         "An error occured converting Unicode to " + utf8 + ".\nU_ILLEGAL_CHAR_FOUND\n"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.message);
         IcuHooks::reset();
         if (c.firstStage) {
-            IcuHooks::injectToUnicode(1, U_ILLEGAL_CHAR_FOUND);
-        } else {
+            IcuHooks::injectToUnicode(1,
+                                      c.secondStage ? U_INVALID_CHAR_FOUND : U_ILLEGAL_CHAR_FOUND);
+        }
+        if (c.secondStage) {
             IcuHooks::injectFromUnicode(1, U_ILLEGAL_CHAR_FOUND);
         }
         const std::string message =
@@ -249,24 +236,14 @@ TEST_F(CodePageTest, FailureMessagesNameTheFailingConverter) {
     }
 }
 
-TEST_F(CodePageTest, SecondStageIsCheckedBeforeFirst) {
-    IcuHooks::injectToUnicode(1, U_INVALID_CHAR_FOUND);
-    IcuHooks::injectFromUnicode(1, U_ILLEGAL_CHAR_FOUND);
-    EXPECT_EQ(
-        "An error occured converting Unicode to " + describe("UTF-8") + ".\nU_ILLEGAL_CHAR_FOUND\n",
-        failureOf([] { toUtf8("abc", 3); }));
-    expectConvertersReleased();
-}
-
-TEST_F(CodePageTest, FailureInALaterPassDiscardsEverything) {
+TEST_F(CodePageTest, FailureInALaterPassDiscardsEverythingButWarningsPass) {
     const std::string text(50000, 'q');
     IcuHooks::injectToUnicode(3, U_INVALID_CHAR_FOUND);
     EXPECT_NE(std::string::npos,
               failureOf([&] { toUtf8(text.data(), 50000); }).find("U_INVALID_CHAR_FOUND"));
     expectConvertersReleased();
-}
 
-TEST_F(CodePageTest, WarningsAreNotFailures) {
+    IcuHooks::reset();
     IcuHooks::injectToUnicode(1, U_USING_DEFAULT_WARNING);
     IcuHooks::injectFromUnicode(1, U_AMBIGUOUS_ALIAS_WARNING);
     EXPECT_EQ("abc", toUtf8("abc", 3));

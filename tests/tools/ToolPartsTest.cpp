@@ -114,42 +114,27 @@ TEST(FailureTest, JsonCarriesClassTypeAndEscapedMessage) {
     EXPECT_EQ(withoutType.toJson(), "{\"class\":\"DomException\",\"type\":null,\"message\":\"x\"}");
 }
 
-std::vector<Event> parse(const std::string& document) {
-    std::vector<Event> events;
-    parseEventDocument(document, events);
-    return events;
-}
-
-TEST(EventListTest, ReadsSenderSequenceAndUnescapedText) {
-    const std::vector<Event> events = parse(
+// Events are appended with sender, sequence and unescaped text; elements other
+// than "event" are skipped, a single "event" root is one event.
+TEST(EventListTest, ReadsEventsAndReportsMalformedDocuments) {
+    std::vector<Event> events{{"old", "0", "kept"}};
+    parseEventDocument(
         "\n<ns0:events xmlns:ns0=\"urn:e\">\n<ns0:event sender=\"alice\" "
         "sequence=\"1\">Build 42</ns0:event>\n<ns0:other/><ns0:event sender=\"a&amp;b\" "
-        "sequence=\"2\">&lt;x&gt; &amp; &quot;y&quot;</ns0:event></ns0:events>");
-    ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(events[0].sender, "alice");
-    EXPECT_EQ(events[0].sequence, "1");
-    EXPECT_EQ(events[0].text, "Build 42");
-    EXPECT_EQ(events[1].sender, "a&b");
-    EXPECT_EQ(events[1].sequence, "2");
-    EXPECT_EQ(events[1].text, "<x> & \"y\"");
-}
-
-TEST(EventListTest, BlankAndEmptyDocumentsHoldNoEventsAndASingleEventRootIsOne) {
-    EXPECT_TRUE(parse("").empty());
-    EXPECT_TRUE(parse(" \r\n\t").empty());
-    EXPECT_TRUE(parse("<events/>").empty());
-    const std::vector<Event> single = parse("<event sender=\"k\" sequence=\"9\">t</event>");
-    ASSERT_EQ(single.size(), 1u);
-    EXPECT_EQ(single[0].text, "t");
-}
-
-TEST(EventListTest, AppendsAndReportsMalformedDocuments) {
-    std::vector<Event> events{{"old", "0", "kept"}};
-    parseEventDocument("<e><event sender=\"s\" sequence=\"1\">n</event></e>", events);
-    ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(events[0].text, "kept");
-    EXPECT_THROW(parse("<events><event>"), DomException);
-    EXPECT_THROW(parse("not xml"), DomException);
+        "sequence=\"2\">&lt;x&gt; &amp; &quot;y&quot;</ns0:event></ns0:events>",
+        events);
+    for (const char* blank : {"", " \r\n\t", "<events/>"}) {
+        parseEventDocument(blank, events);
+    }
+    parseEventDocument("<event sender=\"k\" sequence=\"9\">t</event>", events);
+    ASSERT_EQ(events.size(), 4u);
+    const auto line = [](const Event& e) { return e.sender + "|" + e.sequence + "|" + e.text; };
+    EXPECT_EQ(line(events[0]), "old|0|kept");
+    EXPECT_EQ(line(events[1]), "alice|1|Build 42");
+    EXPECT_EQ(line(events[2]), "a&b|2|<x> & \"y\"");
+    EXPECT_EQ(line(events[3]), "k|9|t");
+    EXPECT_THROW(parseEventDocument("<events><event>", events), DomException);
+    EXPECT_THROW(parseEventDocument("not xml", events), DomException);
 }
 
 }  // namespace

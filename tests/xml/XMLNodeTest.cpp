@@ -4,7 +4,6 @@
 
 #include "util/XMLNode.h"
 
-using Arvant::Net::AvQuorvel::Util::DomException;
 using Arvant::Net::AvQuorvel::Util::XMLNode;
 
 namespace {
@@ -56,18 +55,6 @@ TEST(XMLNodeTest, DeletingATreeWithNullEntriesFreesEveryNode) {
     middle->children.push_back(nullptr);
     addChild(*addChild(*middle, "l"), "leaf");
     delete root;
-}
-
-TEST(DomExceptionTest, CarriesAndCopiesItsMessage) {
-    DomException empty;
-    EXPECT_EQ(empty.getMessage(), "");
-    empty.setMessage("changed");
-    EXPECT_EQ(empty.getMessage(), "changed");
-
-    DomException original("boom");
-    DomException copy(original);
-    original.setMessage("other");
-    EXPECT_EQ(copy.getMessage(), "boom");
 }
 
 }  // namespace
