@@ -12,6 +12,7 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <utility>
 
 namespace Arvant {
 namespace Net {
@@ -45,7 +46,8 @@ xercesc::SecurityManager& entityExpansionGuard() {
 
 bool SAXToNodeParser::replaceSubChars = false;
 
-SAXToNodeParser::SAXToNodeParser() : root(nullptr), current(nullptr), reader(nullptr) {}
+SAXToNodeParser::SAXToNodeParser()
+    : root(nullptr), current(nullptr), reader(nullptr), asciiKept(false) {}
 
 SAXToNodeParser::~SAXToNodeParser() {
     delete reader;
@@ -56,7 +58,7 @@ void SAXToNodeParser::setReplaceSubChars(bool replace) {
     replaceSubChars = replace;
 }
 
-std::string SAXToNodeParser::transcodeToString(const XMLCh* text, bool replace) {
+std::string SAXToNodeParser::transcodeThroughLibrary(const XMLCh* text, bool replace) {
     if (text == nullptr) {
         return std::string();
     }
@@ -74,6 +76,59 @@ std::string SAXToNodeParser::transcodeToString(const XMLCh* text, bool replace) 
     std::string result(converted);
     XMLString::release(&converted, XMLPlatformUtils::fgMemoryManager);
     return result;
+}
+
+// Every name and text of a document passes through here, and nearly all of them
+// are ASCII. Where the library's converter keeps ASCII as it is, such text is
+// copied straight into the result, which is the library's result byte for byte:
+// the same bytes, and the same SUB replacement since 0x1A is ASCII too.
+std::string SAXToNodeParser::transcodeToString(const XMLCh* text, bool replace) const {
+    if (text == nullptr || !asciiKept) {
+        return transcodeThroughLibrary(text, replace);
+    }
+    const XMLCh* end = text;
+    while (*end != 0 && *end < 0x80) {
+        ++end;
+    }
+    if (*end != 0) {
+        return transcodeThroughLibrary(text, replace);
+    }
+    std::string result(text, end);  // each character becomes the byte of its value
+    if (replace) {
+        for (char& byte : result) {
+            if (byte == '\x1A') {
+                byte = '?';
+            }
+        }
+    }
+    return result;
+}
+
+// The library opens its converter when it is initialised and keeps it until it is
+// terminated, and it stays initialised for the whole of a parse, so one probe at
+// the start of a parse holds for all of it. The probe goes through the library's
+// own conversion: the whole ASCII range, converted in one piece, must come back
+// as the same bytes. Every converter that passes (UTF-8, the ISO-8859 and Windows
+// code pages, ASCII itself, ...) converts each ASCII character on its own, so
+// any ASCII text comes back unchanged; EBCDIC, UTF-16 and UTF-32, UTF-7 and the
+// like fail it and keep the library's path. Probing anew for each parse keeps it
+// right when the library is terminated and started again with another code page.
+bool SAXToNodeParser::libraryKeepsAscii() {
+    XMLCh probe[0x80];
+    char expected[0x80];
+    for (int c = 1; c < 0x80; ++c) {
+        probe[c - 1] = static_cast<XMLCh>(c);
+        expected[c - 1] = static_cast<char>(c);
+    }
+    probe[0x7F] = 0;
+    expected[0x7F] = '\0';
+    char* converted = XMLString::transcode(probe, XMLPlatformUtils::fgMemoryManager);
+    if (converted == nullptr) {
+        return false;
+    }
+    const bool kept = std::strcmp(converted, expected) == 0;
+    XMLString::release(&converted, XMLPlatformUtils::fgMemoryManager);
+    return kept;
 }
 
 void SAXToNodeParser::discardTree() {
@@ -101,9 +156,29 @@ void SAXToNodeParser::createReader() {
     reader->setDeclarationHandler(this);
 }
 
-XMLNode* SAXToNodeParser::parseString(const std::string& xml) {
+namespace {
+// Clears a flag on every way out of a parse.
+class FlagReset {
+public:
+    explicit FlagReset(bool& flag) : flag(flag) {}
+    ~FlagReset() { flag = false; }
+    FlagReset(const FlagReset&) = delete;
+    FlagReset& operator=(const FlagReset&) = delete;
+
+private:
+    bool& flag;
+};
+}  // namespace
+
+void SAXToNodeParser::startParse() {
     discardTree();
     createReader();
+    asciiKept = libraryKeepsAscii();
+}
+
+XMLNode* SAXToNodeParser::parseString(const std::string& xml) {
+    FlagReset asciiKeptOnlyWhileParsing(asciiKept);
+    startParse();
     documentName = kStringDocumentName;
 
     // The terminating NUL goes to the reader as the last byte of the buffer.
@@ -115,8 +190,8 @@ XMLNode* SAXToNodeParser::parseString(const std::string& xml) {
 }
 
 XMLNode* SAXToNodeParser::parseFile(const std::string& name) {
-    discardTree();
-    createReader();
+    FlagReset asciiKeptOnlyWhileParsing(asciiKept);
+    startParse();
     documentName = name;
     reader->parse(name.c_str());
     return root;
@@ -130,9 +205,13 @@ XMLNode* SAXToNodeParser::getRoot() {
 }
 
 void SAXToNodeParser::characters(const XMLCh* chars, const XMLSize_t /*length*/) {
-    std::string text = transcodeToString(chars, replaceSubChars);
-    if (current != nullptr) {
-        current->text += text;
+    if (current == nullptr) {
+        return;  // nowhere to keep it; the conversion has no other effect
+    }
+    if (current->text.empty()) {
+        current->text = transcodeToString(chars, replaceSubChars);
+    } else {
+        current->text += transcodeToString(chars, replaceSubChars);
     }
 }
 
@@ -166,12 +245,12 @@ void SAXToNodeParser::startElement(const XMLCh* uri, const XMLCh* localname, con
     }
 
     std::unique_ptr<XMLNode> node(new XMLNode());
-    node->localName = name;
+    node->localName = std::move(name);
     node->uri = transcodeToString(uri, false);
     const XMLSize_t count = attrs.getLength();
     for (XMLSize_t i = 0; i < count; ++i) {
         std::string value = transcodeToString(attrs.getValue(i), replaceSubChars);
-        node->setAttribute(transcodeToString(attrs.getLocalName(i), false), value);
+        node->attributes[transcodeToString(attrs.getLocalName(i), false)] = std::move(value);
     }
 
     if (root == nullptr) {

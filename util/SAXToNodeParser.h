@@ -55,8 +55,15 @@ private:
 
     // Converts text of the XML library to the local code page; with replace set,
     // every SUB byte (0x1A, what the converter leaves for an unmappable character)
-    // becomes "?".
-    static std::string transcodeToString(const XMLCh* text, bool replace);
+    // becomes "?". Pure ASCII text is copied directly when asciiKept says the
+    // library's converter keeps ASCII as it is; the result is the same.
+    std::string transcodeToString(const XMLCh* text, bool replace) const;
+    // The library's own conversion, which transcodeToString stands in for.
+    static std::string transcodeThroughLibrary(const XMLCh* text, bool replace);
+    // Whether the XML library's local code-page converter turns every ASCII
+    // character into the byte of the same value. Asked once per parse.
+    static bool libraryKeepsAscii();
+    void startParse();
     void discardTree();
     // Shared by error and fatalError: composes the text and throws DomException.
     [[noreturn]] void throwParseError(const char* prefix,
@@ -68,6 +75,8 @@ private:
     XMLNode* current;
     xercesc::SAX2XMLReader* reader;
     std::string documentName;
+    // Set at the start of each parse from libraryKeepsAscii(); false outside one.
+    bool asciiKept;
 };
 
 }  // namespace Util
