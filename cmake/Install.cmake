@@ -39,7 +39,8 @@ endif()
 foreach(dir client util schemas)
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir}/
         DESTINATION ${AVQVL_INSTALL_INCLUDEDIR}/${dir}
-        FILES_MATCHING PATTERN "*.h")
+        FILES_MATCHING PATTERN "*.h"
+        PATTERN "ReaderMemory.h" EXCLUDE)  # internal to the library
 endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/transport/AvQvlBinding.h
     DESTINATION ${AVQVL_INSTALL_INCLUDEDIR}/transport)

@@ -14,6 +14,8 @@
 #include <memory>
 #include <utility>
 
+#include "util/ReaderMemory.h"
+
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
@@ -47,7 +49,12 @@ xercesc::SecurityManager& entityExpansionGuard() {
 bool SAXToNodeParser::replaceSubChars = false;
 
 SAXToNodeParser::SAXToNodeParser()
-    : root(nullptr), current(nullptr), reader(nullptr), asciiKept(false) {}
+    : root(nullptr),
+      current(nullptr),
+      reader(nullptr),
+      asciiKept(false),
+      parsing(false),
+      lastUri(nullptr) {}
 
 SAXToNodeParser::~SAXToNodeParser() {
     delete reader;
@@ -93,11 +100,16 @@ std::string SAXToNodeParser::transcodeToString(const XMLCh* text, bool replace) 
     if (*end != 0) {
         return transcodeThroughLibrary(text, replace);
     }
-    std::string result(text, end);  // each character becomes the byte of its value
+    const std::size_t length = static_cast<std::size_t>(end - text);
+    std::string result(length, '\0');
+    char* const out = &result[0];
+    for (std::size_t i = 0; i < length; ++i) {
+        out[i] = static_cast<char>(text[i]);  // each character becomes the byte of its value
+    }
     if (replace) {
-        for (char& byte : result) {
-            if (byte == '\x1A') {
-                byte = '?';
+        for (std::size_t i = 0; i < length; ++i) {
+            if (out[i] == '\x1A') {
+                out[i] = '?';
             }
         }
     }
@@ -147,7 +159,12 @@ void SAXToNodeParser::discardTree() {
 void SAXToNodeParser::createReader() {
     delete reader;
     reader = nullptr;
-    reader = xercesc::XMLReaderFactory::createXMLReader(XMLPlatformUtils::fgMemoryManager, 0);
+    if (readerMemory == nullptr) {
+        readerMemory.reset(new ReaderMemory());
+    } else {
+        readerMemory->reset();
+    }
+    reader = xercesc::XMLReaderFactory::createXMLReader(readerMemory.get(), 0);
     reader->setFeature(xercesc::XMLUni::fgXercesDisableDefaultEntityResolution, true);
     reader->setFeature(xercesc::XMLUni::fgXercesLoadSchema, false);
     reader->setProperty(xercesc::XMLUni::fgXercesSecurityManager, &entityExpansionGuard());
@@ -156,44 +173,49 @@ void SAXToNodeParser::createReader() {
     reader->setDeclarationHandler(this);
 }
 
-namespace {
-// Clears a flag on every way out of a parse.
-class FlagReset {
-public:
-    explicit FlagReset(bool& flag) : flag(flag) {}
-    ~FlagReset() { flag = false; }
-    FlagReset(const FlagReset&) = delete;
-    FlagReset& operator=(const FlagReset&) = delete;
-
-private:
-    bool& flag;
-};
-}  // namespace
-
 void SAXToNodeParser::startParse() {
     discardTree();
     createReader();
     asciiKept = libraryKeepsAscii();
+    parsing = true;
+}
+
+// What holds only during a parse is dropped on every way out of it, so that
+// callbacks driven from outside a parse never see it.
+void SAXToNodeParser::endParse() {
+    parsing = false;
+    asciiKept = false;
+    lastUri = nullptr;
 }
 
 XMLNode* SAXToNodeParser::parseString(const std::string& xml) {
-    FlagReset asciiKeptOnlyWhileParsing(asciiKept);
     startParse();
     documentName = kStringDocumentName;
-
-    // The terminating NUL goes to the reader as the last byte of the buffer.
-    const XMLSize_t byteCount = std::strlen(xml.c_str()) + 1;
-    xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(xml.c_str()), byteCount,
-                                      kStringBufferId, false, XMLPlatformUtils::fgMemoryManager);
-    reader->parse(source);
+    try {
+        // The terminating NUL goes to the reader as the last byte of the buffer.
+        const XMLSize_t byteCount = std::strlen(xml.c_str()) + 1;
+        xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(xml.c_str()), byteCount,
+                                          kStringBufferId, false,
+                                          XMLPlatformUtils::fgMemoryManager);
+        reader->parse(source);
+    } catch (...) {
+        endParse();
+        throw;
+    }
+    endParse();
     return root;
 }
 
 XMLNode* SAXToNodeParser::parseFile(const std::string& name) {
-    FlagReset asciiKeptOnlyWhileParsing(asciiKept);
     startParse();
     documentName = name;
-    reader->parse(name.c_str());
+    try {
+        reader->parse(name.c_str());
+    } catch (...) {
+        endParse();
+        throw;
+    }
+    endParse();
     return root;
 }
 
@@ -246,7 +268,12 @@ void SAXToNodeParser::startElement(const XMLCh* uri, const XMLCh* localname, con
 
     std::unique_ptr<XMLNode> node(new XMLNode());
     node->localName = std::move(name);
-    node->uri = transcodeToString(uri, false);
+    // Nearly every element of a document shares its namespace with the one before.
+    if (!parsing || uri == nullptr || uri != lastUri) {
+        lastUriText = transcodeToString(uri, false);
+        lastUri = uri;
+    }
+    node->uri = lastUriText;
     const XMLSize_t count = attrs.getLength();
     for (XMLSize_t i = 0; i < count; ++i) {
         std::string value = transcodeToString(attrs.getValue(i), replaceSubChars);

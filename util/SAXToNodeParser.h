@@ -7,6 +7,7 @@
 #include <xercesc/sax2/DefaultHandler.hpp>
 #include <xercesc/sax2/SAX2XMLReader.hpp>
 
+#include <memory>
 #include <string>
 
 #include "util/Export.h"
@@ -16,6 +17,8 @@ namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
 namespace Util {
+
+class ReaderMemory;
 
 class AVQVL_EXPORT SAXToNodeParser : public xercesc::DefaultHandler {
 public:
@@ -64,6 +67,7 @@ private:
     // character into the byte of the same value. Asked once per parse.
     static bool libraryKeepsAscii();
     void startParse();
+    void endParse();
     void discardTree();
     // Shared by error and fatalError: composes the text and throws DomException.
     [[noreturn]] void throwParseError(const char* prefix,
@@ -74,9 +78,16 @@ private:
     XMLNode* root;
     XMLNode* current;
     xercesc::SAX2XMLReader* reader;
+    // What the reader allocates from; made with the first reader and outlives each.
+    std::unique_ptr<ReaderMemory> readerMemory;
     std::string documentName;
     // Set at the start of each parse from libraryKeepsAscii(); false outside one.
     bool asciiKept;
+    bool parsing;
+    // The namespace URI of the last start tag and its conversion. The reader hands
+    // out each URI from its string pool, at one address for the whole parse.
+    const XMLCh* lastUri;
+    std::string lastUriText;
 };
 
 }  // namespace Util

@@ -26,10 +26,6 @@ namespace {
 
 const std::uint64_t kDefaultUnicodeCapacity = 20480;
 const std::uint64_t kDefaultByteCapacity = 30720;
-// Shorter texts always take the pump: for them opening the two converters
-// costs more than converting, and ICU's own calls stay the path that every
-// short text, header blocks included, is seen to take.
-const std::int32_t kCopyMinimumLength = 1024;
 
 enum StatusDirection { ToUnicode, FromUnicode };
 
@@ -440,7 +436,7 @@ std::string pump(CodePageConverter::Direction direction, const char* input, int3
 
     CodePageConverter converter(direction, static_cast<std::uint64_t>(length));
     std::string output;
-    if (length >= kCopyMinimumLength && convertsUtf8ToUtf8(converter) &&
+    if (convertsUtf8ToUtf8(converter) &&
         copyUtf8(input, static_cast<std::size_t>(length), converter.unicodeCapacity, output)) {
         return output;
     }

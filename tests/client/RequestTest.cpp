@@ -24,7 +24,17 @@ class RequestTest : public TransportTest {
 protected:
     void TearDown() override {
         IcuHooks::reset();  // drops the conversion failures a test injected
+        IcuHooks::setDefaultConverter(nullptr);
         TransportTest::TearDown();
+    }
+
+    // Under UTF-8, well-formed text is copied without ICU's conversion calls;
+    // a single-byte code page sends every text through them, where a failure
+    // can be injected.
+    void injectFromUnicode(int call) {
+        IcuHooks::setDefaultConverter("ISO-8859-1");
+        IcuHooks::reset();
+        IcuHooks::injectFromUnicode(call, U_INVALID_CHAR_FOUND);
     }
 
     // Runs one request with the given headers over `text`.
@@ -70,8 +80,7 @@ TEST_F(RequestTest, FailuresBeforeAnythingIsSent) {
     EXPECT_EQ(thrown.kind, "AvQVLProtocolException");
     EXPECT_EQ(thrown.message, "Failed to read the request stream.");
 
-    IcuHooks::reset();
-    IcuHooks::injectFromUnicode(1, U_INVALID_CHAR_FOUND);  // the header block's conversion
+    injectFromUnicode(1);  // the header block's conversion
     thrown = thrownBy([&] { send("b"); });
     EXPECT_EQ(thrown.kind, "AvQVLRuntimeException");
     EXPECT_EQ(thrown.type, 0);
@@ -83,8 +92,7 @@ TEST_F(RequestTest, ResponseConversionFailurePassesUnchangedWithoutComplete) {
     script({{kSend, 0}, {kEof, 0}, {kReceive, 20}});
     TestTransport::pushResponse("r");
     TestTransport::pushResult(kReceive, -1);
-    IcuHooks::reset();
-    IcuHooks::injectFromUnicode(2, U_INVALID_CHAR_FOUND);  // the header block, then the response
+    injectFromUnicode(2);  // the header block, then the response
     Thrown thrown = thrownBy([&] { send("b"); });
     EXPECT_EQ(thrown.kind, "AvQVLException");  // Utf8ConversionException
     EXPECT_EQ(thrown.message.rfind("An error occured converting ", 0), 0u);

@@ -143,6 +143,20 @@ TEST_F(Utf8FastPathTest, RandomTextsOfEveryKind) {
     }
 }
 
+// Header values, identifiers and status texts are short: every length up to a
+// few blocks, whole and damaged at random.
+TEST_F(Utf8FastPathTest, ShortTextsOfEveryLength) {
+    for (std::size_t length = 0; length <= 80; ++length) {
+        for (int round = 0; round < 4; ++round) {
+            std::string text = round == 0 ? std::string(length, 'q') : wellFormed(length);
+            if (round >= 2) {
+                damage(text);
+            }
+            expectSameBothWays(text);
+        }
+    }
+}
+
 TEST_F(Utf8FastPathTest, LengthsAroundPassBoundaries) {
     // Four-byte characters placed at and around the units where the first
     // stage's passes end; and the same with zero bytes and damage.

@@ -58,6 +58,27 @@ TEST(SAXToNodeParserTest, BuildsTheTreeWithNamesUrisAttributesAndText) {
     }
 }
 
+// Each element carries its own namespace, however the namespaces alternate,
+// and a later parse with other namespaces never sees an earlier one's.
+TEST(SAXToNodeParserTest, EveryElementKeepsItsOwnNamespace) {
+    SAXToNodeParser parser;
+    XMLNode* root = parser.parseString(
+        "<a xmlns=\"urn:1\"><b xmlns=\"urn:2\"><c/></b><d/><e xmlns=\"\"/>"
+        "<f xmlns:p=\"urn:2\"><p:g/><h/></f></a>");
+    std::vector<std::string> uris;
+    std::vector<const XMLNode*> pending{root};
+    while (!pending.empty()) {
+        const XMLNode* node = pending.front();
+        pending.erase(pending.begin());
+        uris.push_back(node->localName + "=" + node->uri);
+        pending.insert(pending.end(), node->children.begin(), node->children.end());
+    }
+    EXPECT_EQ(uris, (std::vector<std::string>{"a=urn:1", "b=urn:2", "d=urn:1", "e=", "f=urn:1",
+                                              "c=urn:2", "g=urn:2", "h=urn:1"}));
+    EXPECT_EQ(parser.parseString("<x xmlns=\"urn:first\"/>")->uri, "urn:first");
+    EXPECT_EQ(parser.parseString("<x xmlns=\"urn:other\"/>")->uri, "urn:other");
+}
+
 TEST(SAXToNodeParserTest, CharacterDataIsKeptUntouched) {
     const std::pair<std::string, const char*> cases[] = {
         {"<r>x<!-- note -->y<![CDATA[z<&>]]></r>", "xyz<&>"},
@@ -165,6 +186,23 @@ TEST(SAXToNodeParserTest, CallbacksOutsideAnElementLeaveTheTree) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "End element called when not inside one!\n");
     EXPECT_EQ(parser.getRoot(), root);
     EXPECT_EQ(root->children.size(), 1u);
+}
+
+// Callbacks driven by the caller may reuse one buffer for different texts.
+TEST(SAXToNodeParserTest, CallbacksDrivenDirectlyReadEachUriAnew) {
+    SAXToNodeParser parser;
+    parser.parseString("<r xmlns=\"urn:parsed\"/>");
+    SAXToNodeParser driven;
+    XMLCh uri[] = {'u', 'r', 'n', ':', 'a', 0};
+    LibraryText name("n");
+    FixedAttributes none;
+    driven.startElement(uri, name, name, none);
+    uri[4] = 'b';
+    driven.startElement(uri, name, name, none);
+    XMLNode* root = driven.getRoot();
+    EXPECT_EQ(root->uri, "urn:a");
+    ASSERT_EQ(root->children.size(), 1u);
+    EXPECT_EQ(root->children[0]->uri, "urn:b");
 }
 
 class TempFile {
