@@ -37,6 +37,30 @@ const std::size_t kAlignment = alignof(std::max_align_t);
 inline std::size_t roundUp(std::size_t size) {
     return (size + kAlignment - 1) & ~(kAlignment - 1);
 }
+
+// Each thread keeps one chunk between parses. Besides the heap calls it saves,
+// this keeps the heap's shape steady from call to call: a chunk freed after
+// each parse can let the heap hand its top back to the system, and the large
+// buffers of the next call then start on fresh pages.
+struct SpareChunk {
+    char* chunk = nullptr;
+    ~SpareChunk() { std::free(chunk); }
+};
+thread_local SpareChunk spare;
+
+char* newChunk() {
+    char* chunk = spare.chunk;
+    spare.chunk = nullptr;
+    return chunk != nullptr ? chunk : static_cast<char*>(std::malloc(ReaderMemory::kChunkSize));
+}
+
+void releaseChunk(char* chunk) {
+    if (spare.chunk == nullptr) {
+        spare.chunk = chunk;
+    } else {
+        std::free(chunk);
+    }
+}
 }  // namespace
 
 const bool ReaderMemory::kChunked = AVQVL_READER_MEMORY_CHUNKS != 0;
@@ -45,7 +69,7 @@ ReaderMemory::ReaderMemory() : top(nullptr), limit(nullptr) {}
 
 ReaderMemory::~ReaderMemory() {
     for (char* chunk : chunks) {
-        std::free(chunk);
+        releaseChunk(chunk);
     }
 }
 
@@ -58,7 +82,7 @@ bool ReaderMemory::addChunk() {
         return false;
     }
     chunks.reserve(kChunkLimit / kChunkSize);
-    char* chunk = static_cast<char*>(std::malloc(kChunkSize));
+    char* chunk = newChunk();
     if (chunk == nullptr) {
         throw xercesc::OutOfMemoryException();
     }
@@ -107,7 +131,7 @@ void ReaderMemory::reset() {
         return;
     }
     for (std::size_t i = 1; i < chunks.size(); ++i) {
-        std::free(chunks[i]);
+        releaseChunk(chunks[i]);
     }
     chunks.resize(1);
     top = chunks.front();
