@@ -42,20 +42,31 @@ inline std::size_t roundUp(std::size_t size) {
 // this keeps the heap's shape steady from call to call: a chunk freed after
 // each parse can let the heap hand its top back to the system, and the large
 // buffers of the next call then start on fresh pages.
+//
+// A parser that lives in a thread_local object of its own may be destroyed
+// after the spare at thread exit; from then on chunks go straight to the heap.
+// The flag has no destructor, so it stays readable until the thread is gone.
+thread_local bool spareGone = false;
 struct SpareChunk {
     char* chunk = nullptr;
-    ~SpareChunk() { std::free(chunk); }
+    ~SpareChunk() {
+        std::free(chunk);
+        spareGone = true;
+    }
 };
 thread_local SpareChunk spare;
 
 char* newChunk() {
-    char* chunk = spare.chunk;
-    spare.chunk = nullptr;
+    char* chunk = nullptr;
+    if (!spareGone) {
+        chunk = spare.chunk;
+        spare.chunk = nullptr;
+    }
     return chunk != nullptr ? chunk : static_cast<char*>(std::malloc(ReaderMemory::kChunkSize));
 }
 
 void releaseChunk(char* chunk) {
-    if (spare.chunk == nullptr) {
+    if (!spareGone && spare.chunk == nullptr) {
         spare.chunk = chunk;
     } else {
         std::free(chunk);

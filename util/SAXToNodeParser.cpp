@@ -31,9 +31,11 @@ const char* const kStringDocumentName = "From String";
 // Bounds on what a document may expand to through entities it declares itself:
 // at most this many expansions, each at most this many characters of replacement
 // text, so no document grows beyond about ten million characters however its
-// entities nest or repeat. Documents without a DOCTYPE never reach either.
+// entities nest or repeat. Attribute defaults it declares may add as much again
+// to its elements. Documents without a DOCTYPE never reach any of these.
 const XMLSize_t kMaxEntityExpansions = 10000;
 const XMLSize_t kMaxEntityValueLength = 1024;
+const XMLSize_t kMaxDefaultedCharacters = kMaxEntityExpansions * kMaxEntityValueLength;
 
 // Shared by every reader of the process; readers only read it.
 xercesc::SecurityManager& entityExpansionGuard() {
@@ -54,7 +56,8 @@ SAXToNodeParser::SAXToNodeParser()
       reader(nullptr),
       asciiKept(false),
       parsing(false),
-      lastUri(nullptr) {}
+      lastUri(nullptr),
+      defaultedCharacters(0) {}
 
 SAXToNodeParser::~SAXToNodeParser() {
     delete reader;
@@ -153,7 +156,8 @@ void SAXToNodeParser::discardTree() {
 // response reach beyond itself: nothing external is loaded (no external DTD,
 // external entity or schema, whether a local file or a network resource; each
 // such reference ends the parse with a fatal error, or for schemas is ignored),
-// and entity expansion is bounded (kMaxEntityExpansions, internalEntityDecl).
+// and entity expansion is bounded (kMaxEntityExpansions, internalEntityDecl), as
+// is the text that declared attribute defaults add (attributeDecl).
 // A document without a DOCTYPE or schema location parses exactly as with the
 // defaults.
 void SAXToNodeParser::createReader() {
@@ -186,6 +190,8 @@ void SAXToNodeParser::endParse() {
     parsing = false;
     asciiKept = false;
     lastUri = nullptr;
+    declaredDefaults.clear();
+    defaultedCharacters = 0;
 }
 
 XMLNode* SAXToNodeParser::parseString(const std::string& xml) {
@@ -254,8 +260,11 @@ void SAXToNodeParser::processingInstruction(const XMLCh* /*target*/, const XMLCh
 
 void SAXToNodeParser::startDocument() {}
 
-void SAXToNodeParser::startElement(const XMLCh* uri, const XMLCh* localname, const XMLCh* /*qname*/,
+void SAXToNodeParser::startElement(const XMLCh* uri, const XMLCh* localname, const XMLCh* qname,
                                    const xercesc::Attributes& attrs) {
+    if (!declaredDefaults.empty()) {
+        countDeclaredDefaults(qname);
+    }
     std::string name = transcodeToString(localname, false);
     // A second top-level element: the reader reports it as a fatal error first, so
     // this only happens when a caller drives the callbacks itself. There is no open
@@ -297,6 +306,34 @@ void SAXToNodeParser::internalEntityDecl(const XMLCh* name, const XMLCh* value) 
                            documentName + "' has " + std::to_string(length) +
                            " characters of replacement text; at most " +
                            std::to_string(kMaxEntityValueLength) + " are allowed.\n");
+    }
+}
+
+// A declared default goes into every element of its type that leaves the
+// attribute out, which lets a short document fill memory with a few long
+// defaults and many empty elements. Each element is charged with every default
+// declared for its type, given or not, so the count never falls short.
+void SAXToNodeParser::attributeDecl(const XMLCh* eName, const XMLCh* /*aName*/,
+                                    const XMLCh* /*type*/, const XMLCh* /*mode*/,
+                                    const XMLCh* value) {
+    if (eName != nullptr && value != nullptr) {
+        declaredDefaults[eName] += XMLString::stringLen(value);
+    }
+}
+
+void SAXToNodeParser::countDeclaredDefaults(const XMLCh* qname) {
+    if (qname == nullptr) {
+        return;
+    }
+    auto found = declaredDefaults.find(qname);
+    if (found == declaredDefaults.end()) {
+        return;
+    }
+    defaultedCharacters += found->second;
+    if (defaultedCharacters > kMaxDefaultedCharacters) {
+        throw DomException("Attribute defaults of XML Document '" + documentName +
+                           "' add more than " + std::to_string(kMaxDefaultedCharacters) +
+                           " characters to its elements.\n");
     }
 }
 

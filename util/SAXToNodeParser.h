@@ -7,6 +7,7 @@
 #include <xercesc/sax2/DefaultHandler.hpp>
 #include <xercesc/sax2/SAX2XMLReader.hpp>
 
+#include <map>
 #include <memory>
 #include <string>
 
@@ -53,6 +54,11 @@ private:
     // bounded so that, with the reader's cap on the number of expansions, no
     // document can expand beyond a bounded size (see SAXToNodeParser.cpp).
     void internalEntityDecl(const XMLCh* name, const XMLCh* value) override;
+    // Declared attribute defaults are copied into every element of their type,
+    // so what they add to the tree is bounded as well.
+    void attributeDecl(const XMLCh* eName, const XMLCh* aName, const XMLCh* type, const XMLCh* mode,
+                       const XMLCh* value) override;
+    void countDeclaredDefaults(const XMLCh* qname);
     // Creates the reader of one parse, refusing everything external.
     void createReader();
 
@@ -88,6 +94,10 @@ private:
     // out each URI from its string pool, at one address for the whole parse.
     const XMLCh* lastUri;
     std::string lastUriText;
+    // Characters of declared attribute defaults per element type (qualified
+    // name) in the current parse, and how many the elements so far may have had.
+    std::map<std::basic_string<XMLCh>, XMLSize_t> declaredDefaults;
+    XMLSize_t defaultedCharacters;
 };
 
 }  // namespace Util

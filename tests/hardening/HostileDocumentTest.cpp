@@ -190,12 +190,17 @@ TEST(HostileDocumentTest, ParseFileStillReadsTheNamedFileButNothingItReferences)
     std::remove(path.c_str());
 }
 
-// Several hundred MiB to several GiB of text if expanded; each must end early.
+// Several hundred MiB to several GiB of text if expanded or copied; each must
+// end early.
 TEST(HostileDocumentTest, EntityExpansionIsBounded) {
     const std::string leaf(1000, 'a');
-    std::string manyReferences;
+    std::string manyReferences, longDefault, manyElements;
     for (int i = 0; i < 20000; ++i) {
         manyReferences += "&big;";
+    }
+    for (int i = 0; i < 2000; ++i) {
+        longDefault += "&k;";
+        manyElements += "<p:e/>";
     }
     struct Case {
         const char* what;
@@ -211,6 +216,10 @@ TEST(HostileDocumentTest, EntityExpansionIsBounded) {
          "<!DOCTYPE r [<!ENTITY big \"" + std::string(100000, 'x') + "\">]><r>" + manyReferences +
              "</r>",
          "replacement text"},
+        {"long attribute default copied into many elements",
+         "<!DOCTYPE r [<!ENTITY k \"" + leaf + "\"><!ATTLIST p:e x CDATA \"" + longDefault +
+             "\">]><r xmlns:p=\"urn:p\">" + manyElements + "</r>",
+         "characters to its elements"},
     };
     for (const Case& c : cases) {
         const Outcome outcome = parse(c.xml);
@@ -224,8 +233,8 @@ TEST(HostileDocumentTest, EntityExpansionIsBounded) {
     }
 }
 
-// Internal entities within the bounds still expand, and documents without a
-// DOCTYPE read as the XML library's defaults read them.
+// Internal entities and attribute defaults within the bounds still apply, and
+// documents without a DOCTYPE read as the XML library's defaults read them.
 TEST(HostileDocumentTest, HarmlessDocumentsParseAsBefore) {
     std::string manyReferences = "<r a=\"&amp;&#65;\">", expanded;
     for (int i = 0; i < 30000; ++i) {
@@ -242,6 +251,9 @@ TEST(HostileDocumentTest, HarmlessDocumentsParseAsBefore) {
     const std::pair<std::string, std::string> cases[] = {
         {nestedEntities(3, 10, "ab") + "<r a=\"&e1;\">&e2;</r>",
          "<{}r a=[" + twenty + "]>" + twoHundred + "|</>"},
+        {"<!DOCTYPE r [<!ATTLIST c d CDATA \"1\"><!ATTLIST p:c q CDATA #FIXED \"2\">]>"
+         "<r xmlns:p=\"urn:p\"><c/><c d=\"3\"/><p:c/></r>",
+         "<{}r>|<{}c d=[1]>|</><{}c d=[3]>|</><{urn:p}c q=[2]>|</></>"},
         {"<a><b>x</b>y<e/>z</a>", "<{}a>yz|<{}b>x|</><{}e>|</></>"},
         {"<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<p:r xmlns:p=\"urn:x\" q=\"1\"><p:c "
          "p:q=\"2\" q=\"3\"/></p:r>",

@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "util/ReaderMemory.h"
@@ -47,9 +49,13 @@ TEST(ReaderMemoryTest, BlocksAreAlignedDisjointAndOnlyTheLastComesBack) {
         total += size;
     }
     expectDisjoint(blocks);
+    for (const Block& block : blocks) {
+        memory.deallocate(block.at);
+    }
+    memory.deallocate(nullptr);
 
     if (ReaderMemory::kChunked) {
-        memory.reset();
+        memory.reset();  // no block may outlive a reset
         void* first = memory.allocate(64);
         void* second = memory.allocate(64);
         memory.deallocate(first);  // not the last one: stays taken
@@ -58,10 +64,6 @@ TEST(ReaderMemoryTest, BlocksAreAlignedDisjointAndOnlyTheLastComesBack) {
         void* again = memory.allocate(48);
         EXPECT_NE(again, second) << "a block above the freed one is still taken";
     }
-    for (const Block& block : blocks) {
-        memory.deallocate(block.at);
-    }
-    memory.deallocate(nullptr);
 }
 
 TEST(ReaderMemoryTest, TheLastBlockIsReusedWhileChunksRemain) {
@@ -74,6 +76,32 @@ TEST(ReaderMemoryTest, TheLastBlockIsReusedWhileChunksRemain) {
     memory.deallocate(top);
     EXPECT_EQ(memory.allocate(500), top);
     EXPECT_NE(keep, top);
+}
+
+// At thread exit the thread's spare chunk can go before a thread_local object
+// that still uses reader memory, such as a parser kept per thread. The freed
+// spare must not be handed out again: memory the heap gave out since then stays
+// untouched (and the chunks of such late users go back to the heap).
+bool spareReusedAtExit = false;
+struct UsesMemoryAtExit {
+    ~UsesMemoryAtExit() {
+        std::unique_ptr<char[]> other(new char[ReaderMemory::kChunkSize]);
+        ReaderMemory memory;
+        char* block = static_cast<char*>(memory.allocate(64));
+        spareReusedAtExit = block >= other.get() && block < other.get() + ReaderMemory::kChunkSize;
+    }
+};
+
+TEST(ReaderMemoryTest, UsersDestroyedAfterTheThreadsSpareChunkGetFreshMemory) {
+    if (!ReaderMemory::kChunked) {
+        GTEST_SKIP() << "every block comes from the heap in this build";
+    }
+    std::thread([] {
+        thread_local UsesMemoryAtExit user;  // made before the spare, so destroyed after it
+        ReaderMemory memory;
+        memory.allocate(64);  // its chunk becomes the thread's spare
+    }).join();
+    EXPECT_FALSE(spareReusedAtExit);
 }
 
 // Many more elements than the chunks hold: the reader's later blocks come from
