@@ -146,6 +146,21 @@ TEST_F(CodePageTest, LongInputTakesSeveralPassesInOrder) {
     expectConvertersReleased();
 }
 
+// The first stage flushes when the bytes still ahead fit its unit capacity:
+// then a character cut short at the end is substituted. A text of more bytes
+// than that, whose units all fit in one pass, is never flushed, and the cut
+// character is dropped.
+TEST_F(CodePageTest, FirstStageFlushComparesBytesWithUnits) {
+    std::string text;
+    for (int i = 0; i < 10300; ++i) {
+        text += "\xC3\xA9";
+    }
+    const std::string flushed = text.substr(0, 20478) + "\xC3";
+    EXPECT_EQ(std::string(10239, '\xE9') + "\x1A", fromUtf8(flushed.data(), 20479));
+    text += "\xC3";
+    EXPECT_EQ(std::string(10300, '\xE9'), fromUtf8(text.data(), 20601));
+}
+
 TEST_F(CodePageTest, ZeroCharacterEndsItsPassOutput) {
     EXPECT_EQ("a", toUtf8("a\0bc", 4));
     EXPECT_EQ("a", fromUtf8("a\0bc", 4));
