@@ -44,8 +44,11 @@ int32_t Exchange::sendText(const char* text, std::string& error) {
         return fail(protocolFailureCode, "AvQvl_SendNoAck was given no text.", error);
     }
     const std::size_t length = std::strlen(text);
-    if (phase == Phase::failed) {
-        abandon();  // SendEOF has returned that failure; a new header block starts afresh
+    // After a failure SendEOF has reported, or a response the client stopped
+    // reading (it abandons an exchange without AvQvl_Complete when it throws while
+    // collecting or converting the response), the text is a new header block.
+    if (phase == Phase::failed || phase == Phase::responding || phase == Phase::finished) {
+        abandon();
     }
     switch (phase) {
         case Phase::idle:

@@ -7,7 +7,9 @@
 // A call that does not fit the phase fails with the protocol code; a body or
 // header block over its limit fails with the limit code. Every failure returns
 // the exchange to idle, so the next header block starts afresh; a malformed header
-// block is also reported by the Receive that follows its SendEOF.
+// block is also reported by the Receive that follows its SendEOF. Text sent while
+// a response is still being handed out starts a new exchange: the client gave
+// the old one up.
 #ifndef AVQVL_TRANSPORT_EXCHANGE_H
 #define AVQVL_TRANSPORT_EXCHANGE_H
 

@@ -37,6 +37,13 @@ bool parseHeaderBlock(const std::string& block, HeaderFields& fields, std::strin
             return false;
         }
         const std::string name = line.substr(0, equals);
+        // Clients send the fields sorted by name, so a name out of order is most
+        // likely part of a value that held CR LF: refused, not read as a field.
+        if (!fields.empty() && name < fields.rbegin()->first) {
+            error = where + " (\"" + name + "\") is out of order; the fields come sorted by " +
+                    "name, so a value before it may hold a line break.";
+            return false;
+        }
         if (!fields.emplace(name, line.substr(equals + 1)).second) {
             error = where + " repeats the header \"" + name + "\".";
             return false;

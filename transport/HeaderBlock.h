@@ -13,8 +13,8 @@ namespace AvQuorvel {
 namespace Transport {
 
 // True with the fields filled, or false with a message saying what is wrong.
-// The value is everything after the first "="; a name must not be empty or
-// given twice.
+// The value is everything after the first "="; names must be non-empty, unique
+// and in ascending byte order (as clients sort them).
 bool parseHeaderBlock(const std::string& block, HeaderFields& fields, std::string& error);
 
 }  // namespace Transport

@@ -150,6 +150,9 @@ TEST_F(TransportTest, MisuseFailsWithCodeAndMessage) {
          "Header line 1 is not of the form name=value"},
         {"TE", "A=b\r\n\r\nC=d\r\n", kProtocol, "text after its closing empty line"},
         {"TE", "A=b\r\nA=c\r\n\r\n", kProtocol, "repeats the header \"A\""},
+        // A value "S\r\nInjected=1" splits its line.
+        {"TE", "Server-ID=S\r\nInjected=1\r\nService-Name=AvQVLRequest\r\n\r\n", kProtocol,
+         "Header line 2 (\"Injected\") is out of order"},
         {"TR", "", kProtocol, "before the header block was ended"},
         {"TEB", "", kProtocol, "before the service asked for it"},
         {"TERBR", "", kProtocol, "before the body was ended"},
@@ -168,6 +171,16 @@ TEST_F(TransportTest, MisuseFailsWithCodeAndMessage) {
         EXPECT_EQ(echoed("recovered"), "recovered");
     }
     EXPECT_EQ(AvQvl_GetLastError(nullptr), kProtocol);
+}
+
+// A client that throws while collecting or converting a response gives the
+// exchange up without AvQvl_Complete; its next operation must not pay for that.
+TEST_F(TransportTest, ResponseGivenUpMidwayDoesNotSpoilTheNextExchange) {
+    for (const char* steps : {"TERER", "TERERR", "TERERRR"}) {
+        SCOPED_TRACE(steps);
+        play(steps, "Operation-Name=getStatus\r\nService-Name=AvQVLRequest\r\n\r\n");
+        EXPECT_EQ(echoed("next one"), "next one");
+    }
 }
 
 TEST_F(TransportTest, BodyOverTheServiceLimitStopsEarly) {
