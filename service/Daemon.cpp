@@ -2,6 +2,7 @@
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -38,15 +39,24 @@ void answer(httplib::Response& res, int status, int32_t code, const std::string&
     res.set_content(message + "\n", "text/plain; charset=utf-8");
 }
 
-// Content-Length as a number, or false when absent or not a number.
-bool contentLength(const httplib::Request& req, unsigned long long& length) {
-    if (!req.has_header("Content-Length")) {
-        return false;
+// True when the request has no Content-Length, or exactly one that is a
+// decimal number. The library would read "abc" as 0 and the bytes that follow
+// as the next request, and would pick one of two differing lengths.
+bool wellFormedContentLength(const httplib::Request& req) {
+    const std::size_t count = req.get_header_value_count("Content-Length");
+    if (count == 0) {
+        return true;
     }
     const std::string text = req.get_header_value("Content-Length");
-    char* end = nullptr;
-    length = std::strtoull(text.c_str(), &end, 10);
-    return !text.empty() && *end == '\0';
+    return count == 1 && !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// The declared body length (checked by wellFormedContentLength) is over max.
+bool declaredLengthOver(const httplib::Request& req, std::size_t max) {
+    std::string digits = req.get_header_value("Content-Length");
+    digits.erase(0, std::min(digits.find_first_not_of('0'), digits.size()));
+    const std::string limit = std::to_string(max);
+    return digits.size() > limit.size() || (digits.size() == limit.size() && digits > limit);
 }
 
 // For answers given before the body was read to its end: what is left of it
@@ -85,7 +95,7 @@ struct Daemon::Impl {
         : options(options),
           log(options.quiet ? nullptr : log),
           engine(options.limits),
-          server(connectionLimits(options)) {}
+          server(connectionLimits(options), options.workers) {}
 
     static ConnectionLimits connectionLimits(const DaemonOptions& options) {
         ConnectionLimits limits;
@@ -117,18 +127,25 @@ struct Daemon::Impl {
 };
 
 void Daemon::Impl::configure() {
-    const std::size_t workers = options.workers == 0 ? 1 : options.workers;
-    server.new_task_queue = [workers] { return new httplib::ThreadPool(workers); };
     // Without it every exchange on a kept-alive connection waits for a delayed ACK
     // (accepted sockets inherit it from the listening one).
     server.set_tcp_nodelay(true);
     server.set_payload_max_length(options.limits.maxBodyBytes);
+    // Only advertised in the Keep-Alive answer header; GuardedServer enforces them.
+    server.set_keep_alive_max_count(options.keepAliveRequests);
+    server.set_keep_alive_timeout(options.keepAliveSeconds);
 
     server.set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
         markRequestHeadRead();
         record = RequestRecord();
         record.start = Clock::now();
         record.started = true;
+        if (!wellFormedContentLength(req)) {
+            answer(res, 400, protocolFailureCode,
+                   "The request must have at most one Content-Length, a decimal number of bytes.");
+            closeAfter(res);
+            return httplib::Server::HandlerResponse::Handled;
+        }
         // A body without a length would be read until the client closes.
         const bool sendsBody = req.method == "POST" || req.method == "PUT" || req.method == "PATCH";
         if (sendsBody && !req.has_header("Content-Length") &&
@@ -176,7 +193,7 @@ httplib::Server::HandlerResponse Daemon::Impl::explainError(const httplib::Reque
     res.set_header("Connection", "close");
     // The library answers 400 when the connection gave up on the head.
     const RequestTrouble& trouble = currentRequestTrouble();
-    if (trouble.headTooLong) {
+    if (trouble.headTooLong || (res.status == 400 && trouble.headerLineTooLong)) {
         res.status = 431;
     } else if (trouble.late || trouble.stalled) {
         res.status = 408;
@@ -202,8 +219,10 @@ httplib::Server::HandlerResponse Daemon::Impl::explainError(const httplib::Reque
             message = "The request line is too long.";
             break;
         case 431:
-            message = "The request head is longer than " + std::to_string(options.maxHeadBytes) +
-                      " bytes.";
+            message = trouble.headTooLong ? "The request head is longer than " +
+                                                std::to_string(options.maxHeadBytes) + " bytes."
+                                          : "A request header line is longer than " +
+                                                std::to_string(headerLineBytes) + " bytes.";
             break;
         default:
             message = "The request is not a valid HTTP/1.1 request (status " +
@@ -249,11 +268,11 @@ void Daemon::Impl::exchange(const httplib::Request& req, httplib::Response& res,
         closeAfter(res);
         return;
     }
-    unsigned long long declared = 0;
-    if (contentLength(req, declared) && declared > options.limits.maxBodyBytes) {
+    if (declaredLengthOver(req, options.limits.maxBodyBytes)) {
         answer(res, 413, limitFailureCode,
-               "The request body of " + std::to_string(declared) + " bytes exceeds the limit of " +
-                   std::to_string(options.limits.maxBodyBytes) + " bytes.");
+               "The request body of " + req.get_header_value("Content-Length") +
+                   " bytes exceeds the limit of " + std::to_string(options.limits.maxBodyBytes) +
+                   " bytes.");
         closeAfter(res);
         return;
     }

@@ -1,13 +1,17 @@
 // An httplib::Server that serves each accepted connection itself, so every
 // request is bounded however slowly its client sends:
 //   - the request head (request line and header lines) may hold at most
-//     maxHeadBytes; a longer one is answered 431,
+//     maxHeadBytes, and a header line at most headerLineBytes (the most the
+//     library reads); a longer one is answered 431,
 //   - the whole request, head and body, must arrive within requestTimeoutMs of
 //     its first byte; a late one is answered 408,
 //   - a connection that sends nothing for readTimeoutMs in the middle of a
 //     request, or keepAliveMs between requests, is closed,
 //   - once stop() is asked for, idle kept-alive connections close at once and
-//     busy ones after their answer.
+//     busy ones after their answer,
+//   - while accepted connections wait for a worker, a connection that has been
+//     idle for a moment (kept alive, or never sent anything) closes and gives
+//     its worker up, so silent clients cannot hold every worker.
 // The HTTP parsing stays the library's: this class only hands it the bytes.
 #ifndef AVQVL_SERVICE_GUARDEDSERVER_H
 #define AVQVL_SERVICE_GUARDEDSERVER_H
@@ -22,6 +26,9 @@ namespace Net {
 namespace AvQuorvel {
 namespace Service {
 
+// The longest head line the HTTP library reads (its build's header limit).
+constexpr std::size_t headerLineBytes = 8192;
+
 struct ConnectionLimits {
     long readTimeoutMs = 5000;
     long requestTimeoutMs = 30000;
@@ -35,7 +42,8 @@ struct RequestTrouble {
     bool late = false;     // passed the request time-out
     bool stalled = false;  // nothing came for the read time-out
     bool headTooLong = false;
-    bool closeAfterAnswer = false;  // the request could not be read as a whole
+    bool headerLineTooLong = false;  // the library then gives up on the head
+    bool closeAfterAnswer = false;   // the request could not be read as a whole
 };
 // The trouble of the request this worker thread is reading (for handlers).
 const RequestTrouble& currentRequestTrouble();
@@ -47,7 +55,8 @@ void markCloseAfterAnswer();
 
 class GuardedServer : public httplib::Server {
 public:
-    explicit GuardedServer(const ConnectionLimits& limits) : limits(limits) {}
+    // Serves connections on `workers` threads.
+    GuardedServer(const ConnectionLimits& limits, std::size_t workers);
     // Idle connections close; stop() of the base then ends listening.
     void beginStop() { stopping = true; }
 
@@ -56,6 +65,8 @@ private:
 
     const ConnectionLimits limits;
     std::atomic<bool> stopping{false};
+    // Accepted connections no worker has taken yet.
+    std::atomic<long> waitingConnections{0};
 };
 
 }  // namespace Service

@@ -47,14 +47,46 @@ const std::string& requiredHeader(const RequestHeaders& headers, const char* nam
     return found->second;
 }
 
-// XML 1.0 cannot carry C0 control characters other than tab, line feed and
-// carriage return, not even as references, so texts that must reach a document
-// are refused when they hold one.
+// Identifiers and events are written into XML documents, which every client
+// parses; one that XML 1.0 cannot carry would spoil the documents of every client
+// of the server. Allowed: UTF-8 of the characters tab, line feed, carriage
+// return, U+0020 to U+D7FF, U+E000 to U+FFFD and U+10000 to U+10FFFF; no other
+// control character, no U+FFFE or U+FFFF, no surrogate or overlong form, not
+// even as a reference.
 bool fitsXmlDocument(const std::string& text) {
-    return std::none_of(text.begin(), text.end(), [](char c) {
-        const unsigned char byte = static_cast<unsigned char>(c);
-        return byte < 0x20 && byte != '\t' && byte != '\n' && byte != '\r';
-    });
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    const auto* const end = p + text.size();
+    while (p < end) {
+        const unsigned char lead = *p;
+        if (lead < 0x80) {
+            if (lead < 0x20 && lead != '\t' && lead != '\n' && lead != '\r') {
+                return false;
+            }
+            ++p;
+            continue;
+        }
+        if (lead < 0xC0 || lead > 0xF7) {
+            return false;  // a continuation byte, or no lead byte of UTF-8
+        }
+        const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+        static const uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};  // below: overlong
+        uint32_t code = lead & (0x7F >> length);
+        if (static_cast<std::size_t>(end - p) < length) {
+            return false;
+        }
+        for (std::size_t i = 1; i < length; ++i) {
+            if ((p[i] & 0xC0) != 0x80) {
+                return false;
+            }
+            code = (code << 6) | (p[i] & 0x3F);
+        }
+        if (code < least[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF) ||
+            code == 0xFFFE || code == 0xFFFF) {
+            return false;
+        }
+        p += length;
+    }
+    return true;
 }
 
 std::string quoted(const std::string& text) {
@@ -135,7 +167,7 @@ std::string ServiceEngine::registerClient(const std::string& serverId,
     if (!fitsXmlDocument(serverId) || !fitsXmlDocument(clientId)) {
         refuseProtocol(
             "Cannot register the client: \"Server-ID\" and \"Client-ID\" must not hold control "
-            "characters.");
+            "characters, U+FFFE, U+FFFF or bytes that are not UTF-8.");
     }
     auto group = servers_.find(serverId);
     std::size_t count = 0;
@@ -188,7 +220,8 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
     registeredClient(serverId, clientId);
     if (!fitsXmlDocument(body)) {
         refuseProtocol("The event of client " + quoted(clientId) +
-                       " holds control characters that an XML document cannot carry.");
+                       " holds control characters, U+FFFE, U+FFFF or bytes that are not "
+                       "UTF-8, which an XML document cannot carry.");
     }
     ServerGroup& group = servers_.find(serverId)->second;  // exists: the caller is registered
     for (const Client& recipient : group.clients) {

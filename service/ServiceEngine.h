@@ -25,7 +25,9 @@
 // events posted under one Server-ID from 1, so one post carries the same number
 // at every recipient and numbers grow in posting order.
 //
-// Every failure leaves the state as it was. Thread-safe: one engine may serve
+// Identifiers registered and events posted must be UTF-8 that an XML document
+// can carry (no control character but tab, LF and CR, no U+FFFE or U+FFFF);
+// others are refused. Every failure leaves the state as it was. Thread-safe: one engine may serve
 // any number of transports at once.
 #ifndef AVQVL_SERVICE_SERVICEENGINE_H
 #define AVQVL_SERVICE_SERVICEENGINE_H

@@ -51,7 +51,12 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::Range(1, 3600));
     app.add_flag("--quiet", options.quiet, "No log line per request");
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        const int code = app.exit(e);
+        return code == 0 ? 0 : 2;  // --help, or a usage error like a bad --listen
+    }
 
     std::string error;
     if (!parseListenAddress(listen, options.host, options.port, error)) {
@@ -79,7 +84,10 @@ int main(int argc, char** argv) {
         sigwait(&stopSignals, &signal);
         daemon.stop();
     });
-    std::cout << "quorveld listening on " << options.host << ":" << daemon.port() << std::endl;
+    // An IPv6 address in brackets, as a URL wants it.
+    const bool v6 = options.host.find(':') != std::string::npos;
+    std::cout << "quorveld listening on " << (v6 ? "[" : "") << options.host << (v6 ? "]" : "")
+              << ":" << daemon.port() << std::endl;
 
     const bool served = daemon.run();
     if (!served) {

@@ -158,8 +158,11 @@ Result runChild(const std::vector<std::string>& argv, const Environment& extra, 
     return result;
 }
 
-Daemon::Daemon(const std::vector<std::string>& extraArgs) {
-    std::vector<std::string> argv = {QUORVELD_BINARY, "--listen", "127.0.0.1:0", "--quiet"};
+Daemon::Daemon(const std::vector<std::string>& extraArgs, bool logging) {
+    std::vector<std::string> argv = {QUORVELD_BINARY, "--listen", "127.0.0.1:0"};
+    if (!logging) {
+        argv.push_back("--quiet");
+    }
     argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
     child = new ChildProcess(argv, {});
     const std::string mark = "listening on 127.0.0.1:";

@@ -49,8 +49,9 @@ Result runChild(const std::vector<std::string>& argv, const Environment& extra,
 
 class Daemon {
 public:
-    // quorveld --listen 127.0.0.1:0 --quiet plus extraArgs; waits for its port.
-    explicit Daemon(const std::vector<std::string>& extraArgs = {});
+    // quorveld --listen 127.0.0.1:0 (--quiet unless logging) plus extraArgs;
+    // waits for its port.
+    explicit Daemon(const std::vector<std::string>& extraArgs = {}, bool logging = false);
     ~Daemon();
 
     int port() const { return listenPort; }

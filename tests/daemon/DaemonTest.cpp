@@ -6,6 +6,8 @@
 
 #include <chrono>
 #include <iostream>
+#include <memory>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -70,6 +72,20 @@ TEST(HttpWireTest, StatusesMapToTransportCodes) {
         {507, -3016}, {404, -3099}, {405, -3099}, {408, -3099}, {500, -3099}};
     for (const auto& row : table) {
         EXPECT_EQ(Wire::transportCodeForStatus(row.first), row.second) << row.first;
+    }
+}
+
+TEST(DaemonUsageTest, BadCommandLinesExitWithTwo) {
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{"--listen", "nohost"},
+                                               {"--listen", "127.0.0.1:65536"},
+                                               {"--workers", "0"},
+                                               {"--bogus"}}) {
+        std::vector<std::string> argv = {QUORVELD_BINARY};
+        argv.insert(argv.end(), args.begin(), args.end());
+        const Result result = runChild(argv, {}, 5000);
+        EXPECT_EQ(result.exitCode, 2) << args[0];
+        EXPECT_NE(result.errors, "") << args[0];
     }
 }
 
@@ -199,7 +215,16 @@ TEST(DaemonBadRequestTest, EachGetsAClearStatus) {
              "\r\nContent-Length: 0\r\n\r\n",
          "HTTP/1.1 400"},
         {exchange + status + "Content-Length: 5000\r\n\r\n", "HTTP/1.1 413"},
+        {exchange + status + "Content-Length: 99999999999999999999999\r\n\r\n", "HTTP/1.1 413"},
+        // Read as 0, "x2" would leave "ok" to be taken for the next request.
+        {exchange + status + "Content-Length: x2\r\n\r\nok", "HTTP/1.1 400"},
+        {exchange + status + "Content-Length: 2\r\nContent-Length: 3\r\n\r\nok!", "HTTP/1.1 400"},
         {exchange + "X-Long: " + std::string(70000, 'a') + "\r\n\r\n", "HTTP/1.1 431"},
+        // Header lines of 8193 bytes and 8192 (CR LF included).
+        {exchange + "X-Long: " + std::string(8183, 'a') + "\r\n\r\n", "HTTP/1.1 431"},
+        {exchange + status + "X-Long: " + std::string(8182, 'a') +
+             "\r\nConnection: close\r\nContent-Length: 0\r\n\r\n",
+         "HTTP/1.1 200"},
         {"NOT HTTP AT ALL\r\n\r\n", "HTTP/1.1 400"},
         {exchange + status + "Connection: close\r\nContent-Length: 2\r\n\r\nok", "HTTP/1.1 200"},
     };
@@ -224,6 +249,11 @@ TEST(DaemonBadRequestTest, SlowClientsAreCutOffWithoutBlockingOthers) {
     stalled.send(head);
     RawConnection trickling(daemon.port());
     trickling.send(head + "Content-Length: 100\r\n\r\n");
+    // Silent connections beyond the workers give theirs up to those waiting.
+    std::vector<std::unique_ptr<RawConnection>> silent;
+    for (int i = 0; i < 4; ++i) {
+        silent.push_back(std::make_unique<RawConnection>(daemon.port()));
+    }
     // Others are served while both hold a worker.
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(client(daemon.url(), {"status"}).output, "status 0\n");
@@ -242,7 +272,7 @@ TEST(DaemonBadRequestTest, SlowClientsAreCutOffWithoutBlockingOthers) {
 }
 
 TEST(DaemonStopTest, ExchangeUnderWayFinishesThenTheDaemonExits) {
-    Daemon daemon;
+    Daemon daemon({}, true);
     RawConnection connection(daemon.port());
     connection.send("POST /quorvel/v1/exchange HTTP/1.1\r\nHost: t\r\nQuorvel-Field: " +
                     Wire::encodeField("Service-Name", "AvQVLRequest") +
@@ -261,4 +291,10 @@ TEST(DaemonStopTest, ExchangeUnderWayFinishesThenTheDaemonExits) {
     const int status = daemon.stop(10000, &stopMs);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_LT(stopMs, 2000);
+    // One log line for the exchange; the absent identifiers show empty.
+    EXPECT_TRUE(
+        std::regex_search(daemon.process().errors(),
+                          std::regex("^exchange op=getStatus server= client= status=200 us=[0-9]+ "
+                                     "peer=127\\.0\\.0\\.1:[0-9]+\nquorveld stopped\n$")))
+        << daemon.process().errors();
 }

@@ -183,11 +183,12 @@ TEST_F(ServiceEngineTest, EventsReachEveryOtherClientInOrderAndDrain) {
 TEST_F(ServiceEngineTest, EventsDocumentEscapesTextAndSender) {
     ok("registerClient", "S", "a\"<b>");
     ok("registerClient", "S", "r");
-    ok("putEvents", "S", "a\"<b>", "1 < 2 & \"q\" 50%\n");
+    ok("putEvents", "S", "a\"<b>", "1 < 2 & \"q\" 50%\n\xC3\xA9\xEF\xBF\xBD\xF0\x9F\x98\x80");
     EXPECT_EQ(ok("getEvents", "S", "r"),
               "\n<ns0:events xmlns:ns0=\"" + kNs +
                   "\">\n<ns0:event sender=\"a&quot;&lt;b&gt;\" sequence=\"1\">1 &lt; 2 &amp; "
-                  "&quot;q&quot; 50&#x25;&#10;</ns0:event></ns0:events>");
+                  "&quot;q&quot; "
+                  "50&#x25;&#10;\xC3\xA9\xEF\xBF\xBD\xF0\x9F\x98\x80</ns0:event></ns0:events>");
     EXPECT_EQ(ok("getEvents", "S", "r"), "\n<ns0:events xmlns:ns0=\"" + kNs + "\"></ns0:events>");
 }
 
@@ -208,6 +209,13 @@ TEST_F(ServiceEngineTest, RefusedRequestsChangeNothing) {
         {"getEvents", "T", "a", "", "Client \"a\" is not registered with server \"T\"."},
         {"putEvents", "", "", "x", "Client \"\" is not registered with server \"\"."},
         {"putEvents", "S", "a", std::string("bell\x07", 5), "control characters"},
+        // Not UTF-8, or characters XML cannot carry: any client's parser would fail.
+        {"registerClient", "s", "c\xEF\xBF\xBE", "", "must not"},  // U+FFFE
+        {"registerClient", "s", "caf\xC3", "", "must not"},        // cut short
+        {"registerClient", "s\xFF", "c", "", "must not"},
+        {"putEvents", "S", "a", "\xED\xA0\x80", "not UTF-8"},  // a surrogate
+        {"putEvents", "S", "a", "\xC0\xBC", "not UTF-8"},      // overlong "<"
+        {"putEvents", "S", "a", "\xEF\xBF\xBF", "not UTF-8"},  // U+FFFF
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.operation) + " " + c.server + "/" + c.client);
