@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
     std::string putText;
     CLI::App* put = app.add_subcommand(
         "put", std::string("Post TEXT as events (\"-\" reads standard input, posted byte for "
-                           "byte). ") +
+                           "byte; a text holding a NUL byte is refused). ") +
                    kIdentityNote);
     put->add_option("TEXT", putText, "The events text, or - for standard input")->required();
     addIdentityOptions(*put, options);
@@ -126,6 +126,14 @@ int main(int argc, char** argv) {
         if (putText == "-" && !readAll(std::cin, putText)) {
             std::cerr << "error: cannot read standard input" << std::endl;
             return Quorvel::kExitInternal;
+        }
+        // The library hands the body over as NUL-terminated text and would drop
+        // what follows a NUL byte, so such a text is refused, not cut short.
+        const std::size_t nul = putText.find('\0');
+        if (nul != std::string::npos) {
+            std::cerr << "error: the events text holds a NUL byte (at byte " << nul
+                      << "), which cannot be posted" << std::endl;
+            return Quorvel::kExitUsage;
         }
         return Quorvel::runPut(options, putText);
     }

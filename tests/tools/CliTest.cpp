@@ -189,6 +189,11 @@ TEST(CliTest, UsageErrorsExitWithTwo) {
         EXPECT_EQ(result.exitCode, 2) << "'" << arguments << "'";
         EXPECT_NE(result.err, "") << "'" << arguments << "'";
     }
+    // The library would drop what follows a NUL byte.
+    const RunResult nul = run("put --server S --client K -", std::string("ab\0cd", 5));
+    EXPECT_EQ(nul.exitCode, 2);
+    EXPECT_THAT(nul.err, HasSubstr("NUL byte (at byte 2)"));
+    EXPECT_EQ(nul.out, "");
 }
 
 TEST(CliTest, EverySubcommandHasHelp) {
