@@ -173,14 +173,10 @@ std::string AvQVLRequest::readResponse() {
         }
         const int32_t needed = length + n;
         if (needed > capacity) {
-            // Growing by half keeps the copying linear, as doubling would, while the
-            // spare room of a large answer stays under half of it. That keeps the
-            // transient peak of a large answer low enough that the heap need not
-            // hand its top back to the system after every call. The last step
-            // stops at the maximum, and no step overflows.
+            // Doubling keeps the copying linear; the last step stops at the
+            // maximum, so no step overflows.
             while (capacity < needed) {
-                capacity = capacity > kMaxResponseSize / 3 * 2 ? kMaxResponseSize
-                                                               : capacity + capacity / 2;
+                capacity = capacity > kMaxResponseSize / 2 ? kMaxResponseSize : capacity * 2;
             }
             std::unique_ptr<char[]> grown(new char[capacity]);
             std::memcpy(grown.get(), collected.get(), static_cast<size_t>(length));
