@@ -367,6 +367,7 @@ bool Daemon::bind(std::string& error) {
         impl->boundPort = -1;
         return false;
     }
+    impl->server.widenBacklog();
     return true;
 }
 

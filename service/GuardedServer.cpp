@@ -241,6 +241,16 @@ void markRequestHeadRead() {
 GuardedServer::GuardedServer(const ConnectionLimits& limits, std::size_t workers) : limits(limits) {
     workers = std::max<std::size_t>(workers, 1);
     new_task_queue = [this, workers] { return new CountingPool(workers, waitingConnections); };
+    set_socket_options([this](socket_t sock) {
+        httplib::default_socket_options(sock);
+        listeningSocket = sock;  // the last one made is the one bound
+    });
+}
+
+void GuardedServer::widenBacklog() {
+    if (listeningSocket != INVALID_SOCKET) {
+        ::listen(listeningSocket, SOMAXCONN);  // Linux lets a listening socket widen it
+    }
 }
 
 bool GuardedServer::process_and_close_socket(socket_t sock) {

@@ -57,6 +57,9 @@ class GuardedServer : public httplib::Server {
 public:
     // Serves connections on `workers` threads.
     GuardedServer(const ConnectionLimits& limits, std::size_t workers);
+    // Called once bound: the library listens with a backlog of 5, so a burst of
+    // connections would wait a second for their SYN to be sent again.
+    void widenBacklog();
     // Idle connections close; stop() of the base then ends listening.
     void beginStop() { stopping = true; }
 
@@ -67,6 +70,7 @@ private:
     std::atomic<bool> stopping{false};
     // Accepted connections no worker has taken yet.
     std::atomic<long> waitingConnections{0};
+    socket_t listeningSocket = INVALID_SOCKET;
 };
 
 }  // namespace Service
