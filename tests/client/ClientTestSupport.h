@@ -1,62 +1,102 @@
-// Shared by the client tests: a fixture that pins ICU's default code page to
-// UTF-8 and resets the test transport, and small helpers to read exceptions.
+// Shared by the tests that drive the client library: a fixture that resets the
+// scripted test transport, a short way to script it, and a reading of what a
+// call threw. ICU on Linux takes UTF-8 as its default code page whatever the
+// locale (U_CHARSET_IS_UTF8), so these tests hand UTF-8 over as it is.
 #ifndef AVQVL_TESTS_CLIENT_CLIENTTESTSUPPORT_H
 #define AVQVL_TESTS_CLIENT_CLIENTTESTSUPPORT_H
 
+#include <cxxabi.h>
 #include <gtest/gtest.h>
-#include <unicode/ucnv.h>
 
-#include <cstdint>
+#include <algorithm>
+#include <cstdlib>
 #include <functional>
+#include <memory>
+#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "client/Exception.h"
 #include "transport/testing/TestTransport.h"
+#include "util/XMLNode.h"
 
 namespace ClientTest {
 
 using Arvant::Net::AvQuorvel::Testing::TestTransport;
-using Arvant::Net::AvQuorvel::Testing::TransportCall;
+using Strings = std::vector<std::string>;
+
+// Header block and body accepted: the service asks for the body, then goes on.
+constexpr const char* kHandshake = "S0 E0 R19 S1 E0 R20 ";
 
 class TransportTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        savedCodePage = ucnv_getDefaultName();
-        ucnv_setDefaultName("UTF-8");
-        TestTransport::reset();
+    void SetUp() override { TestTransport::reset(); }
+};
+
+// Appends to the script: "S0 E0 R19" is AvQvl_SendNoAck 0, AvQvl_SendEOF 0,
+// AvQvl_Receive 19; I is AvQvl_Init; "Pab" an AvQvl_Receive delivering "ab".
+inline void script(const std::string& steps) {
+    static const char* const names[] = {"AvQvl_SendNoAck", "AvQvl_SendEOF", "AvQvl_Receive",
+                                        "AvQvl_Init"};
+    std::istringstream in(steps);
+    for (std::string step; in >> step;) {
+        if (step[0] == 'P') {
+            TestTransport::pushResponse(step.substr(1));
+        } else {
+            const size_t name = std::string("SERI").find(step[0]);
+            TestTransport::pushResult(names[name], std::stoi(step.substr(1)));
+        }
     }
-    void TearDown() override { ucnv_setDefaultName(savedCodePage.c_str()); }
+}
 
-private:
-    std::string savedCodePage;
-};
+inline long countCalls(const std::string& function) {
+    const Strings called = TestTransport::functions();
+    return std::count(called.begin(), called.end(), function);
+}
 
-// What a call threw: the most derived class of the client hierarchy (or
-// "DomException", "none"), with type code and message.
-struct Thrown {
-    std::string kind;
-    int32_t type = 0;
-    std::string message;
-};
+// The texts of every AvQvl_SendNoAck, header blocks included.
+inline Strings sentTexts() {
+    Strings texts;
+    for (const auto& call : TestTransport::calls()) {
+        if (call.function == "AvQvl_SendNoAck") {
+            texts.push_back(call.text);
+        }
+    }
+    return texts;
+}
 
-Thrown thrownBy(const std::function<void()>& call);
+// n bytes that show where a piece was cut.
+inline std::string pattern(size_t n) {
+    std::string text;
+    while (text.size() < n) {
+        text += "0123456789abcdefghijklmnopqrstuvwxyz!";
+    }
+    return text.substr(0, n);
+}
 
-// The header block and the body accepted, the service asks for the body (19)
-// and then declares the request complete (20).
-void scriptHandshake();
-
-// Appends results to the script in order: {function, code}.
-constexpr const char* kSend = "AvQvl_SendNoAck";
-constexpr const char* kEof = "AvQvl_SendEOF";
-constexpr const char* kReceive = "AvQvl_Receive";
-using Steps = std::vector<std::pair<const char*, int32_t>>;
-void script(const Steps& steps);
-
-// Number of recorded calls of `function`, and the texts of every AvQvl_SendNoAck.
-int countCalls(const std::string& function);
-std::vector<std::string> sentTexts();
+// What a call threw, as "Class(type): message" with the exact class thrown, or
+// "none". A thrown pointer, which no handler by reference catches, shows as
+// "Class*"; DomException has no type code.
+inline std::string thrownBy(const std::function<void()>& call) {
+    auto describe = [](const std::string& type, const std::string& message) {
+        char* name = abi::__cxa_demangle(abi::__cxa_current_exception_type()->name(), nullptr,
+                                         nullptr, nullptr);
+        const std::string kind = name != nullptr ? name : "?";
+        std::free(name);
+        return kind.substr(kind.rfind(':') + 1) + type + ": " + message;
+    };
+    try {
+        call();
+    } catch (const Arvant::Net::AvQuorvel::Client::Exception& e) {
+        return describe("(" + std::to_string(e.getType()) + ")", e.getMessage());
+    } catch (const Arvant::Net::AvQuorvel::Util::DomException& e) {
+        return describe("", e.getMessage());
+    } catch (Arvant::Net::AvQuorvel::Client::Exception* e) {
+        std::unique_ptr<Arvant::Net::AvQuorvel::Client::Exception> owned(e);
+        return describe("(" + std::to_string(e->getType()) + ")", e->getMessage());
+    }
+    return "none";
+}
 
 }  // namespace ClientTest
 

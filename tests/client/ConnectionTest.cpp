@@ -1,6 +1,8 @@
-// AvQVLConnection's lifecycle, transport start, headers and the status check.
+// AvQVLConnection over the test transport: lifecycle, status check and the five
+// service operations, with their header blocks, bodies, results and failures.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,125 +14,224 @@ using namespace ClientTest;
 
 namespace {
 
-const char* const kStatusHeader =
+const char* const kStatus = "AvQVL Status check";
+const std::string kStatusHeader =
     "Log-Correlation-ID=AvQVLConnection.getStatus\r\nOperation-Name=getStatus\r\n"
     "Service-Name=AvQVLRequest\r\n\r\n";
-const char* const kSharedA = "<r xmlns=\"urn:x\"><sharedClients>A</sharedClients></r>";
+const char* const kSharedAB =
+    "<r xmlns=\"urn:x\"><sharedClients>A</sharedClients><sharedClients>B</sharedClients></r>";
+const char* const kSharedC = "<r xmlns=\"urn:x\"><sharedClients>C</sharedClients></r>";
+const char* const kUnexpectedChild = "<r xmlns=\"urn:x\"><other>A</other></r>";
+
+// The header block of an operation that sends the client identifiers.
+std::string idBlock(const std::string& server, const std::string& client, const std::string& locale,
+                    const std::string& correlation, const std::string& operation) {
+    return "Client-ID=" + client + "\r\n" + (locale.empty() ? "" : "Locale=" + locale + "\r\n") +
+           "Log-Correlation-ID=" + correlation + "\r\nOperation-Name=" + operation +
+           "\r\nServer-ID=" + server + "\r\nService-Name=AvQVLRequest\r\n\r\n";
+}
 
 class ConnectionTest : public TransportTest {
 protected:
-    void registerAs(AvQVLConnection& connection, std::string server, std::string client,
-                    std::string locale) {
-        std::vector<std::string> shared;
+    void registerAs(AvQVLConnection& target, std::string locale = "") {
+        std::string server = "S", client = "K";
+        Strings shared;
         TestTransport::expectExchange("<r/>");
-        connection.registerClient(server, client, locale, shared);
+        target.registerClient(server, client, locale, shared);
+        TestTransport::reset();
     }
+
+    // Whether the precondition passes (the call then fails at the empty script).
+    bool registered() {
+        Strings shared;
+        const std::string thrown = thrownBy([&] { connection.getSharedClients(shared); });
+        TestTransport::reset();
+        return thrown != "AvQVLProtocolException*(-2): Client not Registered with Quorvel";
+    }
+
+    AvQVLConnection connection;
+    std::string events = "old", correlation = "c";
 };
 
-TEST_F(ConnectionTest, StatusIsZeroOnlyForAnExactEcho) {
-    AvQVLConnection connection;
-    TestTransport::expectExchange("AvQVL Status check");
-    EXPECT_EQ(connection.getStatus(), 0);
-    EXPECT_EQ(TestTransport::headerBlocks(), (std::vector<std::string>{kStatusHeader}));
-    EXPECT_EQ(TestTransport::bodies(), (std::vector<std::string>{"AvQVL Status check"}));
-
+// The status check sends no identifiers, registered or not; it carries the
+// locale of the latest registration, and none after one with an empty locale.
+TEST_F(ConnectionTest, StatusIsZeroOnlyForAnExactEchoAndCarriesOnlyTheLocale) {
     for (const char* answer :
-         {"AvQVL Status check\r\n", "AvQVL Status chec", "avqvl status check", ""}) {
+         {kStatus, "AvQVL Status check\r\n", "AvQVL Status chec", "avqvl status check"}) {
         TestTransport::expectExchange(answer);
-        EXPECT_EQ(connection.getStatus(), -2) << answer;
+        EXPECT_EQ(connection.getStatus(), answer == kStatus ? 0 : -2) << answer;
+    }
+    EXPECT_EQ(TestTransport::headerBlocks()[0], kStatusHeader);
+    EXPECT_EQ(TestTransport::bodies()[0], kStatus);
+    for (const std::string locale : {"en_GB", ""}) {
+        registerAs(connection, locale);
+        TestTransport::expectExchange(kStatus);
+        EXPECT_EQ(connection.getStatus(), 0);
+        EXPECT_EQ(TestTransport::headerBlocks()[0],
+                  (locale.empty() ? "" : "Locale=" + locale + "\r\n") + kStatusHeader);
     }
 }
 
-TEST_F(ConnectionTest, StatusFailuresBecomeOneConnectionException) {
-    AvQVLConnection connection;
-    TestTransport::setLastError("unreachable", 0);
-    TestTransport::pushResult("AvQvl_Init", -2999);
-    Thrown thrown = thrownBy([&] { connection.getStatus(); });
-    EXPECT_EQ(thrown.kind, "AvQVLConnectionException");
-    EXPECT_EQ(thrown.type, -1);
-    EXPECT_EQ(thrown.message, "AvQVL Connection failed");
-
-    // The failed start is tried again, and an exchange failure is reported alike.
-    TestTransport::pushResult("AvQvl_SendNoAck", -3099);
-    thrown = thrownBy([&] { connection.getStatus(); });
-    EXPECT_EQ(thrown.kind, "AvQVLConnectionException");
-    EXPECT_EQ(thrown.type, -1);
+TEST_F(ConnectionTest, StatusFailuresBecomeOneConnectionExceptionAndTheStartIsRetried) {
+    for (const char* steps : {"I-2999", "S-3099"}) {
+        script(steps);
+        EXPECT_EQ(thrownBy([&] { connection.getStatus(); }),
+                  "AvQVLConnectionException(-1): AvQVL Connection failed");
+    }
     EXPECT_EQ(countCalls("AvQvl_Init"), 2);
 }
 
-TEST_F(ConnectionTest, StatusNeverCarriesIdentifiersButCarriesTheLocale) {
-    AvQVLConnection connection;
-    registerAs(connection, "S", "K", "en_GB");
-    TestTransport::reset();
-    TestTransport::expectExchange("AvQVL Status check");
-    EXPECT_EQ(connection.getStatus(), 0);
-    EXPECT_EQ(TestTransport::headerBlocks()[0],
-              "Locale=en_GB\r\nLog-Correlation-ID=AvQVLConnection.getStatus\r\n"
-              "Operation-Name=getStatus\r\nService-Name=AvQVLRequest\r\n\r\n");
-
-    // An empty locale from a new registration drops the field again.
-    registerAs(connection, "S", "K", "");
-    TestTransport::reset();
-    TestTransport::expectExchange("AvQVL Status check");
-    connection.getStatus();
-    EXPECT_EQ(TestTransport::headerBlocks()[0], kStatusHeader);
-}
-
-TEST_F(ConnectionTest, TransportStartsOncePerConnection) {
-    auto initsAfterStatus = [](AvQVLConnection& connection) {
-        TestTransport::expectExchange("AvQVL Status check");
-        connection.getStatus();
-        return countCalls("AvQvl_Init");
-    };
-    AvQVLConnection first;
+// The transport starts once per connection and copies do not start it again;
+// the XML library lives while any connection does.
+TEST_F(ConnectionTest, CopiesShareTheTransportStartTheRegistrationAndTheXmlLibrary) {
     EXPECT_EQ(countCalls("AvQvl_Init"), 0);  // not at construction
-    EXPECT_EQ(initsAfterStatus(first), 1);
-    EXPECT_EQ(initsAfterStatus(first), 1);
-    AvQVLConnection copy(first);
+    registerAs(connection, "L");
     AvQVLConnection assigned;
-    assigned = first;
-    EXPECT_EQ(initsAfterStatus(copy), 1);
-    EXPECT_EQ(initsAfterStatus(assigned), 1);
-    AvQVLConnection second;
-    EXPECT_EQ(initsAfterStatus(second), 2);
-    EXPECT_EQ(countCalls("AvQvl_Term"), 0);
-}
-
-TEST_F(ConnectionTest, CopiesCarryTheRegistration) {
-    AvQVLConnection original;
-    registerAs(original, "S", "K", "L");
-    AvQVLConnection copy(original);
-    AvQVLConnection assigned;
-    assigned = original;
-    assigned = assigned;
-
-    for (AvQVLConnection* connection : {&copy, &assigned}) {
-        TestTransport::reset();
-        TestTransport::expectExchange(kSharedA);
-        std::vector<std::string> shared;
-        connection->getSharedClients(shared);
-        EXPECT_EQ(shared, (std::vector<std::string>{"A"}));
-        EXPECT_EQ(TestTransport::headerBlocks()[0],
-                  "Client-ID=K\r\nLocale=L\r\n"
-                  "Log-Correlation-ID=AvQVLConnection.getSharedClients\r\n"
-                  "Operation-Name=getSharedClients\r\nServer-ID=S\r\n"
-                  "Service-Name=AvQVLRequest\r\n\r\n");
-    }
-}
-
-// The XML library lives while any connection does, and starts again after the last.
-TEST_F(ConnectionTest, XmlLibraryOutlivesEveryConnectionButTheLast) {
-    { AvQVLConnection gone; }
-    AvQVLConnection survivor;
-    registerAs(survivor, "S", "K", "");
     {
-        AvQVLConnection other;
-        AvQVLConnection copy(survivor);
+        AvQVLConnection copy(connection), second;
+        assigned = copy;
+        TestTransport::expectExchange(kStatus);
+        second.getStatus();  // starts its own transport
     }
-    TestTransport::expectExchange(kSharedA);
-    std::vector<std::string> shared;
-    survivor.getSharedClients(shared);
-    EXPECT_EQ(shared, (std::vector<std::string>{"A"}));
+    for (AvQVLConnection* target : {&connection, &assigned}) {
+        TestTransport::expectExchange(kSharedC);
+        Strings shared;
+        target->getSharedClients(shared);
+        EXPECT_EQ(shared, Strings{"C"});
+        EXPECT_EQ(TestTransport::headerBlocks().back(),
+                  idBlock("S", "K", "L", "AvQVLConnection.getSharedClients", "getSharedClients"));
+    }
+    EXPECT_EQ(countCalls("AvQvl_Init"), 1);
+    EXPECT_EQ(countCalls("AvQvl_Term"), 0);  // the transport is never stopped
+}
+
+// Each operation's header block and body. The body buffer holds the text and a
+// NUL byte, so a text of n bytes goes out in n / 4098 + 1 chunks (an empty one
+// in one empty chunk). The shared clients of the answer are appended, and a
+// malformed answer or an unexpected child passes through as DomException
+// leaving the vector alone.
+TEST_F(ConnectionTest, OperationsSendTheirHeaderAndBodyAndAppend) {
+    std::string server = "S", client = "K", locale = "L", none, big = pattern(2 * 4098);
+    const std::string putHeader = idBlock("S", "K", "L", "c", "putEvents");
+    const struct {
+        std::function<void(Strings&)> call;
+        std::string header, body;
+    } rows[] = {
+        // Never registered: empty identifiers are still sent.
+        {[&](Strings& s) { connection.unregisterClient(s); },
+         idBlock("", "", "", "AvQVLConnection.unregisterClient", "unregisterClient"),
+         "AvQVL unregister client"},
+        {[&](Strings& s) { connection.registerClient(server, client, locale, s); },
+         "Client-ID=K\r\nLocale=L\r\nLog-Correlation-ID=AvQVLConnection.registerClient\r\n"
+         "Operation-Name=registerClient\r\nServer-ID=S\r\nService-Name=AvQVLRequest\r\n\r\n",
+         "AvQVL register client"},
+        {[&](Strings& s) { connection.getSharedClients(s); },
+         idBlock("S", "K", "L", "AvQVLConnection.getSharedClients", "getSharedClients"),
+         "AvQVL getClients Operation"},
+        {[&](Strings& s) { connection.putEvents(events, s, correlation); }, putHeader, "old"},
+        {[&](Strings& s) { connection.putEvents(none, s, correlation); }, putHeader, ""},
+        {[&](Strings& s) { connection.putEvents(big, s, correlation); }, putHeader, big},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.body.substr(0, 30));
+        TestTransport::reset();
+        Strings shared = {"X"};
+        TestTransport::expectExchange(kSharedAB);
+        row.call(shared);
+        EXPECT_EQ(TestTransport::headerBlocks(), Strings{row.header});
+        EXPECT_EQ(TestTransport::bodies(), Strings{row.body});
+        EXPECT_EQ(countCalls("AvQvl_SendNoAck"), 2 + row.body.size() / 4098);
+        EXPECT_EQ(shared, (Strings{"X", "A", "B"}));
+        for (const char* answer : {"<r", kUnexpectedChild}) {
+            TestTransport::expectExchange(answer);
+            EXPECT_EQ(thrownBy([&] { row.call(shared); }).rfind("DomException: ", 0), 0u);
+            EXPECT_EQ(shared.size(), 3u);
+        }
+    }
+    EXPECT_EQ(events, "old");
+}
+
+// getSharedClients throws a pointer, which no handler by reference catches.
+TEST_F(ConnectionTest, PreconditionsWhenNotRegisteredSendNothing) {
+    Strings shared = {"X"};
+    const std::pair<std::function<void()>, const char*> rows[] = {
+        {[&] { connection.getSharedClients(shared); }, "AvQVLProtocolException*"},
+        {[&] { connection.getEvents(events, shared, correlation); }, "AvQVLProtocolException"},
+        {[&] { connection.putEvents(events, shared, correlation); }, "AvQVLProtocolException"}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(thrownBy(row.first),
+                  row.second + std::string("(-2): Client not Registered with Quorvel"));
+    }
+    EXPECT_EQ(events, "old");
+    EXPECT_EQ(shared, Strings{"X"});
+    EXPECT_TRUE(TestTransport::calls().empty());
+}
+
+// A failed registration still registers; unregistering clears the identifiers,
+// not the locale, unless the answer is malformed.
+TEST_F(ConnectionTest, RegistrationStateThroughFailures) {
+    std::string server = "S", client = "K", locale = "L";
+    Strings shared = {"X"};
+    script("S-2998");
+    EXPECT_EQ(thrownBy([&] { connection.registerClient(server, client, locale, shared); }),
+              "AvQVLConnectionException(0): No error message received");
+    EXPECT_EQ(shared, Strings{"X"});
+    EXPECT_TRUE(registered());
+    TestTransport::expectExchange(kSharedC);
+    connection.unregisterClient(shared);
+    EXPECT_EQ(shared, (Strings{"X", "C"}));
+    EXPECT_FALSE(registered());
+    TestTransport::expectExchange(kStatus);  // the locale stays
+    connection.getStatus();
+    EXPECT_EQ(TestTransport::headerBlocks()[0], "Locale=L\r\n" + kStatusHeader);
+
+    registerAs(connection);
+    TestTransport::expectExchange(kUnexpectedChild);
+    EXPECT_EQ(thrownBy([&] { connection.unregisterClient(shared); }),
+              "DomException: Unexpected node name: other");
+    EXPECT_TRUE(registered());
+
+    // The exact class is Exception: a handler for AvQVLException does not catch it.
+    TestTransport::setLastError("runtime trouble", 0);
+    script(kHandshake + std::string("R-3010"));
+    EXPECT_EQ(thrownBy([&] { connection.unregisterClient(shared); }),
+              "Exception(0): runtime trouble");
+    EXPECT_EQ(shared, (Strings{"X", "C"}));
+    EXPECT_FALSE(registered());
+}
+
+TEST_F(ConnectionTest, GetEventsRunsTwoExchangesAndReplacesBothResults) {
+    registerAs(connection);
+    correlation = "";  // sent as an empty value
+    Strings shared = {"X"};
+    TestTransport::expectExchange("<events>raw</events>");
+    TestTransport::expectExchange(kSharedC);
+    connection.getEvents(events, shared, correlation);
+    EXPECT_EQ(events, "<events>raw</events>");
+    EXPECT_EQ(shared, Strings{"C"});
+    EXPECT_EQ(
+        TestTransport::headerBlocks(),
+        (Strings{idBlock("S", "K", "", "", "getEvents"),
+                 idBlock("S", "K", "", "AvQVLConnection.getSharedClients", "getSharedClients")}));
+    EXPECT_EQ(TestTransport::bodies(),
+              (Strings{"Get Events Request", "AvQVL getClients Operation"}));
+    EXPECT_EQ(TestTransport::functions()[8], "AvQvl_Complete");  // the first ends before the second
+
+    // The first exchange fails: nothing changes. The second fails: the events
+    // have arrived and the vector stays emptied.
+    events = "old";
+    shared = {"X"};
+    script("S-3017");
+    EXPECT_EQ(thrownBy([&] { connection.getEvents(events, shared, correlation); }),
+              "AvQVLProtocolException(0): No error message received");
+    EXPECT_EQ(events, "old");
+    EXPECT_EQ(shared, Strings{"X"});
+    TestTransport::expectExchange("new");
+    TestTransport::expectExchange(kUnexpectedChild);
+    EXPECT_EQ(thrownBy([&] { connection.getEvents(events, shared, correlation); }),
+              "DomException: Unexpected node name: other");
+    EXPECT_EQ(events, "new");
+    EXPECT_TRUE(shared.empty());
 }
 
 }  // namespace

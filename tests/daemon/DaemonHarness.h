@@ -1,89 +1,119 @@
-// Child processes for the daemon tests: a quorveld on an ephemeral loopback
-// port that is always stopped (SIGTERM, then SIGKILL after a bound), and client
-// processes with their own environment. Output goes to temporary files, so no
-// child ever blocks on a full pipe.
+// Child processes for the tests of quorvel and quorveld. Standard input, output and
+// error are temporary files, so no child blocks on a full pipe; a child still running
+// when its object ends is killed. The test programs that use this start no threads.
 #ifndef AVQVL_TESTS_DAEMON_DAEMONHARNESS_H
 #define AVQVL_TESTS_DAEMON_DAEMONHARNESS_H
 
-#include <sys/types.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <iterator>
 #include <string>
-#include <utility>
+#include <thread>
 #include <vector>
 
-namespace DaemonTesting {
+namespace Harness {
 
-using Environment = std::vector<std::pair<std::string, std::string>>;
+using Strings = std::vector<std::string>;
 
-class ChildProcess {
+class Child {
 public:
-    // Starts argv[0] with the test's environment plus (or overridden by) extra.
-    ChildProcess(const std::vector<std::string>& argv, const Environment& extra);
-    ~ChildProcess();  // kills a child that is still running
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
+    // Forks a process that runs body with env ("NAME=value" each) added to its
+    // environment and input as its standard input; body's result is its exit code.
+    explicit Child(const std::function<int()>& body, const Strings& env = {},
+                   const std::string& input = "") {
+        std::fwrite(input.data(), 1, input.size(), files[0]);
+        std::rewind(files[0]);
+        std::fflush(nullptr);  // else the child would write out what the test has buffered
+        if ((pid = ::fork()) == 0) {
+            for (const std::string& setting : env) {
+                ::putenv(const_cast<char*>(setting.c_str()));
+            }
+            for (int fd = 0; fd < 3; ++fd) {
+                ::dup2(::fileno(files[fd]), fd);
+            }
+            const int code = [&body]() noexcept { return body(); }();  // a throw aborts
+            std::fflush(nullptr);
+            ::_exit(code);
+        }
+    }
+    ~Child() {
+        wait(0);
+        for (std::FILE* file : files) {
+            std::fclose(file);
+        }
+    }
 
-    void signal(int number) const;
-    // True once the child has ended within timeoutMs; status as waitpid gives it.
-    bool wait(int timeoutMs, int& status);
-    bool running() const { return child > 0 && !ended; }
-    std::string output() const;  // standard output so far
-    std::string errors() const;  // standard error so far
+    bool running() {
+        ended = ended || pid < 0 || ::waitpid(pid, &status, WNOHANG) == pid;
+        return !ended;
+    }
+    void signal(int number) {
+        if (running()) {
+            ::kill(pid, number);
+        }
+    }
+    // Waits about timeoutMs at most, then kills; the exit code, or -1 when a signal ended it.
+    int wait(int timeoutMs = 30000) {
+        for (int waited = 0; waited < timeoutMs && running(); waited += 2) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        signal(SIGKILL);
+        ended = ended || ::waitpid(pid, &status, 0) == pid;
+        return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    std::string out() const { return read(1); }
+    std::string err() const { return read(2); }
 
 private:
-    pid_t child = -1;
+    std::string read(int fd) const {
+        // A file description of its own, so the offset the child writes at stays.
+        std::ifstream file("/proc/self/fd/" + std::to_string(::fileno(files[fd])));
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    }
+
+    std::FILE* files[3] = {std::tmpfile(), std::tmpfile(), std::tmpfile()};
+    pid_t pid = -1;
+    int status = 0;
     bool ended = false;
-    std::string outPath;
-    std::string errPath;
 };
+
+// A body that runs the program argv[0] with the arguments that follow, then more.
+inline std::function<int()> program(Strings argv, const Strings& more = {}) {
+    argv.insert(argv.end(), more.begin(), more.end());
+    return [argv]() mutable {
+        std::vector<char*> args;
+        for (std::string& arg : argv) {
+            args.push_back(&arg[0]);
+        }
+        args.push_back(nullptr);
+        return ::execv(args[0], args.data());
+    };
+}
 
 struct Result {
-    int exitCode = -1;  // -1 when it ended by a signal or was killed after the time-out
-    std::string output;
-    std::string errors;
+    int code;
+    std::string out, err;
 };
 
-// Runs a child to its end (or kills it after timeoutMs).
-Result runChild(const std::vector<std::string>& argv, const Environment& extra,
-                int timeoutMs = 30000);
+inline Result run(const Strings& argv, const Strings& env = {}, const std::string& input = "") {
+    Child child(program(argv), env, input);
+    const int code = child.wait();
+    return {code, child.out(), child.err()};
+}
 
-class Daemon {
-public:
-    // quorveld --listen 127.0.0.1:0 (--quiet unless logging) plus extraArgs;
-    // waits for its port.
-    explicit Daemon(const std::vector<std::string>& extraArgs = {}, bool logging = false);
-    ~Daemon();
+// Runs quorvel (QUORVEL_BINARY, which the test program defines) with args.
+inline Result quorvel(Strings args, const Strings& env = {}, const std::string& input = "") {
+    args.insert(args.begin(), QUORVEL_BINARY);
+    return run(args, env, input);
+}
 
-    int port() const { return listenPort; }
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(listenPort); }
-    ChildProcess& process() { return *child; }
-    // SIGTERM, then SIGKILL when it has not ended within timeoutMs; returns the
-    // waitpid status (and the time it took through stopMs when given).
-    int stop(int timeoutMs = 10000, long* stopMs = nullptr);
-
-private:
-    ChildProcess* child;
-    int listenPort = -1;
-    bool stopped = false;
-    int stopStatus = 0;
-};
-
-// A loopback port on which nothing listens (bound, then released).
-int unusedPort();
-
-// A raw TCP connection to 127.0.0.1:port, for requests no client would send.
-class RawConnection {
-public:
-    explicit RawConnection(int port);
-    ~RawConnection();
-    bool send(const std::string& bytes);
-    // Everything until the peer closes or timeoutMs passes; closed tells which.
-    std::string receiveAll(int timeoutMs, bool& closed);
-
-private:
-    int fd = -1;
-};
-
-}  // namespace DaemonTesting
+}  // namespace Harness
 
 #endif  // AVQVL_TESTS_DAEMON_DAEMONHARNESS_H

@@ -1,300 +1,286 @@
-// quorveld with clients in separate processes: the whole road, the quorvel
-// tool, failures of the HTTP backend, and requests no client would send.
+// quorveld with clients in separate processes whose transport QUORVEL_URL points at
+// it (the quorvel tool, and forks of this test): the whole road, failures as clients
+// see them, requests no client would send, and the bounded load (which ctest runs
+// apart, labelled load).
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
+#include <poll.h>
+#include <sys/socket.h>
 
-#include <chrono>
-#include <iostream>
+#include <map>
 #include <memory>
+#include <numeric>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
+#include "client/AvQVLConnection.h"
 #include "daemon/DaemonHarness.h"
 #include "transport/HttpWire.h"
 
-using namespace DaemonTesting;
+using namespace Harness;
+using ::testing::StartsWith;
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 namespace Wire = Arvant::Net::AvQuorvel::Transport;
 
 namespace {
 
-// daemon_client with QUORVEL_URL set to `url` (and the extra settings).
-Result client(const std::string& url, const std::vector<std::string>& args,
-              const Environment& extra = {}) {
-    std::vector<std::string> argv = {DAEMON_CLIENT_BINARY};
-    argv.insert(argv.end(), args.begin(), args.end());
-    Environment environment = {{"QUORVEL_URL", url}};
-    environment.insert(environment.end(), extra.begin(), extra.end());
-    return runChild(argv, environment);
+// quorveld on an ephemeral loopback port, logging to err(); always stopped.
+class Daemon : public Child {
+public:
+    explicit Daemon(const Strings& options = {})
+        : Child(program({QUORVELD_BINARY, "--listen", "127.0.0.1:0"}, options)) {
+        char newline = 0;
+        for (int i = 0; i < 2000 && newline != '\n' && running(); ++i) {
+            std::this_thread::sleep_for(milliseconds(5));
+            std::sscanf(out().c_str(), "quorveld listening on 127.0.0.1:%d%c", &port, &newline);
+        }
+        EXPECT_EQ(newline, '\n') << "quorveld did not start: " << err();
+    }
+    int stop() {  // SIGTERM, SIGKILL after 10 s; the exit code
+        signal(SIGTERM);
+        return wait(10000);
+    }
+    std::string url() const { return "QUORVEL_URL=http://127.0.0.1:" + std::to_string(port); }
+    int port = 0;
+};
+
+// A raw loopback connection, for requests no client of the library sends.
+class Connection {
+public:
+    explicit Connection(int port) {
+        sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    ~Connection() { ::close(fd); }
+    void send(const std::string& bytes) { ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+    // What arrives until the peer closes (closed is set) or is silent for timeoutMs.
+    std::string receive(int timeoutMs) {
+        std::string received;
+        char buffer[4096];
+        pollfd entry{fd, POLLIN, 0};
+        while (!closed && ::poll(&entry, 1, timeoutMs) > 0) {
+            const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+            closed = n <= 0;
+            received.append(buffer, closed ? 0 : n);
+        }
+        return received;
+    }
+    bool closed = false;
+
+private:
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+};
+
+// What quorvel prints against the daemon at url: standard output on success, else
+// standard error.
+std::string cli(const std::string& url, const Strings& args, Strings env = {}) {
+    env.push_back(url);
+    const Result result = quorvel(args, env);
+    return result.code == 0 ? result.out : result.err;
 }
 
-void expectCleanStop(Daemon& daemon) {
-    const int status = daemon.stop();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
-}
+const std::string kStatusText = "status: 0 (the service echoed the status text)\n";
+const std::string kExchange = "POST /quorvel/v1/exchange HTTP/1.1\r\nHost: t\r\n";
+const std::string kStatus =
+    kExchange + "Quorvel-Field: " + Wire::encodeField("Service-Name", "AvQVLRequest") +
+    "\r\nQuorvel-Field: " + Wire::encodeField("Operation-Name", "getStatus") + "\r\n";
 
 }  // namespace
 
-TEST(HttpWireTest, FieldsSurviveEncodingAndDamageIsRefused) {
-    std::string everyByte;
-    for (int byte = 1; byte < 256; ++byte) {
-        everyByte += static_cast<char>(byte);
-    }
-    for (const std::string& value : {std::string(), std::string("a b=c"),
-                                     std::string("n\xC3\xA9 \xE2\x98\x83 100%"), everyByte}) {
-        std::string name, decoded, problem;
-        const std::string line = Wire::encodeField("Server-ID", value);
+TEST(HttpWireTest, FieldsSurviveAnyBytesAndDamageIsRefused) {
+    std::string everyByte(255, '\0');
+    std::iota(everyByte.begin(), everyByte.end(), '\1');
+    std::string name, value, problem;
+    for (const std::string sent : {"", "a b=c", "n\xC3\xA9 \xE2\x98\x83", everyByte.c_str()}) {
+        const std::string line = Wire::encodeField("Server-ID", sent);
         EXPECT_EQ(line.find_first_of(" =%+\x80", line.find('=') + 1), std::string::npos) << line;
-        ASSERT_TRUE(Wire::decodeField(line, name, decoded, problem)) << problem;
-        EXPECT_EQ(name + "=" + decoded, "Server-ID=" + value);
+        EXPECT_TRUE(Wire::decodeField(line, name, value, problem)) << problem;
+        EXPECT_EQ(name + "=" + value, "Server-ID=" + sent);
     }
     // "QQ" is "A"; "QR" has stray low bits, "Q" an impossible length.
     for (const char* line : {"novalue", "=QQ", "QQ=QR", "QQ=Q", "QQ=QQ=", "QQ=Q Q", "QQ=%41",
                              "QQ=Q+Q", "QQ=\xC3\xA9"}) {
-        std::string name, value, problem;
+        problem.clear();
         EXPECT_FALSE(Wire::decodeField(line, name, value, problem)) << line;
-        EXPECT_FALSE(problem.empty());
+        EXPECT_NE(problem, "") << line;
     }
-    for (const auto& row : std::vector<std::pair<std::string, std::string>>{
-             {"", ""}, {"f", "Zg"}, {"fo", "Zm8"}, {"foo", "Zm9v"}, {"\xFB\xFF", "-_8"}}) {
-        std::string bytes;
-        EXPECT_EQ(Wire::base64UrlEncode(row.first), row.second);
-        EXPECT_TRUE(Wire::base64UrlDecode(row.second, bytes));
-        EXPECT_EQ(bytes, row.first);
-    }
-}
-
-TEST(HttpWireTest, StatusesMapToTransportCodes) {
-    const std::vector<std::pair<int, int32_t>> table = {
-        {400, -3017}, {422, -3017}, {413, -3016}, {429, -3016}, {431, -3016},
-        {507, -3016}, {404, -3099}, {405, -3099}, {408, -3099}, {500, -3099}};
-    for (const auto& row : table) {
+    const std::pair<int, int32_t> codes[] = {{400, -3017}, {422, -3017}, {413, -3016}, {429, -3016},
+                                             {431, -3016}, {507, -3016}, {404, -3099}, {405, -3099},
+                                             {408, -3099}, {500, -3099}};
+    for (const auto& row : codes) {
         EXPECT_EQ(Wire::transportCodeForStatus(row.first), row.second) << row.first;
     }
 }
 
-TEST(DaemonUsageTest, BadCommandLinesExitWithTwo) {
-    for (const std::vector<std::string>& args :
-         std::vector<std::vector<std::string>>{{"--listen", "nohost"},
-                                               {"--listen", "127.0.0.1:65536"},
-                                               {"--workers", "0"},
-                                               {"--bogus"}}) {
-        std::vector<std::string> argv = {QUORVELD_BINARY};
-        argv.insert(argv.end(), args.begin(), args.end());
-        const Result result = runChild(argv, {}, 5000);
-        EXPECT_EQ(result.exitCode, 2) << args[0];
-        EXPECT_NE(result.errors, "") << args[0];
+TEST(DaemonTest, BadCommandLinesExitWithTwo) {
+    for (const char* option :
+         {"--listen=nohost", "--listen=127.0.0.1:65536", "--workers=0", "-x"}) {
+        const Result result = run({QUORVELD_BINARY, option});
+        EXPECT_EQ(result.code, 2) << option;
+        EXPECT_NE(result.err, "") << option;
     }
 }
 
-TEST(DaemonRoadTest, ClientProcessesAndTheToolShareTheDaemon) {
+TEST(DaemonTest, ClientProcessesShareTheDaemon) {
     Daemon daemon;
-    const std::string url = daemon.url();
-    // Identifiers with spaces, "=" and non-ASCII UTF-8 travel unchanged.
-    const std::string server = "road server=1 \xC3\xA9";
-    const std::string alice = "alice \xE2\x98\x83";
-    EXPECT_EQ(client(url, {"register", server, alice}).output, "shared " + alice + "\n");
-    EXPECT_EQ(client(url, {"register", server, "bob"}).output, "shared " + alice + ",bob\n");
-    EXPECT_EQ(client(url, {"put", server, alice, "hello = world \xC3\xA9"}).output, "posted\n");
-
-    const Result got = client(url, {"get", server, "bob"});
-    EXPECT_EQ(got.exitCode, 0) << got.output;
-    EXPECT_NE(got.output.find("sender=\"" + alice + "\" sequence=\"1\">hello = world \xC3\xA9<"),
-              std::string::npos)
-        << got.output;
-    EXPECT_EQ(client(url, {"get", server, "bob"}).output.find("hello"), std::string::npos)
-        << "an event arrives once";
-
-    EXPECT_EQ(client(url, {"list", server, "bob"}).output, "shared " + alice + ",bob\n");
-    EXPECT_EQ(client(url, {"unregister", server, "bob"}).output, "shared " + alice + "\n");
-    EXPECT_EQ(client(url, {"list", server, alice}).output, "shared " + alice + "\n");
-    EXPECT_EQ(client(url, {"status"}).output, "status 0\n");
-    // The client fails on a piece over 16384 bytes.
-    EXPECT_EQ(client(url, {"raw", "getStatus", "s", "c", "100000"}).output, "ok 100000\n");
-
-    const Result bench = client(url, {"bench", "300"});
-    ASSERT_EQ(bench.exitCode, 0) << bench.output;
-    const long micros = std::stol(bench.output.substr(3));
-    std::cout << "[ measured ] status exchange over loopback: " << micros << " us\n";
-    EXPECT_LT(micros, 20000) << "about 40 ms each means Nagle and delayed ACKs are at work";
-
-    // The quorvel tool against the same daemon.
-    const auto tool = [&](const std::vector<std::string>& args) {
-        std::vector<std::string> argv = {QUORVEL_BINARY};
-        argv.insert(argv.end(), args.begin(), args.end());
-        return runChild(argv, {{"QUORVEL_URL", url}});
+    // Identifiers with spaces, "=" and non-ASCII UTF-8, and any text, travel unchanged.
+    const std::string s = "road server=1 \xC3\xA9", alice = "alice \xE2\x98\x83";
+    const std::string text = "a = b \xC3\xA9\n\t" + std::string(100000, 'x');  // many pieces
+    const auto as = [&s](const std::string& client, Strings args) {
+        args.insert(args.begin() + 1, {"--server", s, "--client", client});
+        return args;
     };
-    EXPECT_EQ(tool({"register", "cli-server", "reader"}).exitCode, 0);
-    const Result put =
-        tool({"put", "--server", "cli-server", "--client", "writer", "across processes"});
-    EXPECT_EQ(put.exitCode, 0) << put.output << put.errors;
-    const Result fetched = tool({"--json", "get", "--server", "cli-server", "--client", "reader"});
-    EXPECT_EQ(fetched.exitCode, 0) << fetched.errors;
-    EXPECT_NE(fetched.output.find("\"sender\":\"writer\""), std::string::npos) << fetched.output;
-    EXPECT_NE(fetched.output.find("across processes"), std::string::npos) << fetched.output;
-    expectCleanStop(daemon);
+    const struct {
+        Strings args;
+        std::string expected, input = "";
+    } road[] = {
+        {{"register", s, alice}, "shared clients (1): " + alice + "\n"},
+        {{"register", s, "bob"}, "shared clients (2): " + alice + ", bob\n"},
+        {as(alice, {"put", "-"}), "posted 100010 bytes", text},
+        {as("bob", {"get", "--json"}), "[{\"sender\":\"" + alice +
+                                           "\",\"sequence\":\"1\",\"text\":\"a = b \xC3\xA9\\n\\t" +
+                                           text.substr(10) + "\"}]"},
+        {as("bob", {"get"}), "events (0): none"},  // fetched once
+        {as("bob", {"unregister"}), "shared clients (1): " + alice + "\n"},
+        {as(alice, {"clients"}), "shared clients (1): " + alice + "\n"},
+    };
+    for (const auto& row : road) {
+        const Result result = quorvel(row.args, {daemon.url()}, row.input);
+        EXPECT_EQ(result.code, 0) << row.args[0] << ": " << result.err;
+        EXPECT_NE(result.out.find(row.expected), std::string::npos) << result.out.substr(0, 999);
+    }
+    EXPECT_EQ(daemon.stop(), 0);
 }
 
-TEST(DaemonFailureTest, DaemonNotRunningOrBadSettings) {
-    const std::string url = "http://127.0.0.1:" + std::to_string(unusedPort());
-    const Result raw = client(url, {"raw", "getStatus", "s", "c", "4"});
-    EXPECT_NE(raw.output.find("code -2999\nmessage Cannot reach the Quorvel service at " + url),
-              std::string::npos)
-        << raw.output;
-    const Result status = client(url, {"status"});
-    EXPECT_EQ(status.exitCode, 1);
-    EXPECT_EQ(status.output, "AvQVLConnectionException type -1: AvQVL Connection failed\n");
-    const Result registered = client(url, {"register", "s", "c"});
-    EXPECT_EQ(registered.output.rfind("AvQVLConnectionException type 0: Cannot reach", 0), 0u)
-        << registered.output;
+TEST(DaemonTest, FailuresReachTheClient) {
+    const std::string url = Daemon().url();  // stopped: nothing listens there now
+    const std::string failed = "error: AvQVLConnectionException (type 0): ";
+    EXPECT_EQ(cli(url, {"status"}),
+              "error: AvQVLConnectionException (type -1): AvQVL Connection failed\n");
+    EXPECT_THAT(cli(url, {"register", "s", "c"}), StartsWith(failed + "Cannot reach the Quorvel"));
 
-    const Result scheme = client("ftp://127.0.0.1:1", {"raw", "getStatus", "s", "c", "0"});
-    EXPECT_NE(scheme.output.find("code -2999\nmessage QUORVEL_URL must start with http://"),
-              std::string::npos)
-        << scheme.output;
-    const Result timeout = client("http://127.0.0.1:1", {"raw", "getStatus", "s", "c", "0"},
-                                  {{"QUORVEL_TIMEOUT_MS", "soon"}});
-    EXPECT_NE(timeout.output.find("QUORVEL_TIMEOUT_MS must be a positive number"),
-              std::string::npos)
-        << timeout.output;
-}
-
-// A stopped daemon: a client with a short time-out gives up (-2998); one
-// without is still waiting when the daemon is killed (-2997).
-TEST(DaemonFailureTest, DaemonSilentThenKilledMidExchange) {
+    // Stopped, then killed while a client waits for its answer.
     Daemon daemon;
-    daemon.process().signal(SIGSTOP);
-    const auto start = std::chrono::steady_clock::now();
-    const Result raw =
-        client(daemon.url(), {"raw", "getStatus", "s", "c", "4"}, {{"QUORVEL_TIMEOUT_MS", "300"}});
-    EXPECT_NE(raw.output.find("code -2998\n"), std::string::npos) << raw.output;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-
-    ChildProcess exchange({DAEMON_CLIENT_BINARY, "raw", "getStatus", "s", "c", "4"},
-                          {{"QUORVEL_URL", daemon.url()}});
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    daemon.process().signal(SIGKILL);
-    int status = 0;
-    ASSERT_TRUE(exchange.wait(10000, status));
-    EXPECT_NE(exchange.output().find("code -2997\nmessage The connection to the Quorvel service"),
-              std::string::npos)
-        << exchange.output();
+    daemon.signal(SIGSTOP);
+    Child exchange(program({QUORVEL_BINARY, "register", "s", "c"}), {daemon.url()});
+    std::this_thread::sleep_for(milliseconds(300));
+    daemon.signal(SIGKILL);
+    EXPECT_EQ(exchange.wait(10000), 1);
+    EXPECT_THAT(exchange.err(), StartsWith(failed + "The connection to the Quorvel service"));
 }
 
-TEST(DaemonFailureTest, LimitsAndRefusalsCarryTheServiceMessage) {
-    Daemon daemon({"--max-body", "1000"});
-    const Result big = client(daemon.url(), {"raw", "putEvents", "s", "c", "2000"});
-    EXPECT_EQ(big.output,
-              "code -3016\nmessage The request body of 2000 bytes exceeds the limit of 1000 "
-              "bytes.\n");
-    const Result unregistered = client(daemon.url(), {"raw", "getEvents", "s", "c", "0"});
-    EXPECT_EQ(unregistered.output,
-              "code -3017\nmessage Client \"c\" is not registered with server \"s\".\n");
-    const Result unknown = client(daemon.url(), {"raw", "shout", "s", "c", "0"});
-    EXPECT_EQ(unknown.output, "code -3017\nmessage Unknown \"Operation-Name\" \"shout\".\n");
-    expectCleanStop(daemon);
-}
-
-// Requests no client of the library sends: each gets a clear status and the
-// daemon goes on serving.
-TEST(DaemonBadRequestTest, EachGetsAClearStatus) {
-    Daemon daemon({"--max-body", "1000"});
-    const std::string exchange = "POST /quorvel/v1/exchange HTTP/1.1\r\nHost: t\r\n";
-    const std::string status =
-        "Quorvel-Field: " + Wire::encodeField("Service-Name", "AvQVLRequest") +
-        "\r\nQuorvel-Field: " + Wire::encodeField("Operation-Name", "getStatus") + "\r\n";
-    const std::vector<std::pair<std::string, std::string>> table = {
-        {"GET /quorvel/v1/exchange HTTP/1.1\r\nHost: t\r\nConnection: close\r\n\r\n",
-         "HTTP/1.1 405"},
-        {"POST /other HTTP/1.1\r\nHost: t\r\nContent-Length: 0\r\n\r\n", "HTTP/1.1 404"},
-        {exchange + status + "\r\nabc", "HTTP/1.1 411"},
-        {exchange + status + "Quorvel-Field: QQ=Q\r\nContent-Length: 0\r\n\r\n", "HTTP/1.1 400"},
-        {exchange + status + "Quorvel-Field: " + Wire::encodeField("Operation-Name", "x") +
-             "\r\nContent-Length: 0\r\n\r\n",
-         "HTTP/1.1 400"},
-        {exchange + status + "Content-Length: 5000\r\n\r\n", "HTTP/1.1 413"},
-        {exchange + status + "Content-Length: 99999999999999999999999\r\n\r\n", "HTTP/1.1 413"},
+// Each refusal gets a clear status and message; slow clients are cut off with
+// 408, and silent connections beyond the workers give theirs up to those waiting.
+TEST(DaemonTest, BadAndSlowRequestsAreRefusedWhileOthersAreServed) {
+    Daemon daemon(
+        {"--max-body=1000", "--workers=4", "--read-timeout-ms=300", "--request-timeout-ms=1000"});
+    EXPECT_THAT(
+        cli(daemon.url(), {"put", "--server", "s", "--client", "c", std::string(2000, 'x')}),
+        StartsWith("error: AvQVLRuntimeException (type 0): The request body of 2000 bytes"));
+    EXPECT_THAT(cli(daemon.url(), {"register", "s", ""}),
+                StartsWith("error: AvQVLProtocolException (type 0): Cannot register client \"\""));
+    const std::pair<std::string, std::string> table[] = {
+        {"GET /quorvel/v1/exchange HTTP/1.1\r\nHost: t\r\nConnection: close\r\n\r\n", "405"},
+        {"POST /other HTTP/1.1\r\nHost: t\r\nContent-Length: 0\r\n\r\n", "404"},
+        {kStatus + "\r\nabc", "411"},
+        {kStatus + "Quorvel-Field: QQ=Q\r\nContent-Length: 0\r\n\r\n", "400"},
+        {kStatus + "Content-Length: 99999999999999999999999\r\n\r\n", "413"},
         // Read as 0, "x2" would leave "ok" to be taken for the next request.
-        {exchange + status + "Content-Length: x2\r\n\r\nok", "HTTP/1.1 400"},
-        {exchange + status + "Content-Length: 2\r\nContent-Length: 3\r\n\r\nok!", "HTTP/1.1 400"},
-        {exchange + "X-Long: " + std::string(70000, 'a') + "\r\n\r\n", "HTTP/1.1 431"},
-        // Header lines of 8193 bytes and 8192 (CR LF included).
-        {exchange + "X-Long: " + std::string(8183, 'a') + "\r\n\r\n", "HTTP/1.1 431"},
-        {exchange + status + "X-Long: " + std::string(8182, 'a') +
-             "\r\nConnection: close\r\nContent-Length: 0\r\n\r\n",
-         "HTTP/1.1 200"},
-        {"NOT HTTP AT ALL\r\n\r\n", "HTTP/1.1 400"},
-        {exchange + status + "Connection: close\r\nContent-Length: 2\r\n\r\nok", "HTTP/1.1 200"},
+        {kStatus + "Content-Length: x2\r\n\r\nok", "400"},
+        {kStatus + "Content-Length: 2\r\nContent-Length: 3\r\n\r\nok!", "400"},
+        {kExchange + "X-Long: " + std::string(70000, 'a') + "\r\n\r\n", "431"},
+        // A header line of 8193 bytes, CR LF included.
+        {kExchange + "X-Long: " + std::string(8183, 'a') + "\r\n\r\n", "431"},
     };
     for (const auto& row : table) {
-        RawConnection connection(daemon.port());
+        Connection connection(daemon.port);
         connection.send(row.first);
-        bool closed = false;
-        const std::string answer = connection.receiveAll(3000, closed);
-        EXPECT_EQ(answer.rfind(row.second, 0), 0u) << row.first.substr(0, 120) << "\n" << answer;
-        if (row.second != "HTTP/1.1 200") {
-            EXPECT_NE(answer.find("\r\n\r\n"), answer.size() - 4) << "a message explains it";
+        const std::string answer = connection.receive(3000);
+        EXPECT_THAT(answer, StartsWith("HTTP/1.1 " + row.second)) << row.first.substr(0, 99);
+        EXPECT_THAT(answer, ::testing::ContainsRegex("\r\n\r\n.")) << "a message explains it";
+    }
+
+    Connection stalled(daemon.port), trickling(daemon.port);
+    stalled.send(kExchange);
+    trickling.send(kExchange + "Content-Length: 100\r\n\r\n");
+    Connection silent[] = {Connection(daemon.port), Connection(daemon.port),
+                           Connection(daemon.port), Connection(daemon.port)};
+    const auto start = Clock::now();
+    EXPECT_EQ(cli(daemon.url(), {"status"}), kStatusText);
+    EXPECT_LT(Clock::now() - start, milliseconds(900));
+    for (int i = 0; i < 20 && !trickling.closed; ++i) {  // a byte every 100 ms never stalls
+        trickling.send("x");
+        trickling.receive(100);
+    }
+    EXPECT_TRUE(trickling.closed) << "cut off at the request time-out";
+    EXPECT_THAT(stalled.receive(3000), StartsWith("HTTP/1.1 408"));
+    EXPECT_TRUE(stalled.closed);
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST(DaemonTest, ExchangeUnderWayFinishesThenTheDaemonExits) {
+    Daemon daemon;
+    Connection connection(daemon.port);
+    connection.send(kStatus + "Connection: close\r\nContent-Length: 10\r\n\r\nhello");
+    std::this_thread::sleep_for(milliseconds(100));
+    daemon.signal(SIGTERM);
+    std::this_thread::sleep_for(milliseconds(100));
+    EXPECT_TRUE(daemon.running());
+    connection.send("world");
+    const std::string answer = connection.receive(3000);
+    EXPECT_THAT(answer, StartsWith("HTTP/1.1 200"));
+    EXPECT_THAT(answer, ::testing::EndsWith("\r\n\r\nhelloworld"));
+    EXPECT_EQ(daemon.stop(), 0);
+    // One line per exchange; the absent identifiers show empty.
+    EXPECT_THAT(daemon.err(), ::testing::MatchesRegex("exchange op=getStatus server= client= "
+                                                      "status=200 us=[0-9]+ peer=127\\.0\\.0\\.1:"
+                                                      "[0-9]+\nquorveld stopped\n"));
+}
+
+// A load client: registers, waits for its 15 peers, posts 1000 events, then fetches the
+// others' until all are in; prints how many came, once each and in order per sender.
+int loadClient(std::string client) {
+    Arvant::Net::AvQuorvel::Client::AvQVLConnection connection;
+    std::string server = "S", locale, events, correlation;
+    std::vector<std::string> shared;
+    connection.registerClient(server, client, locale, shared);
+    const auto deadline = Clock::now() + std::chrono::seconds(60);
+    while (shared.size() < 16 && Clock::now() < deadline) {
+        shared.clear();
+        connection.getSharedClients(shared);
+    }
+    for (int i = 0; i < 1000; ++i) {
+        std::string text = client + "#" + std::to_string(i);
+        connection.putEvents(text, shared, correlation);
+    }
+    const std::regex event("sender=\"(c[0-9]+)\" sequence=\"[0-9]+\">(c[0-9]+)#([0-9]+)<");
+    std::map<std::string, int> next;  // sender -> number of its event expected next
+    int received = 0;
+    while (received < 15000 && Clock::now() < deadline) {
+        connection.getEvents(events, shared, correlation);
+        for (std::sregex_iterator it(events.begin(), events.end(), event), end; it != end;
+             ++it, ++received) {
+            const std::string sender = (*it)[1];
+            if (sender == client || (*it)[2] != sender || std::stoi((*it)[3]) != next[sender]++) {
+                return 1;
+            }
         }
     }
-    EXPECT_EQ(client(daemon.url(), {"status"}).output, "status 0\n");
-    expectCleanStop(daemon);
+    std::printf("received %d\n", received);
+    return 0;
 }
 
-TEST(DaemonBadRequestTest, SlowClientsAreCutOffWithoutBlockingOthers) {
-    Daemon daemon({"--workers", "4", "--read-timeout-ms", "300", "--request-timeout-ms", "1000"});
-    const std::string head = "POST /quorvel/v1/exchange HTTP/1.1\r\nHost: t\r\n";
-    RawConnection stalled(daemon.port());
-    stalled.send(head);
-    RawConnection trickling(daemon.port());
-    trickling.send(head + "Content-Length: 100\r\n\r\n");
-    // Silent connections beyond the workers give theirs up to those waiting.
-    std::vector<std::unique_ptr<RawConnection>> silent;
-    for (int i = 0; i < 4; ++i) {
-        silent.push_back(std::make_unique<RawConnection>(daemon.port()));
+TEST(DaemonLoad, SixteenProcessesPostAndFetchEveryEventOnce) {
+    Daemon daemon;
+    std::vector<std::unique_ptr<Child>> clients;
+    for (int i = 0; i < 16; ++i) {
+        const auto body = [i] { return loadClient("c" + std::to_string(i)); };
+        clients.push_back(std::make_unique<Child>(body, Strings{daemon.url()}));
     }
-    // Others are served while both hold a worker.
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(client(daemon.url(), {"status"}).output, "status 0\n");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
-
-    bool closed = false;
-    for (int i = 0; i < 20 && !closed; ++i) {  // a byte every 100 ms never stalls
-        trickling.send("x");
-        trickling.receiveAll(100, closed);
+    for (auto& client : clients) {
+        EXPECT_EQ(client->wait(120000), 0);
+        EXPECT_EQ(client->out(), "received 15000\n");
     }
-    EXPECT_TRUE(closed) << "cut off at the request time-out";
-    const std::string stalledAnswer = stalled.receiveAll(3000, closed);
-    EXPECT_EQ(stalledAnswer.rfind("HTTP/1.1 408", 0), 0u) << stalledAnswer;
-    EXPECT_TRUE(closed);
-    expectCleanStop(daemon);
-}
-
-TEST(DaemonStopTest, ExchangeUnderWayFinishesThenTheDaemonExits) {
-    Daemon daemon({}, true);
-    RawConnection connection(daemon.port());
-    connection.send("POST /quorvel/v1/exchange HTTP/1.1\r\nHost: t\r\nQuorvel-Field: " +
-                    Wire::encodeField("Service-Name", "AvQVLRequest") +
-                    "\r\nQuorvel-Field: " + Wire::encodeField("Operation-Name", "getStatus") +
-                    "\r\nConnection: close\r\nContent-Length: 10\r\n\r\nhello");
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    daemon.process().signal(SIGTERM);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_TRUE(daemon.process().running());
-    connection.send("world");
-    bool closed = false;
-    const std::string answer = connection.receiveAll(3000, closed);
-    EXPECT_EQ(answer.rfind("HTTP/1.1 200", 0), 0u) << answer;
-    EXPECT_EQ(answer.substr(answer.size() - 10), "helloworld");
-    long stopMs = 0;
-    const int status = daemon.stop(10000, &stopMs);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_LT(stopMs, 2000);
-    // One log line for the exchange; the absent identifiers show empty.
-    EXPECT_TRUE(
-        std::regex_search(daemon.process().errors(),
-                          std::regex("^exchange op=getStatus server= client= status=200 us=[0-9]+ "
-                                     "peer=127\\.0\\.0\\.1:[0-9]+\nquorveld stopped\n$")))
-        << daemon.process().errors();
+    EXPECT_EQ(daemon.stop(), 0);  // it stayed up
 }

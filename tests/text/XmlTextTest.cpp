@@ -2,184 +2,94 @@
 
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <locale>
-#include <sstream>
+#include <numeric>
 #include <string>
+#include <tuple>
 
-namespace Util = Arvant::Net::AvQuorvel::Util;
+using namespace Arvant::Net::AvQuorvel::Util;
 using namespace std::string_literals;
 
 namespace {
 
-TEST(EscapeXml, ReplacesTheEightCharactersOnlyInOnePass) {
-    EXPECT_EQ("", Util::escapeXml(""));
+TEST(XmlText, EscapesAndUnescapesTheEightCharactersInOnePass) {
     EXPECT_EQ("&#9;&#10;&quot;&#x25;&amp;&apos;&lt;&gt; \r&#10;&amp;amp; caf\xC3\xA9 a\0b"s,
-              Util::escapeXml("\t\n\"%&'<> \r\n&amp; caf\xC3\xA9 a\0b"s));
+              escapeXml("\t\n\"%&'<> \r\n&amp; caf\xC3\xA9 a\0b"s));
+    EXPECT_EQ("<>&lt;%\"'\t\na&b",
+              unescapeXml("&lt;&gt;&amp;lt;&#x25;&quot;&apos;&#9;&#10;a&amp;b"));
+    // Unrecognised references, and incomplete ones up to the end, stay as they are.
+    const std::string kept = "&#37;&#X25;&#13;&#xA;&AMP;x&am&";
+    EXPECT_EQ(kept + "<&am", unescapeXml(kept + "&lt;&am"));
+    EXPECT_EQ("&", unescapeXml("&"));
+    std::string all(256, '\0');
+    std::iota(all.begin(), all.end(), '\0');
+    EXPECT_EQ(all + "&amp;&lt", unescapeXml(escapeXml(all + "&amp;&lt")));
 }
 
-TEST(UnescapeXml, ResolvesTheEightReferencesInOnePass) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"&lt;&gt;&amp;lt;&#x25;&quot;&apos;&#9;&#10;a&amp;b", "<>&lt;%\"'\t\na&b"},
-        // Not recognised, or incomplete: kept as they are.
-        {"&#37;&#X25;&#13;&#xA;&AMP;x&am&&lt;", "&#37;&#X25;&#13;&#xA;&AMP;x&am&<"},
-        {"&", "&"},
-        {"x&am", "x&am"},
-        {"&lt", "&lt"}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.second, Util::unescapeXml(c.first)) << c.first;
-    }
-}
-
-TEST(UnescapeXml, InvertsEscapeForEveryByte) {
-    std::string all;
-    for (int c = 0; c < 256; ++c) {
-        all += static_cast<char>(c);
-    }
-    all += "&amp;&#x25;&lt";
-    EXPECT_EQ(all, Util::unescapeXml(Util::escapeXml(all)));
-}
-
-TEST(ValueToText, ProducesFixedShapes) {
-    EXPECT_EQ("1", Util::toString(true));
-    EXPECT_EQ("0", Util::toString(false));
-    EXPECT_EQ("a b", Util::toString(std::string("a b")));
-    EXPECT_EQ("42", Util::toString(42));
-    EXPECT_EQ("-7", Util::toString(-7));
-    EXPECT_EQ("-2147483648", Util::toString(INT_MIN));
-    EXPECT_EQ("1.50000000000000000e+00", Util::toString(1.5));
-    EXPECT_EQ("-2.50000000000000000e-01", Util::toString(-0.25));
-    EXPECT_EQ("0.00000000000000000e+00", Util::toString(0.0));
-    EXPECT_EQ("1.00000001490116119e-01", Util::toString(0.1f));
-    EXPECT_EQ("9.76562500000000000e-04", Util::toString(0.0009765625));
-}
-
-TEST(TextToValue, ParseBool) {
-    EXPECT_TRUE(Util::parseBool("true"));
-    EXPECT_TRUE(Util::parseBool("1"));
-    for (const char* text : {"", "false", "yes", "0", "TRUE", "True", "true ", "01", " 1"}) {
-        EXPECT_FALSE(Util::parseBool(text)) << text;
-    }
-}
-
-TEST(TextToValue, ParseIntReadsTheLeadingNumberOrGivesZero) {
-    const std::pair<const char*, int> cases[] = {
-        {" 12", 12}, {"12ab", 12}, {"-5", -5}, {"+8", 8}, {"1,234", 1}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.second, Util::parseInt(c.first)) << c.first;
-    }
-    EXPECT_EQ(INT_MAX, Util::parseInt("2147483647"));
-    EXPECT_EQ(INT_MIN, Util::parseInt("-2147483648"));
-    // No number at the start, or one that does not fit: zero.
-    for (const char* text : {"", "abc", "  ", "2147483648", "-2147483649"}) {
-        EXPECT_EQ(0, Util::parseInt(text)) << text;
-    }
-}
-
-TEST(TextToValue, ParseFloatingReadsTheLeadingNumberOrGivesZero) {
-    const std::pair<const char*, double> doubles[] = {
-        {"2.5e3", 2500.0}, {"1,5", 1.0},   {"", 0.0}, {" -0.5x", -0.5},
-        {"abc", 0.0},      {"1e999", 0.0}, {".", 0.0}};
-    for (const auto& c : doubles) {
-        EXPECT_EQ(c.second, Util::parseDouble(c.first)) << c.first;
-    }
-    const std::pair<const char*, float> floats[] = {
-        {"3.25", 3.25f}, {"", 0.0f}, {"x1", 0.0f}, {"1e39", 0.0f}};
-    for (const auto& c : floats) {
-        EXPECT_EQ(c.second, Util::parseFloat(c.first)) << c.first;
-    }
-    // What toString writes reads back exactly.
-    EXPECT_EQ(0.1, Util::parseDouble(Util::toString(0.1)));
-    EXPECT_EQ(0.1f, Util::parseFloat(Util::toString(0.1f)));
-}
-
-// A decimal comma and "." as a thousands separator grouping by three; made
-// from a facet so no system locale needs to be installed.
+// A decimal comma and "." grouping digits by three, from a facet so that no
+// system locale needs to be installed.
 struct GroupingPunct : std::numpunct<char> {
     char do_decimal_point() const override { return ','; }
     char do_thousands_sep() const override { return '.'; }
     std::string do_grouping() const override { return "\3"; }
 };
 
-class GlobalLocaleTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        saved = std::locale::global(std::locale(std::locale::classic(), new GroupingPunct));
-        std::ostringstream probe;
-        probe << 1234567 << ' ' << 1.5;
-        ASSERT_EQ("1.234.567 1,5", probe.str()) << "the global locale is not in effect";
+// Conversions ignore a global locale with a decimal comma and digit grouping.
+TEST(XmlText, ValueConversions) {
+    const std::locale saved =
+        std::locale::global(std::locale(std::locale::classic(), new GroupingPunct));
+    EXPECT_EQ("1 0 a b 42 -7 1234567", toString(true) + " " + toString(false) + " " +
+                                           toString("a b"s) + " " + toString(42) + " " +
+                                           toString(-7) + " " + toString(1234567));
+    EXPECT_EQ("1.50000000000000000e+00", toString(1.5));
+    EXPECT_EQ("-2.50000000000000000e-01", toString(-0.25));
+    EXPECT_EQ("1.00000001490116119e-01", toString(0.1f));
+    // The leading number counts; none, or one the type cannot hold, gives zero.
+    const std::tuple<const char*, int, double, float> numbers[] = {
+        {"", 0, 0, 0},        {" -5x", -5, -5, -5},
+        {"1,5", 1, 1, 1},     {"1.234", 1, 1.234, 1.234f},
+        {"abc", 0, 0, 0},     {"-2147483649", 0, -2147483649.0, -2147483649.0f},
+        {"1e39", 1, 1e39, 0}, {"1e999", 1, 0, 0}};
+    for (const auto& [text, i, d, f] : numbers) {
+        EXPECT_EQ(i, parseInt(text)) << text;
+        EXPECT_EQ(d, parseDouble(text)) << text;
+        EXPECT_EQ(f, parseFloat(text)) << text;
     }
-    void TearDown() override { std::locale::global(saved); }
-
-    std::locale saved;
-};
-
-TEST_F(GlobalLocaleTest, ConversionsIgnoreTheGlobalLocale) {
-    EXPECT_EQ("1.23456700000000000e+06", Util::toString(1234567.0));
-    EXPECT_EQ("2.50000000000000000e-01", Util::toString(0.25f));
-    EXPECT_EQ("1234567", Util::toString(1234567));
-    EXPECT_EQ(1.5, Util::parseDouble("1.5"));
-    EXPECT_EQ(1.0, Util::parseDouble("1,5"));
-    EXPECT_EQ(2.5f, Util::parseFloat("2.5"));
-    EXPECT_EQ(1234567, Util::parseInt("1234567"));
-    EXPECT_EQ(1, Util::parseInt("1.234"));
+    std::locale::global(saved);
+    for (const char* text : {"", "false", "yes", "0", "TRUE", "True", "true ", "01", " 1"}) {
+        EXPECT_FALSE(parseBool(text)) << text;
+    }
+    EXPECT_TRUE(parseBool("true") && parseBool("1"));
 }
 
-TEST(RootNamespace, FindsTheDeclarationOfTheRootsPrefix) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"<?xml version=\"1.0\"?><r:doc xmlns:r=\"urn:x\"><r:a/></r:doc>", "urn:x"},
-        {"<doc xmlns=\"urn:y\" id=\"1\"/>", "urn:y"},
-        {" \n<?xml version=\"1.0\"?>\n<r:doc xmlns:r=\"urn:x\"/>", "urn:x"},
-        {"<doc xmlns=\"urn:z\"", "urn:z"},
-        // The search is not limited to the root start tag.
-        {"<doc id=\"1\"><c xmlns=\"urn:c\"/></doc>", "urn:c"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.second, Util::getRootNamespace(c.first)) << c.first;
-    }
-    // Unsettled: all give the empty text.
+TEST(XmlText, RawProbesForNamespaces) {
+    // The root's URI: after a declaration, with more attributes, and (the search
+    // is not limited to the root tag) anywhere.
+    EXPECT_EQ("urn:x", getRootNamespace(" \n<?xml version=\"1.0\"?>\n<r:doc xmlns:r=\"urn:x\"/>"));
+    EXPECT_EQ("urn:y", getRootNamespace("<doc xmlns=\"urn:y\" id=\"1\"/>"));
+    EXPECT_EQ("urn:c", getRootNamespace("<doc id=\"1\"><c xmlns=\"urn:c\"/></doc>"));
+    // No URI: no "<", no root after the declaration, a root tag without
+    // attributes, no declaration of its prefix (or one in apostrophes), no end quote.
     for (const char* xml :
-         {"<doc>", "<doc xmlns='urn:y'/>", "", "no markup", "<?xml version=\"1.0\"?>", "<doc",
-          "<doc id=\"1\"/>", "<r:doc xmlns:s=\"urn:s\"/>", "<doc xmlns=\"urn:open"}) {
-        EXPECT_EQ("", Util::getRootNamespace(xml)) << xml;
+         {"", "no markup", "<?xml version=\"1.0\"?>", "<doc><c xmlns=\"urn:c\"/>", "<doc",
+          "<doc xmlns='urn:y'/>", "<r:doc xmlns:s=\"urn:s\"/>", "<doc xmlns=\"urn:open"}) {
+        EXPECT_EQ("", getRootNamespace(xml)) << xml;
     }
-}
 
-TEST(TagPosition, FindsTagsByNamespaceAndLocalName) {
-    const std::string prefixed = "<a xmlns:p=\"urn:x\"><p:b></p:b></a>";
-    const std::string unprefixed = "<a xmlns=\"urn:y\"><b></b></a>";
-    const std::string npos = "npos";
-    struct Case {
-        std::string xml;
-        std::string name;
-        bool opening;
-        std::string tag;  // expected match, npos for none
+    const std::string xml = "<a xmlns:p=\"urn:x\" xmlns=\"urn:y\"><p:b><b></b></p:b></a>";
+    // Where a tag is found: just after the name of a start tag, at an end tag.
+    const auto at = [&](const std::string& tag) {
+        return xml.find(tag) + (tag[1] == '/' ? 0 : tag.size());
     };
-    const Case cases[] = {
-        {prefixed, "urn:x^b", true, "<p:b"},
-        {prefixed, "urn:x^b", false, "</p:b"},
-        {unprefixed, "urn:y^b", true, "<b"},
-        {unprefixed, "urn:y^b", false, "</b"},
-        {prefixed, "urn:other^a", true, "<a"},
-        {"<a xmlns:n=\"urn:n\"><n:items/><n:item/></a>", "urn:n^item", true, "<n:item"},
-        // Unsettled cases.
-        {prefixed, "urn:x^c", true, npos},
-        {"", "urn:x^b", false, npos},
-        {prefixed, "a", true, "<a"},
-        {prefixed, "^a", true, "<a"},
-        {"<doc>see urn:x</doc><b/>", "urn:x^b", true, "<b"},
-        {"urn:x<b/>", "urn:x^b", true, "<b"}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.xml + " " + c.name);
-        const std::uint64_t position = Util::findTagPosition(c.xml, c.name, c.opening);
-        if (c.tag == npos) {
-            EXPECT_EQ(std::uint64_t(std::string::npos), position);
-            continue;
-        }
-        const std::uint64_t at = c.xml.find(c.tag);
-        ASSERT_NE(std::string::npos, at);
-        EXPECT_EQ(c.opening ? at + c.tag.size() : at, position);
-    }
+    EXPECT_EQ(at("<p:b"), findTagPosition(xml, "urn:x^b", true));
+    EXPECT_EQ(at("</p:b"), findTagPosition(xml, "urn:x^b", false));
+    EXPECT_EQ(at("<b"), findTagPosition(xml, "urn:y^b", true));
+    // Unsettled: no such tag, no "^", a URI that no "xmlns" precedes.
+    EXPECT_EQ(std::string::npos, findTagPosition(xml, "urn:x^c", true));
+    EXPECT_EQ(at("<b"), findTagPosition(xml, "b", true));
+    EXPECT_EQ(at("<a"), findTagPosition(xml, "^a", true));
+    EXPECT_EQ(22u, findTagPosition("<doc>see urn:x</doc><b/>", "urn:x^b", true));
+    EXPECT_EQ(2u, findTagPosition("<b urn:x/>", "urn:x^b", true));
 }
 
 }  // namespace
