@@ -8,6 +8,9 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <numeric>
@@ -153,6 +156,13 @@ TEST(DaemonTest, ClientProcessesShareTheDaemon) {
     EXPECT_EQ(daemon.stop(), 0);
 }
 
+bool fileHas(const char* path, const std::string& text) {
+    std::ifstream file(path);
+    const std::string content((std::istreambuf_iterator<char>(file)),
+                              std::istreambuf_iterator<char>());
+    return content.find(text) != std::string::npos;
+}
+
 TEST(DaemonTest, FailuresReachTheClient) {
     const std::string url = Daemon().url();  // stopped: nothing listens there now
     const std::string failed = "error: AvQVLConnectionException (type 0): ";
@@ -164,7 +174,14 @@ TEST(DaemonTest, FailuresReachTheClient) {
     Daemon daemon;
     daemon.signal(SIGSTOP);
     Child exchange(program({QUORVEL_BINARY, "register", "s", "c"}), {daemon.url()});
-    std::this_thread::sleep_for(milliseconds(300));
+    // The kernel completes the connection for the stopped daemon; wait until the
+    // client has made it (a slow start under the sanitizers takes a while).
+    char port[8];
+    std::snprintf(port, sizeof port, ":%04X ", daemon.port);
+    for (int i = 0; i < 200 && !fileHas("/proc/net/tcp", std::string(port) + "01 "); ++i) {
+        std::this_thread::sleep_for(milliseconds(50));
+    }
+    std::this_thread::sleep_for(milliseconds(100));  // and sent its request
     daemon.signal(SIGKILL);
     EXPECT_EQ(exchange.wait(10000), 1);
     EXPECT_THAT(exchange.err(), StartsWith(failed + "The connection to the Quorvel service"));
