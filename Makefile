@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 CMAKE_FLAGS ?=
 JOBS ?= 2
 
-.PHONY: all deps configure build test demo bench test-asan fuzz-smoke clean
+.PHONY: all deps configure build test demo bench test-asan test-valgrind fuzz-smoke clean
 
 all: build
 
@@ -34,6 +34,10 @@ bench: deps
 # Every test under AddressSanitizer + UndefinedBehaviorSanitizer + LeakSanitizer.
 test-asan: deps
 	@scripts/test-asan.sh
+
+# The in-process test programs under valgrind memcheck.
+test-valgrind: build
+	@scripts/test-valgrind.sh
 
 # Each libFuzzer target for a bounded time over its committed corpus.
 fuzz-smoke: deps

@@ -8,7 +8,7 @@ packages=(
     libxerces-c-dev libicu-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     libcli11-dev libcpp-httplib-dev libcurl4-openssl-dev
-    clang libclang-rt-14-dev
+    clang libclang-rt-14-dev valgrind
 )
 
 missing=()

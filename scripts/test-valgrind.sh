@@ -1,0 +1,30 @@
+#!/usr/bin/env bash
+# Runs the in-process test programs of the everyday build ($BUILD_DIR, built by
+# `make build`) under valgrind memcheck. Any invalid access, use of an
+# uninitialised value or definite/indirect leak fails the run. The daemon, load
+# and install tests are left out: they drive other processes, which memcheck
+# would not follow, and their time-outs assume native speed.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${BUILD_DIR:-build}
+programs=(
+    client/client_tests exceptions/exception_tests text/text_tests xml/xml_tests
+    transport/TransportTest service/ServiceEngineTest tools/tools_tests
+    hardening/hardening_parser_tests hardening/hardening_client_tests perf/perf_tests
+)
+start=$(date +%s)
+failed=()
+for program in "${programs[@]}"; do
+    log="$build/tests/$(basename "$program").memcheck.log"
+    if LANG= LC_ALL= valgrind -q --error-exitcode=99 --leak-check=full \
+        --errors-for-leak-kinds=definite,indirect --show-leak-kinds=definite,indirect \
+        "$build/tests/$program" >"$log" 2>&1; then
+        echo "memcheck ok      $program"
+    else
+        echo "memcheck FAILED  $program (log: $log)"
+        tail -n 40 "$log" >&2
+        failed+=("$program")
+    fi
+done
+echo "test-valgrind: $(( $(date +%s) - start )) s"
+[[ ${#failed[@]} -eq 0 ]]
