@@ -35,7 +35,8 @@ bool parseHeaderBlock(const std::string& block, HeaderFields& fields, std::strin
             }
             return true;
         }
-        if (line.find_first_of("\r\n") != std::string_view::npos) {
+        if (line.find('\r') != std::string_view::npos ||
+            line.find('\n') != std::string_view::npos) {
             error = lineLabel(lineNumber) + " holds a lone carriage return or line feed.";
             return false;
         }
