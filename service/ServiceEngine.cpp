@@ -225,12 +225,22 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
     }
     ServerGroup& group = servers_.find(serverId)->second;  // exists: the caller is registered
     for (const Client& recipient : group.clients) {
-        if (recipient.id != clientId &&
-            recipient.pending.size() >= limits_.maxQueuedEventsPerClient) {
-            refuseLimit("Cannot queue the event of client " + quoted(clientId) + ": client " +
-                        quoted(recipient.id) + " of server " + quoted(serverId) + " already has " +
-                        std::to_string(recipient.pending.size()) +
+        if (recipient.id == clientId) {
+            continue;
+        }
+        const std::string refusal = "Cannot queue the event of client " + quoted(clientId) +
+                                    ": client " + quoted(recipient.id) + " of server " +
+                                    quoted(serverId) + " already has ";
+        if (recipient.pending.size() >= limits_.maxQueuedEventsPerClient) {
+            refuseLimit(refusal + std::to_string(recipient.pending.size()) +
                         " events waiting, the most a client may have.");
+        }
+        if (body.size() > limits_.maxQueuedBytesPerClient -
+                              std::min(recipient.pendingBytes, limits_.maxQueuedBytesPerClient)) {
+            refuseLimit(refusal + std::to_string(recipient.pendingBytes) +
+                        " bytes of events waiting; " + std::to_string(body.size()) +
+                        " more would pass the limit of " +
+                        std::to_string(limits_.maxQueuedBytesPerClient) + " bytes.");
         }
     }
     std::string document = sharedClientDocument(serverId);  // before any change
@@ -240,6 +250,7 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
         for (Client& recipient : group.clients) {
             if (recipient.id != clientId) {
                 recipient.pending.push_back(event);
+                recipient.pendingBytes += body.size();
                 ++queued;
             }
         }
@@ -251,6 +262,7 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
             }
             if (recipient.id != clientId) {
                 recipient.pending.pop_back();
+                recipient.pendingBytes -= body.size();
                 --queued;
             }
         }
@@ -275,6 +287,7 @@ std::string ServiceEngine::getEvents(const std::string& serverId, const std::str
     stream << stream.endTag(uri, kEventsElement);
     std::string document = stream.str();
     client.pending.clear();  // only once the document is complete
+    client.pendingBytes = 0;
     return document;
 }
 

@@ -55,6 +55,10 @@ struct ServiceLimits {
     std::size_t maxBodyBytes = 16 * 1024 * 1024;
     std::size_t maxQueuedEventsPerClient = 100000;
     std::size_t maxClientsPerServer = 10000;
+    // Bytes of event text waiting for one client: what one getEvents answer
+    // carries must stay deliverable (clients take at most 2 GiB, the HTTP
+    // transport 1 GiB), and the count alone would allow 100 000 bodies of 16 MiB.
+    std::size_t maxQueuedBytesPerClient = 256 * 1024 * 1024;
 };
 
 struct ServiceFailure {
@@ -85,6 +89,7 @@ private:
     struct Client {
         std::string id;
         std::deque<Event> pending;
+        std::size_t pendingBytes = 0;  // event text in `pending`
     };
     struct ServerGroup {
         std::vector<Client> clients;  // registration order

@@ -30,6 +30,10 @@ int main(int argc, char** argv) {
                    "Most events waiting for one client")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
+    app.add_option("--max-queued-bytes", options.limits.maxQueuedBytesPerClient,
+                   "Most bytes of event text waiting for one client")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
     app.add_option("--max-clients-per-server", options.limits.maxClientsPerServer,
                    "Most clients registered under one server identifier")
         ->capture_default_str()

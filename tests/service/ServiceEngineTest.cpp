@@ -145,7 +145,8 @@ TEST_F(ServiceEngineTest, RefusedRequestsChangeNothing) {
 
 class LimitedEngineTest : public ServiceEngineTest {
 protected:
-    LimitedEngineTest() : ServiceEngineTest(ServiceLimits{8, 2, 3}) {}  // bytes, events, clients
+    // Body bytes, events, clients, queued bytes.
+    LimitedEngineTest() : ServiceEngineTest(ServiceLimits{8, 2, 3, 10}) {}
 };
 
 TEST_F(LimitedEngineTest, EachLimitRefusesTheWholeRequest) {
@@ -164,6 +165,13 @@ TEST_F(LimitedEngineTest, EachLimitRefusesTheWholeRequest) {
     EXPECT_EQ(ok("getEvents", "S", "b"), events({"a|1|1", "a|2|2"}));
     ok("putEvents", "S", "a", "3");  // room again; the refused put used no number
     EXPECT_EQ(ok("getEvents", "S", "b"), events({"a|3|3"}));
+    ok("getEvents", "S", "c");
+    ok("putEvents", "S", "b", "1234567");  // a and c hold 7 bytes of the 10 allowed
+    refused(limitFailureCode, "client \"a\" of server \"S\" already has 7 bytes",
+            req("putEvents", "S", "b"), "1234");
+    ok("putEvents", "S", "b", "123");  // exactly at the limit
+    EXPECT_EQ(ok("getEvents", "S", "a"), events({"b|4|1234567", "b|5|123"}));
+    EXPECT_EQ(ok("getEvents", "S", "c"), events({"b|4|1234567", "b|5|123"}));
 
     refused(limitFailureCode, "server \"S\" already has 3 clients",
             req("registerClient", "S", "d"));
