@@ -55,10 +55,11 @@ struct ServiceLimits {
     std::size_t maxBodyBytes = 16 * 1024 * 1024;
     std::size_t maxQueuedEventsPerClient = 100000;
     std::size_t maxClientsPerServer = 10000;
-    // Bytes of event text waiting for one client: what one getEvents answer
-    // carries must stay deliverable (clients take at most 2 GiB, the HTTP
-    // transport 1 GiB), and the count alone would allow 100 000 bodies of 16 MiB.
-    std::size_t maxQueuedBytesPerClient = 256 * 1024 * 1024;
+    // Bytes of event text waiting for one client: one getEvents answer must stay
+    // deliverable (clients take at most 2 GiB, the HTTP transport 1 GiB, and
+    // escaping may make text up to six times longer); the count alone would
+    // allow 100 000 bodies of 16 MiB.
+    std::size_t maxQueuedBytesPerClient = 128 * 1024 * 1024;
 };
 
 struct ServiceFailure {
