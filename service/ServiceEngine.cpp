@@ -228,19 +228,20 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
         if (recipient.id == clientId) {
             continue;
         }
-        const std::string refusal = "Cannot queue the event of client " + quoted(clientId) +
-                                    ": client " + quoted(recipient.id) + " of server " +
-                                    quoted(serverId) + " already has ";
+        // The message is made only when a post is refused: puts are frequent.
+        auto refuseFull = [&](const std::string& waiting) {
+            refuseLimit("Cannot queue the event of client " + quoted(clientId) + ": client " +
+                        quoted(recipient.id) + " of server " + quoted(serverId) + " already has " +
+                        waiting);
+        };
         if (recipient.pending.size() >= limits_.maxQueuedEventsPerClient) {
-            refuseLimit(refusal + std::to_string(recipient.pending.size()) +
-                        " events waiting, the most a client may have.");
+            refuseFull(std::to_string(recipient.pending.size()) +
+                       " events waiting, the most a client may have.");
         }
-        if (body.size() > limits_.maxQueuedBytesPerClient -
-                              std::min(recipient.pendingBytes, limits_.maxQueuedBytesPerClient)) {
-            refuseLimit(refusal + std::to_string(recipient.pendingBytes) +
-                        " bytes of events waiting; " + std::to_string(body.size()) +
-                        " more would pass the limit of " +
-                        std::to_string(limits_.maxQueuedBytesPerClient) + " bytes.");
+        if (recipient.pendingBytes + body.size() > limits_.maxQueuedBytesPerClient) {
+            refuseFull(std::to_string(recipient.pendingBytes) + " bytes of events waiting; " +
+                       std::to_string(body.size()) + " more would pass the limit of " +
+                       std::to_string(limits_.maxQueuedBytesPerClient) + " bytes.");
         }
     }
     std::string document = sharedClientDocument(serverId);  // before any change
