@@ -9,6 +9,7 @@
 
 #include "client/Exception.h"
 #include "transport/AvQvlBinding.h"
+#include "util/CharacterBoundary.h"
 #include "util/Utf8.h"
 
 namespace Arvant {
@@ -124,17 +125,28 @@ void AvQVLRequest::sendHeaders() {
 }
 
 int32_t AvQVLRequest::sendBody() {
-    // Blocks are cut without regard to character boundaries and converted one
-    // by one; each reaches the transport as a NUL-terminated text.
+    // Blocks of kBodyBlockSize bytes are converted one by one, and each reaches
+    // the transport as a NUL-terminated text. A block never ends inside a
+    // character: the bytes of one that does not fit wait at the start of the
+    // next block, so each converts whole. Only the stream's last block may end
+    // with a character cut short, and it converts as any such text would.
+    Util::CharacterBoundary boundary;
     char block[kBodyBlockSize];
+    std::size_t carried = 0;  // bytes of a cut character, at the start of block
     int32_t rc = 0;
     std::streamsize n = 0;
     do {
-        requestStream->read(block, kBodyBlockSize);
+        const std::streamsize wanted = kBodyBlockSize - static_cast<std::streamsize>(carried);
+        requestStream->read(block + carried, wanted);
         n = requestStream->gcount();
-        if (n > 0) {
-            const std::string utf8 = toUtf8(block, static_cast<int32_t>(n));
+        const std::size_t filled = carried + static_cast<std::size_t>(n);
+        if (filled > 0) {
+            const bool last = n < wanted;  // end of stream, or it failed
+            const std::size_t whole = last ? filled : boundary.wholeCharacters(block, filled);
+            const std::string utf8 = toUtf8(block, static_cast<int32_t>(whole));
             rc = AvQvl_SendNoAck(utf8.c_str());
+            carried = filled - whole;
+            std::memmove(block, block + whole, carried);
         }
     } while (!requestStream->eof() && n != 0 && rc > 0);
     if (rc <= -1) {

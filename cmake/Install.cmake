@@ -40,7 +40,8 @@ foreach(dir client util schemas)
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir}/
         DESTINATION ${AVQVL_INSTALL_INCLUDEDIR}/${dir}
         FILES_MATCHING PATTERN "*.h"
-        PATTERN "ReaderMemory.h" EXCLUDE)  # internal to the library
+        PATTERN "ReaderMemory.h" EXCLUDE        # internal to the library
+        PATTERN "CharacterBoundary.h" EXCLUDE)  # internal to the library
 endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/transport/AvQvlBinding.h
     DESTINATION ${AVQVL_INSTALL_INCLUDEDIR}/transport)

@@ -1,5 +1,6 @@
 // AvQVLRequest and the transport functions, driven through the test transport.
 #include <gtest/gtest.h>
+#include <unicode/ustring.h>
 
 #include <map>
 #include <sstream>
@@ -9,9 +10,11 @@
 #include "ClientTestSupport.h"
 #include "client/AvQVLRequest.h"
 #include "text/IcuHooks.h"
+#include "util/Utf8.h"
 
 using namespace Arvant::Net::AvQuorvel::Client;
 using namespace ClientTest;
+using Arvant::Net::AvQuorvel::Util::toUtf8;
 
 namespace {
 
@@ -65,6 +68,55 @@ TEST_F(RequestTest, HandshakeVariants) {
         EXPECT_TRUE(TestTransport::scriptDone());
         EXPECT_EQ(countCalls("AvQvl_Complete"), 1);
     }
+}
+
+// A block never ends inside a character: one that straddles a cut goes whole
+// into the next chunk, so every chunk is valid UTF-8 on its own and the chunks
+// together are the text. UTF-8 is checked by its own rule, Shift_JIS (two-byte
+// characters) and UTF-16LE (a surrogate pair) through the converter.
+TEST_F(RequestTest, ChunksNeverSplitACharacter) {
+    const struct {
+        const char* codePage;
+        std::string filler, character;  // the filler is one byte in the code page
+    } rows[] = {
+        {nullptr, "a", "\xC3\xA9"},
+        {nullptr, "a", "\xE2\x82\xAC"},
+        {nullptr, "a", "\xF0\x9F\x98\x80"},
+        {"Shift_JIS", "a", "\x82\xA0"},
+        {"UTF-16LE", std::string("a\0", 2), "\x3D\xD8\x00\xDE"},
+    };
+    for (const auto& row : rows) {
+        IcuHooks::setDefaultConverter(row.codePage);
+        const std::size_t unit = row.filler.size();
+        for (std::size_t cut : {4098u, 8196u}) {
+            for (std::size_t inside = unit; inside < row.character.size(); inside += unit) {
+                SCOPED_TRACE(std::to_string(cut) + " " + std::to_string(inside));
+                std::string text;
+                while (text.size() < cut - inside) {
+                    text += row.filler;
+                }
+                text += row.character + row.filler + row.character;
+                TestTransport::reset();
+                TestTransport::expectExchange("ok");
+                ASSERT_EQ(send(text), "ok");
+                const Strings sent = sentTexts();
+                ASSERT_EQ(sent.size(), cut / 4098 + 2);
+                std::string joined;
+                for (std::size_t i = 1; i < sent.size(); ++i) {
+                    UErrorCode status = U_ZERO_ERROR;
+                    u_strFromUTF8(nullptr, 0, nullptr, sent[i].data(),
+                                  static_cast<int32_t>(sent[i].size()), &status);
+                    EXPECT_EQ(status, U_BUFFER_OVERFLOW_ERROR) << "chunk " << i;
+                    joined += sent[i];
+                }
+                EXPECT_EQ(joined, toUtf8(text.data(), static_cast<int32_t>(text.size())));
+                if (cut == 4098 && unit == 1) {  // cut right before the character
+                    EXPECT_EQ(sent[1].size(), 4098 - inside);
+                }
+            }
+        }
+    }
+    IcuHooks::setDefaultConverter(nullptr);
 }
 
 // Malformed UTF-8 becomes one U+FFFD per malformed sequence (ICU's default
