@@ -1,7 +1,9 @@
 #include "util/XmlText.h"
 
+#include <limits>
 #include <locale>
 #include <sstream>
+#include <type_traits>
 
 namespace Arvant {
 namespace Net {
@@ -58,9 +60,10 @@ std::string formatFloating(double value, const std::locale& classic) {
     return stream.str();
 }
 
-// Reads the longest numeric prefix. Text that holds no number at its start,
-// and a number the type cannot hold, fail the extraction; both give zero, so a
-// result of zero never depends on what the stream left behind.
+// Reads the longest numeric prefix. Text that holds no number at its start
+// gives zero, and so does an integer the type cannot hold. A floating-point
+// number beyond the type's range gives the largest finite value with its sign,
+// which is what the extraction stores when it overflows.
 template <typename T>
 T parseNumber(const std::string& text, const std::locale& classic) {
     if (text.empty()) {
@@ -69,10 +72,14 @@ T parseNumber(const std::string& text, const std::locale& classic) {
     std::istringstream stream(text);
     stream.imbue(classic);
     T value = T();
-    if (!(stream >> value)) {
-        return T();
+    if (stream >> value) {
+        return value;
     }
-    return value;
+    const T largest = std::numeric_limits<T>::max();
+    if (std::is_floating_point<T>::value && (value == largest || value == -largest)) {
+        return value;
+    }
+    return T();
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include <locale>
 #include <numeric>
 #include <string>
@@ -44,12 +46,21 @@ TEST(XmlText, ValueConversions) {
     EXPECT_EQ("1.50000000000000000e+00", toString(1.5));
     EXPECT_EQ("-2.50000000000000000e-01", toString(-0.25));
     EXPECT_EQ("1.00000001490116119e-01", toString(0.1f));
-    // The leading number counts; none, or one the type cannot hold, gives zero.
+    // The leading number counts; none, or an integer the type cannot hold,
+    // gives zero; a floating-point overflow gives the largest value with its sign.
+    const double dmax = std::numeric_limits<double>::max();
+    const float fmax = std::numeric_limits<float>::max();
     const std::tuple<const char*, int, double, float> numbers[] = {
-        {"", 0, 0, 0},        {" -5x", -5, -5, -5},
-        {"1,5", 1, 1, 1},     {"1.234", 1, 1.234, 1.234f},
-        {"abc", 0, 0, 0},     {"-2147483649", 0, -2147483649.0, -2147483649.0f},
-        {"1e39", 1, 1e39, 0}, {"1e999", 1, 0, 0}};
+        {"", 0, 0, 0},
+        {" -5x", -5, -5, -5},
+        {"1,5", 1, 1, 1},
+        {"1.234", 1, 1.234, 1.234f},
+        {"abc", 0, 0, 0},
+        {"-2147483649", 0, -2147483649.0, -2147483649.0f},
+        {"1e39", 1, 1e39, fmax},
+        {"1e400", 1, dmax, fmax},
+        {"-1e400", -1, -dmax, -fmax},
+        {"1e-400", 1, 0, 0}};
     for (const auto& [text, i, d, f] : numbers) {
         EXPECT_EQ(i, parseInt(text)) << text;
         EXPECT_EQ(d, parseDouble(text)) << text;
