@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 CMAKE_FLAGS ?=
 JOBS ?= 2
 
-.PHONY: all deps configure build test demo bench test-asan test-valgrind fuzz-smoke clean
+.PHONY: all deps configure build test demo bench test-asan test-tsan test-valgrind fuzz-smoke clean
 
 all: build
 
@@ -35,6 +35,10 @@ bench: deps
 test-asan: deps
 	@scripts/test-asan.sh
 
+# The multi-threaded tests under ThreadSanitizer.
+test-tsan: deps
+	@scripts/test-tsan.sh
+
 # The in-process test programs under valgrind memcheck.
 test-valgrind: build
 	@scripts/test-valgrind.sh
@@ -44,4 +48,4 @@ fuzz-smoke: deps
 	@scripts/fuzz-smoke.sh
 
 clean:
-	@rm -rf $(BUILD_DIR) build-asan build-fuzz build-bench
+	@rm -rf $(BUILD_DIR) build-asan build-tsan build-fuzz build-bench

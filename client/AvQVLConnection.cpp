@@ -6,6 +6,7 @@
 #include <xercesc/util/XMLUni.hpp>
 
 #include <istream>
+#include <mutex>
 #include <streambuf>
 #include <string_view>
 
@@ -30,11 +31,15 @@ const char* const kStatusText = "AvQVL Status check";
 
 // The XML library stays initialised while at least one connection, copies
 // included, is alive: a single process-wide flag would end it under the feet
-// of the connections that remain. Connections are constructed and destroyed
-// by one thread at a time, so the count needs no lock.
-int liveConnections = 0;
+// of the connections that remain. Its start and end are not safe to run on two
+// threads at once, and must not overlap a parse, so the count and both calls
+// sit under one lock; connections may then be built and destroyed on any
+// threads. A failed start leaves the count as it was.
+std::mutex xmlLibraryLock;
+int liveConnections = 0;  // guarded by xmlLibraryLock
 
 void acquireXmlLibrary() {
+    std::lock_guard<std::mutex> hold(xmlLibraryLock);
     if (liveConnections == 0) {
         xercesc::XMLPlatformUtils::Initialize(xercesc::XMLUni::fgXercescDefaultLocale);
     }
@@ -42,6 +47,7 @@ void acquireXmlLibrary() {
 }
 
 void releaseXmlLibrary() {
+    std::lock_guard<std::mutex> hold(xmlLibraryLock);
     if (--liveConnections == 0) {
         xercesc::XMLPlatformUtils::Terminate();
     }

@@ -1,6 +1,19 @@
 // The application's handle on the Quorvel service. Registration state lives
 // here; the transport starts on the first operation. Results come back through
 // the reference arguments, failures as exceptions (see Exception.h).
+//
+// Ownership: the caller owns every argument; an operation keeps nothing of them
+// but the identifiers and locale that registerClient stores in the connection.
+//
+// Throws: every failure of the client side as a class of Exception.h, by value,
+// except getSharedClients, which throws a pointer the handler must delete:
+//     try { connection.getSharedClients(ids); }
+//     catch (AvQVLProtocolException* e) { report(e->getMessage()); delete e; }
+// A malformed answer from the service throws Util::DomException (util/XMLNode.h).
+//
+// Threads: distinct connections may live on distinct threads at once, and be
+// built, copied and destroyed on any thread in any order, without external
+// synchronization. One connection is used by one thread at a time.
 #ifndef AVQVL_CLIENT_AVQVLCONNECTION_H
 #define AVQVL_CLIENT_AVQVLCONNECTION_H
 
