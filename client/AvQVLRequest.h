@@ -17,6 +17,12 @@ namespace Net {
 namespace AvQuorvel {
 namespace Client {
 
+// A request owns its header copies and receive buffer and borrows the body
+// stream. send() throws the classes of Exception.h: transport failures through
+// throwTransportError, and a body or response that will not convert as
+// Utf8ConversionException. A request is used by one thread; requests on
+// distinct threads may run at once, since the transport keeps one exchange and
+// one last error per thread.
 class AVQVL_EXPORT AvQVLRequest {
 public:
     AvQVLRequest();

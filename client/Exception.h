@@ -15,6 +15,9 @@ namespace Net {
 namespace AvQuorvel {
 namespace Client {
 
+// An exception owns a copy of its message; nothing here throws but
+// std::bad_alloc while copying it. Exceptions are plain values: distinct ones
+// may be used on distinct threads, and a const one read from several at once.
 class AVQVL_EXPORT Exception {
 public:
     Exception(const std::string& message);

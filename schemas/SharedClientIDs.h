@@ -18,6 +18,11 @@ namespace AvQuorvel {
 namespace _2009_06 {
 namespace Base {
 
+// The list owns copies of its identifiers; parse() only reads the caller's
+// tree. parse() appends in document order and throws Util::DomException at the
+// first element other than "sharedClients", keeping what it appended before;
+// nothing else throws but std::bad_alloc. Like every schema object, one list
+// is used by one thread at a time.
 class AVQVL_EXPORT SharedClientIDs : public Arvant::Net::AvQuorvel::Util::BaseObject {
 public:
     SharedClientIDs();

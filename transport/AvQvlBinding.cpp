@@ -1,10 +1,7 @@
 // The eight AvQvl_ functions. Start/stop counting and the last error live here;
 // the phases of an exchange live in Exchange; the answers come from the active
 // Backend (the embedded service by default).
-//
-// Exchanges are per calling thread: each thread has its own exchange and its own
-// last-error message, so several threads may run exchanges at once. The count of
-// AvQvl_Init calls is process-wide.
+// What is per thread and what is process-wide is stated in AvQvlBinding.h.
 #include "transport/AvQvlBinding.h"
 
 #include <atomic>

@@ -11,6 +11,13 @@
 extern "C" {
 #endif
 
+// Exchanges are per calling thread: each thread has its own exchange (header
+// block, body, response) and its own last-error message, so any number of
+// threads may run exchanges at once, each its own. AvQvl_Init and AvQvl_Term
+// keep one process-wide count and may be called from any thread. A message
+// from AvQvl_GetLastError belongs to the transport and stays valid until the
+// same thread's next failing call. No function throws: failures are results.
+//
 // AvQvl_Init may be called once per connection; each call is counted and
 // AvQvl_Term takes one back. The allocator pair is accepted but not used: the
 // transport allocates through the C++ runtime and hands the caller no memory to free.

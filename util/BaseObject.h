@@ -16,6 +16,10 @@ namespace Net {
 namespace AvQuorvel {
 namespace Util {
 
+// A schema object owns its fields; clone() returns a new object the caller
+// owns, and unref() deletes the object when the count reaches zero. Nothing
+// here throws but std::bad_alloc. The count is not atomic: an object and its
+// references are used by one thread at a time; distinct objects need no care.
 class AVQVL_EXPORT BaseObject {
 protected:
     // Declared first so that the destructor holds the first virtual slot, ahead

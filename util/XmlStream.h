@@ -19,6 +19,9 @@ namespace Net {
 namespace AvQuorvel {
 namespace Util {
 
+// The stream owns the text written into it and its namespace bindings. Its
+// operations throw nothing but std::bad_alloc. One stream is used by one
+// thread at a time; distinct streams may be written on distinct threads.
 class AVQVL_EXPORT XmlStream : public std::stringstream {
 public:
     XmlStream();

@@ -13,6 +13,11 @@ namespace Net {
 namespace AvQuorvel {
 namespace Util {
 
+// Plain functions over the caller's text, returning new strings. None throws
+// but std::bad_alloc, and none reports bad text: see each group. All are safe
+// to call from any number of threads; the conversions' locale objects are made
+// once, on first use, and only read afterwards.
+//
 // Tab, line feed, quotation mark, percent, ampersand, apostrophe, < and > become
 // references; one left-to-right pass. unescapeXml is its exact inverse.
 AVQVL_EXPORT std::string escapeXml(const std::string& text);
