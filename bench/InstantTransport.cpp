@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <map>
+#include <utility>
 
 #include "transport/AvQvlBinding.h"
 
@@ -50,8 +51,9 @@ const std::string* answerFor(const char* headerBlock) {
 
 }  // namespace
 
-void setAnswer(const std::string& operation, const std::string& answer) {
-    state().answers[operation] = answer;
+std::string setAnswer(const std::string& operation, std::string answer) {
+    std::swap(state().answers[operation], answer);
+    return answer;
 }
 
 std::size_t takeBodyBytes() {

@@ -13,8 +13,9 @@
 
 namespace InstantTransport {
 
-// The UTF-8 answer to every request whose "Operation-Name" is `operation`.
-void setAnswer(const std::string& operation, const std::string& answer);
+// The UTF-8 answer to every request whose "Operation-Name" is `operation`;
+// returns the answer it replaces, so a benchmark can put it back.
+std::string setAnswer(const std::string& operation, std::string answer);
 // Bytes of body the transport has been handed since the last call.
 std::size_t takeBodyBytes();
 

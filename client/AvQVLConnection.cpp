@@ -74,12 +74,18 @@ std::string sendWithBody(AvQVLRequest& request, std::string_view body) {
 }
 
 // Appends the identifiers of a shared-client document to `sharedClients`,
-// which is touched only once the whole document has been read.
-void appendSharedClients(const std::string& response, std::vector<std::string>& sharedClients) {
+// which is touched only once the whole document has been read. The tree of a
+// large document takes several times its size, so nothing that is no longer
+// needed lives beside it: the text goes once the tree is built, and the tree
+// before the identifiers are copied out.
+void appendSharedClients(std::string response, std::vector<std::string>& sharedClients) {
     SharedClientIDs list;
-    SAXToNodeParser parser;
-    XMLNode* root = parser.parseString(response);
-    list.parse(*root);
+    {
+        SAXToNodeParser parser;
+        XMLNode* root = parser.parseString(response);
+        std::string().swap(response);
+        list.parse(*root);
+    }
     list.getSharedClients(sharedClients);
 }
 

@@ -5,12 +5,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <memory>
 
 #include "client/Exception.h"
 #include "transport/AvQvlBinding.h"
 #include "util/CharacterBoundary.h"
 #include "util/Utf8.h"
+#include "util/internal/Utf8InPlace.h"
 
 namespace Arvant {
 namespace Net {
@@ -18,7 +18,7 @@ namespace AvQuorvel {
 namespace Client {
 namespace {
 
-using Util::fromUtf8;
+using Util::fromUtf8InPlace;
 using Util::toUtf8;
 
 constexpr int32_t kReceiveBufferSize = 16384;  // AvQvl_Receive writes at most this much
@@ -161,9 +161,10 @@ int32_t AvQVLRequest::sendBody() {
 
 std::string AvQVLRequest::readResponse() {
     int32_t capacity = kReceiveBufferSize;
-    int32_t length = 0;
-    std::unique_ptr<char[]> collected(new char[capacity]);
+    std::string collected;
+    collected.reserve(static_cast<size_t>(capacity));
     for (;;) {
+        const int32_t length = static_cast<int32_t>(collected.size());
         const int32_t n = AvQvl_Receive(receiveBuffer);
         if (n == kEndOfResponse) {
             break;
@@ -190,14 +191,21 @@ std::string AvQVLRequest::readResponse() {
             while (capacity < needed) {
                 capacity = capacity > kMaxResponseSize / 2 ? kMaxResponseSize : capacity * 2;
             }
-            std::unique_ptr<char[]> grown(new char[capacity]);
-            std::memcpy(grown.get(), collected.get(), static_cast<size_t>(length));
-            collected = std::move(grown);
+            collected.reserve(static_cast<size_t>(capacity));
         }
-        std::memcpy(collected.get() + length, receiveBuffer, static_cast<size_t>(n));
-        length = needed;
+        collected.append(receiveBuffer, static_cast<size_t>(n));
     }
-    return fromUtf8(collected.get(), length);
+    // Converted where it lies, so a large response is never held twice. What
+    // the buffer has in reserve is never written; for a large response, whose
+    // buffer the heap maps afresh, it takes no memory.
+    fromUtf8InPlace(collected);
+    // The caller may keep the text: one that uses less than half its buffer
+    // (a short response in the first block, or a conversion that shortened
+    // it) gets a buffer of its own size. Growth leaves at most half spare.
+    if (collected.size() < collected.capacity() / 2) {
+        collected.shrink_to_fit();
+    }
+    return collected;
 }
 
 void initTransport() {

@@ -41,7 +41,8 @@ foreach(dir client util schemas)
         DESTINATION ${AVQVL_INSTALL_INCLUDEDIR}/${dir}
         FILES_MATCHING PATTERN "*.h"
         PATTERN "ReaderMemory.h" EXCLUDE        # internal to the library
-        PATTERN "CharacterBoundary.h" EXCLUDE)  # internal to the library
+        PATTERN "CharacterBoundary.h" EXCLUDE   # internal to the library
+        PATTERN "internal" EXCLUDE)
 endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/transport/AvQvlBinding.h
     DESTINATION ${AVQVL_INSTALL_INCLUDEDIR}/transport)

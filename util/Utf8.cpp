@@ -1,4 +1,5 @@
 #include "util/Utf8.h"
+#include "util/internal/Utf8InPlace.h"
 
 #include <unicode/utypes.h>
 
@@ -173,10 +174,13 @@ inline bool isContinuation(unsigned char byte) {
 // pump's passes: a four-byte character whose surrogate pair would straddle
 // the end of a first-stage pass (after unit 20480, 40960, ...) reaches the
 // second stage as two lone surrogates in two passes, and each becomes U+FFFD.
+//
+// Without an output it only checks, and says whether such a replacement
+// would have been made.
 class Utf8Copy {
 public:
     Utf8Copy(const char* input, std::size_t length, std::uint64_t unicodeCapacity,
-             std::string& output)
+             std::string* output)
         : begin(reinterpret_cast<const unsigned char*>(input)),
           end(begin + length),
           copiedUpTo(begin),
@@ -186,12 +190,16 @@ public:
           // with a single first-stage pass nothing can.
           straddleUnit(length > unicodeCapacity ? unicodeCapacity - 1
                                                 : std::numeric_limits<std::uint64_t>::max()),
+          replaced(false),
           output(output) {
-        output.clear();
-        output.reserve(length);
+        if (output != nullptr) {
+            output->clear();
+            output->reserve(length);
+        }
     }
 
     bool run();
+    bool replacedAny() const { return replaced; }
 
 private:
     bool scanScalar(const unsigned char* at);
@@ -206,10 +214,13 @@ private:
             return;
         }
         if (unitIndex == straddleUnit && fourBytes) {
-            output.append(reinterpret_cast<const char*>(copiedUpTo),
-                          static_cast<std::size_t>(at - copiedUpTo));
-            output.append("\xEF\xBF\xBD\xEF\xBF\xBD");
-            copiedUpTo = at + 4;
+            replaced = true;
+            if (output != nullptr) {
+                output->append(reinterpret_cast<const char*>(copiedUpTo),
+                               static_cast<std::size_t>(at - copiedUpTo));
+                output->append("\xEF\xBF\xBD\xEF\xBF\xBD");
+                copiedUpTo = at + 4;
+            }
         }
         while (straddleUnit <= unitIndex) {
             straddleUnit += unicodeCapacity;
@@ -222,7 +233,8 @@ private:
     std::uint64_t units;
     const std::uint64_t unicodeCapacity;
     std::uint64_t straddleUnit;
-    std::string& output;
+    bool replaced;
+    std::string* const output;
 };
 
 // One character at a time from `at`, a character boundary, to the end; eight
@@ -400,9 +412,9 @@ bool Utf8Copy::run() {
     if (!scanScalar(at)) {
         return false;
     }
-    if (copiedUpTo < end) {
-        output.append(reinterpret_cast<const char*>(copiedUpTo),
-                      static_cast<std::size_t>(end - copiedUpTo));
+    if (output != nullptr && copiedUpTo < end) {
+        output->append(reinterpret_cast<const char*>(copiedUpTo),
+                       static_cast<std::size_t>(end - copiedUpTo));
     }
     return true;
 }
@@ -412,17 +424,19 @@ bool Utf8Copy::run() {
 // `output` unspecified) for any other input, which the pump must convert.
 bool copyUtf8(const char* input, std::size_t length, std::uint64_t unicodeCapacity,
               std::string& output) {
-    return Utf8Copy(input, length, unicodeCapacity, output).run();
+    return Utf8Copy(input, length, unicodeCapacity, &output).run();
 }
 
-// Source bytes -> UTF-16 (first stage, in passes of at most unicodeCapacity
-// units) -> target bytes (second stage, in passes of at most byteCapacity
-// bytes). Each second-stage pass is appended as zero-terminated text, so a
-// U+0000 in the text ends what that pass contributes. When both converters are
-// UTF-8, well-formed input skips the round trip (copyUtf8), with the same result.
-std::string pump(CodePageConverter::Direction direction, const char* input, int32_t length) {
-    // A negative length has no meaningful end; refuse it before the input is
-    // touched rather than let the widened value become a source limit.
+// True when copyUtf8 would give back exactly the input.
+bool copyKeepsUtf8(const char* input, std::size_t length, std::uint64_t unicodeCapacity) {
+    Utf8Copy check(input, length, unicodeCapacity, nullptr);
+    return check.run() && !check.replacedAny();
+}
+
+// A negative length has no meaningful end; it is refused before the input is
+// touched rather than let the widened value become a source limit. A null
+// input of length 0 is the empty text.
+const char* checkedInput(const char* input, int32_t length) {
     if (length < 0) {
         throw Utf8ConversionException("Invalid input length " + std::to_string(length) + "\n");
     }
@@ -431,16 +445,26 @@ std::string pump(CodePageConverter::Direction direction, const char* input, int3
             throw Utf8ConversionException("Invalid input: no bytes for length " +
                                           std::to_string(length) + "\n");
         }
-        input = "";
+        return "";
     }
+    return input;
+}
 
-    CodePageConverter converter(direction, static_cast<std::uint64_t>(length));
+// Source bytes -> UTF-16 (first stage, in passes of at most unicodeCapacity
+// units) -> target bytes (second stage, in passes of at most byteCapacity
+// bytes). Each second-stage pass is appended as zero-terminated text, so a
+// U+0000 in the text ends what that pass contributes. When both converters are
+// UTF-8, well-formed input skips the round trip (copyUtf8), with the same result.
+std::string pump(CodePageConverter& converter, CodePageConverter::Direction direction,
+                 const char* input, int32_t length) {
     std::string output;
     if (convertsUtf8ToUtf8(converter) &&
         copyUtf8(input, static_cast<std::size_t>(length), converter.unicodeCapacity, output)) {
         return output;
     }
     output.clear();
+    // Most texts keep about their length; a longer result grows as usual.
+    output.reserve(static_cast<std::size_t>(length));
     const bool toUtf8 = direction == CodePageConverter::ToUtf8;
     UConverter* source = toUtf8 ? converter.nativeConverter : converter.utf8Converter;
     UConverter* target = toUtf8 ? converter.utf8Converter : converter.nativeConverter;
@@ -478,6 +502,12 @@ std::string pump(CodePageConverter::Direction direction, const char* input, int3
     return output;
 }
 
+std::string convert(CodePageConverter::Direction direction, const char* input, int32_t length) {
+    input = checkedInput(input, length);
+    CodePageConverter converter(direction, static_cast<std::uint64_t>(length));
+    return pump(converter, direction, input, length);
+}
+
 }  // namespace
 
 CodePageConverter::CodePageConverter(Direction direction, std::uint64_t length)
@@ -512,11 +542,27 @@ CodePageConverter::~CodePageConverter() {
 }
 
 std::string toUtf8(const char* input, int32_t length) {
-    return pump(CodePageConverter::ToUtf8, input, length);
+    return convert(CodePageConverter::ToUtf8, input, length);
 }
 
 std::string fromUtf8(const char* input, int32_t length) {
-    return pump(CodePageConverter::FromUtf8, input, length);
+    return convert(CodePageConverter::FromUtf8, input, length);
+}
+
+// A response may be hundreds of megabytes, and in the usual case (UTF-8 as the
+// default code page, a well-formed text) its conversion is the same bytes:
+// checked where they lie, they become the result without a second copy.
+void fromUtf8InPlace(std::string& text) {
+    if (text.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max())) {
+        throw Utf8ConversionException("Invalid input length " + std::to_string(text.size()) + "\n");
+    }
+    const int32_t length = static_cast<int32_t>(text.size());
+    CodePageConverter converter(CodePageConverter::FromUtf8, text.size());
+    if (convertsUtf8ToUtf8(converter) &&
+        copyKeepsUtf8(text.data(), text.size(), converter.unicodeCapacity)) {
+        return;
+    }
+    text = pump(converter, CodePageConverter::FromUtf8, text.data(), length);
 }
 
 }  // namespace Util

@@ -1,7 +1,8 @@
 // toUtf8 and fromUtf8 copy well-formed UTF-8 straight through when ICU's
-// default converter is UTF-8. Hiding the converter type turns the copy off;
-// these tests compare both ways of converting on random texts, well-formed
-// and not, with zero bytes, and with lengths around the passes' boundaries.
+// default converter is UTF-8, and fromUtf8InPlace leaves it where it is.
+// Hiding the converter type turns the copy off; these tests compare both ways
+// of converting on random texts, well-formed and not, with zero bytes, and
+// with lengths around the passes' boundaries.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -9,6 +10,7 @@
 
 #include "IcuHooks.h"
 #include "util/Utf8.h"
+#include "util/internal/Utf8InPlace.h"
 
 using namespace Arvant::Net::AvQuorvel::Util;
 
@@ -19,14 +21,23 @@ protected:
     void SetUp() override { IcuHooks::setDefaultConverter(GetParam()); }
     void TearDown() override { IcuHooks::setDefaultConverter(nullptr); }
 
-    // Both directions, copied where the library may and converted by ICU.
+    // Both directions, copied where the library may and converted by ICU; and
+    // the conversion in place, which keeps the text's storage when it may copy.
     void expectSame(const std::string& in) {
+        std::string general;
         for (auto convert : {&toUtf8, &fromUtf8}) {
             IcuHooks::hideUtf8Type = true;
-            const std::string general = convert(in.data(), static_cast<int32_t>(in.size()));
+            general = convert(in.data(), static_cast<int32_t>(in.size()));
             IcuHooks::hideUtf8Type = false;
             ASSERT_TRUE(general == convert(in.data(), static_cast<int32_t>(in.size())))
                 << in.size() << " bytes in";
+        }
+        std::string text = in;
+        const char* const storage = text.data();
+        fromUtf8InPlace(text);
+        ASSERT_TRUE(general == text) << in.size() << " bytes in place";
+        if (GetParam() == std::string("UTF-8") && general == in) {
+            EXPECT_EQ(storage, text.data());
         }
     }
 

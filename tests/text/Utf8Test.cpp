@@ -1,4 +1,5 @@
 #include "util/Utf8.h"
+#include "util/internal/Utf8InPlace.h"
 
 #include <gtest/gtest.h>
 
@@ -129,16 +130,25 @@ TEST_F(CodePageTest, FailuresNameTheFailingConverter) {
         {false, 0, 2, 0, to + utf8 + " to Unicode." + invalid},
         {false, 0, 0, 1, from + latin1 + "." + illegal},
         {true, 0, 1, 1, from + utf8 + "." + illegal}};
-    const std::string text(50000, 'q');
-    for (const auto& [toUtf8Direction, openCall, toUnicodeCall, fromUnicodeCall, message] : cases) {
+    const auto inject = [](int openCall, int toUnicodeCall, int fromUnicodeCall) {
         IcuHooks::reset();
         IcuHooks::injectOpen(openCall, U_FILE_ACCESS_ERROR);
         IcuHooks::injectToUnicode(toUnicodeCall, U_INVALID_CHAR_FOUND);
         IcuHooks::injectFromUnicode(fromUnicodeCall, U_ILLEGAL_CHAR_FOUND);
+    };
+    const std::string text(50000, 'q');
+    for (const auto& [toUtf8Direction, openCall, toUnicodeCall, fromUnicodeCall, message] : cases) {
+        inject(openCall, toUnicodeCall, fromUnicodeCall);
         const auto convert = toUtf8Direction ? toUtf8 : fromUtf8;
         EXPECT_EQ(message, failureOf([&] { convert(text.data(), 50000); }));
         // A default converter that fails to open leaves UTF-8 unopened.
         EXPECT_EQ(openCall == 1 ? 1 : 2, IcuHooks::counters().openCalls);
+        if (!toUtf8Direction) {  // in place: the same failure, the text as it was
+            std::string inPlace = text;
+            inject(openCall, toUnicodeCall, fromUnicodeCall);
+            EXPECT_EQ(message, failureOf([&] { fromUtf8InPlace(inPlace); }));
+            EXPECT_EQ(text, inPlace);
+        }
     }
 }
 
