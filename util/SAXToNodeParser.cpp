@@ -48,7 +48,7 @@ xercesc::SecurityManager& entityExpansionGuard() {
 }
 }  // namespace
 
-bool SAXToNodeParser::replaceSubChars = false;
+std::atomic<bool> SAXToNodeParser::replaceSubChars{false};
 
 SAXToNodeParser::SAXToNodeParser()
     : root(nullptr),
@@ -65,7 +65,7 @@ SAXToNodeParser::~SAXToNodeParser() {
 }
 
 void SAXToNodeParser::setReplaceSubChars(bool replace) {
-    replaceSubChars = replace;
+    replaceSubChars.store(replace);
 }
 
 std::string SAXToNodeParser::transcodeThroughLibrary(const XMLCh* text, bool replace) {

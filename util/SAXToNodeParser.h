@@ -7,6 +7,7 @@
 #include <xercesc/sax2/DefaultHandler.hpp>
 #include <xercesc/sax2/SAX2XMLReader.hpp>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <string>
@@ -79,7 +80,8 @@ private:
     [[noreturn]] void throwParseError(const char* prefix,
                                       const xercesc::SAXParseException& exc) const;
 
-    static bool replaceSubChars;
+    // Read by every parse on every thread; only setReplaceSubChars writes it.
+    static std::atomic<bool> replaceSubChars;
 
     XMLNode* root;
     XMLNode* current;
