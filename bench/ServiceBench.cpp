@@ -16,13 +16,13 @@
 #include <string>
 
 #include "OperationBench.h"
-#include "service/ServiceEngine.h"
+#include "engine/ServiceEngine.h"
 
 namespace {
 
-using Arvant::Net::AvQuorvel::Service::RequestHeaders;
-using Arvant::Net::AvQuorvel::Service::ServiceEngine;
-using Arvant::Net::AvQuorvel::Service::ServiceFailure;
+using Arvant::Net::AvQuorvel::Engine::RequestHeaders;
+using Arvant::Net::AvQuorvel::Engine::ServiceEngine;
+using Arvant::Net::AvQuorvel::Engine::ServiceFailure;
 
 // Baseline: the engine's own work for a status check, without library or transport.
 void engineOnlyGetStatus(benchmark::State& state) {

@@ -21,14 +21,9 @@ namespace {
 using Util::fromUtf8InPlace;
 using Util::toUtf8;
 
-constexpr int32_t kReceiveBufferSize = 16384;  // AvQvl_Receive writes at most this much
+constexpr int32_t kReceiveBufferSize = AVQVL_RECEIVE_BUFFER_BYTES;  // all AvQvl_Receive writes
 constexpr std::streamsize kBodyBlockSize = 4098;
 constexpr int32_t kMaxResponseSize = std::numeric_limits<int32_t>::max();
-
-// Reply codes of AvQvl_Receive.
-constexpr int32_t kSendBody = 19;
-constexpr int32_t kRequestComplete = 20;
-constexpr int32_t kEndOfResponse = -1;
 
 }  // namespace
 
@@ -68,10 +63,10 @@ std::string AvQVLRequest::send() {
     sendHeaders();
 
     int32_t rc = AvQvl_Receive(receiveBuffer);
-    while (rc != kRequestComplete && rc > 0) {
+    while (rc != AVQVL_REQUEST_COMPLETE && rc > 0) {
         // The service defines no positive reply besides 19 and 20 here, and
         // waiting would never end: treat any other as a failure code.
-        if (rc != kSendBody) {
+        if (rc != AVQVL_SEND_BODY) {
             throwTransportError(rc);
         }
         rc = sendBody();
@@ -166,10 +161,10 @@ std::string AvQVLRequest::readResponse() {
     for (;;) {
         const int32_t length = static_cast<int32_t>(collected.size());
         const int32_t n = AvQvl_Receive(receiveBuffer);
-        if (n == kEndOfResponse) {
+        if (n == AVQVL_END_OF_RESPONSE) {
             break;
         }
-        if (n < kEndOfResponse) {
+        if (n < AVQVL_END_OF_RESPONSE) {
             throwTransportError(n);
         }
         // Length and capacity are 32-bit: refuse a response that would not fit
@@ -225,20 +220,20 @@ void termTransport() {
 void throwTransportError(int32_t code) {
     const std::string message = getLastTransportError();
     switch (code) {
-        case -3099:
-        case -3017:
+        case AVQVL_OTHER_ANSWER:
+        case AVQVL_REFUSED:
         case -751:
         case 1002:
             throw AvQVLProtocolException(message);
-        case -3016:
+        case AVQVL_LIMIT:
         case -3010:
         case -3009:
         case 1003:
             throw AvQVLRuntimeException(message);
         case -3001:
-        case -2999:
-        case -2998:
-        case -2997:
+        case AVQVL_UNREACHABLE:
+        case AVQVL_TIMED_OUT:
+        case AVQVL_CONNECTION_LOST:
         case -2996:
         case 1001:
             throw AvQVLConnectionException(message);

@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "service/ServiceEngine.h"
+#include "engine/ServiceEngine.h"
 
-using namespace Arvant::Net::AvQuorvel::Service;
+using namespace Arvant::Net::AvQuorvel::Engine;
 
 namespace {
 
@@ -30,7 +30,7 @@ void handle(const RequestHeaders& headers, const std::string& body) {
     if (engine().handle(headers, body, response, failure)) {
         return;
     }
-    if ((failure.code != protocolFailureCode && failure.code != limitFailureCode) ||
+    if ((failure.kind != FailureKind::Refused && failure.kind != FailureKind::Limit) ||
         failure.message.empty()) {
         std::abort();
     }

@@ -62,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     EchoBackend backend;
     Exchange exchange(backend);
-    static char buffer[responsePieceBytes];
+    static char buffer[AVQVL_RECEIVE_BUFFER_BYTES];
     std::string error;
     const auto calls = splitInput(reinterpret_cast<const uint8_t*>(halves[1].data()),
                                   halves[1].size(), '\x02', 4096);
@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             case 2:
                 result = exchange.receive(buffer, error);
-                if (result > static_cast<int32_t>(responsePieceBytes)) {
+                if (result > AVQVL_RECEIVE_BUFFER_BYTES) {
                     std::abort();
                 }
                 break;

@@ -45,7 +45,7 @@ cleanup() {
 trap cleanup EXIT
 work=$(mktemp -d)
 
-daemon="$BENCH_DIR/service/quorveld"
+daemon="$BENCH_DIR/daemon/quorveld"
 if [[ ! -x "$daemon" ]]; then
     echo
     echo "== daemon: skipped, quorveld was not built"

@@ -15,9 +15,6 @@ namespace {
 
 using Arvant::Net::AvQuorvel::Transport::activeBackend;
 using Arvant::Net::AvQuorvel::Transport::Exchange;
-using Arvant::Net::AvQuorvel::Transport::limitFailureCode;
-using Arvant::Net::AvQuorvel::Transport::notStartedFailureCode;
-using Arvant::Net::AvQuorvel::Transport::protocolFailureCode;
 
 std::atomic<int32_t> startCount{0};
 
@@ -40,9 +37,9 @@ int32_t guarded(const char* function, Step step) {
     try {
         if (startCount.load() <= 0) {
             threadExchange().abandon();
-            return failWith(notStartedFailureCode, std::string(function) +
-                                                       " was called while the Quorvel transport "
-                                                       "is not started (call AvQvl_Init first).");
+            return failWith(AVQVL_UNREACHABLE, std::string(function) +
+                                                   " was called while the Quorvel transport "
+                                                   "is not started (call AvQvl_Init first).");
         }
         std::string error;
         const int32_t result = step(threadExchange(), error);
@@ -52,11 +49,11 @@ int32_t guarded(const char* function, Step step) {
         return result;
     } catch (const std::bad_alloc&) {
         threadExchange().abandon();
-        return failWith(limitFailureCode,
+        return failWith(AVQVL_LIMIT,
                         std::string(function) + " ran out of memory; the exchange is abandoned.");
     } catch (const std::exception& e) {
         threadExchange().abandon();
-        return failWith(protocolFailureCode, std::string(function) + " failed: " + e.what());
+        return failWith(AVQVL_REFUSED, std::string(function) + " failed: " + e.what());
     }
 }
 
@@ -80,7 +77,7 @@ AVQVL_TRANSPORT_API int32_t AvQvl_Term(void) {
     while (count > 0 && !startCount.compare_exchange_weak(count, count - 1)) {
     }
     if (count <= 0) {
-        return failWith(notStartedFailureCode,
+        return failWith(AVQVL_UNREACHABLE,
                         "AvQvl_Term was called while the Quorvel transport is not started.");
     }
     return 0;
@@ -121,7 +118,7 @@ AVQVL_TRANSPORT_API int32_t AvQvl_Complete(void) {
 // thread's next failing call. Before any failure it is empty.
 AVQVL_TRANSPORT_API int32_t AvQvl_GetLastError(char** message) {
     if (message == nullptr) {
-        return protocolFailureCode;
+        return AVQVL_REFUSED;
     }
     *message = const_cast<char*>(lastError.c_str());
     return 0;

@@ -10,20 +10,17 @@
 #include <map>
 #include <string>
 
+#include "transport/AvQvlBinding.h"
+
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
 namespace Transport {
 
-// Transport failure codes, as the client library maps them to exceptions.
-constexpr int32_t protocolFailureCode = -3017;
-constexpr int32_t limitFailureCode = -3016;
-constexpr int32_t notStartedFailureCode = -2999;
-
 using HeaderFields = std::map<std::string, std::string>;
 
 struct BackendFailure {
-    int32_t code = 0;  // one of the transport failure codes
+    int32_t code = 0;  // one of the failure codes of AvQvlBinding.h
     std::string message;
 };
 

@@ -1,6 +1,6 @@
 // The default backend: the reference service engine running inside the process.
 // One engine serves every connection and thread of the process.
-#include "service/ServiceEngine.h"
+#include "engine/ServiceEngine.h"
 #include "transport/Backend.h"
 
 namespace Arvant {
@@ -16,17 +16,17 @@ public:
 
     bool exchange(const HeaderFields& headers, const std::string& body, std::string& response,
                   BackendFailure& failure) override {
-        Service::ServiceFailure refused;
+        Engine::ServiceFailure refused;
         if (engine.handle(headers, body, response, refused)) {
             return true;
         }
-        failure.code = refused.code;
+        failure.code = refused.kind == Engine::FailureKind::Limit ? AVQVL_LIMIT : AVQVL_REFUSED;
         failure.message = refused.message;
         return false;
     }
 
 private:
-    Service::ServiceEngine engine;
+    Engine::ServiceEngine engine;
 };
 
 }  // namespace

@@ -41,7 +41,7 @@ int32_t Exchange::reportPendingFailure(std::string& error) {
 
 int32_t Exchange::sendText(const char* text, std::string& error) {
     if (text == nullptr) {
-        return fail(protocolFailureCode, "AvQvl_SendNoAck was given no text.", error);
+        return fail(AVQVL_REFUSED, "AvQvl_SendNoAck was given no text.", error);
     }
     const std::size_t length = std::strlen(text);
     // After a failure SendEOF has reported, or a response the client stopped
@@ -56,7 +56,7 @@ int32_t Exchange::sendText(const char* text, std::string& error) {
             [[fallthrough]];
         case Phase::headers:
             if (headerText.size() + length > maxHeaderBlockBytes) {
-                return fail(limitFailureCode,
+                return fail(AVQVL_LIMIT,
                             "The header block is longer than " +
                                 std::to_string(maxHeaderBlockBytes) + " bytes.",
                             error);
@@ -64,13 +64,13 @@ int32_t Exchange::sendText(const char* text, std::string& error) {
             headerText.append(text, length);
             return acceptedReply;
         case Phase::headersEnded:
-            return fail(protocolFailureCode,
+            return fail(AVQVL_REFUSED,
                         "Body text was sent before the service asked for it (AvQvl_Receive "
                         "after the header block).",
                         error);
         case Phase::body:
             if (body.size() + length > backend.maxBodyBytes()) {
-                return fail(limitFailureCode,
+                return fail(AVQVL_LIMIT,
                             "The request body is longer than " +
                                 std::to_string(backend.maxBodyBytes()) + " bytes.",
                             error);
@@ -83,7 +83,7 @@ int32_t Exchange::sendText(const char* text, std::string& error) {
         case Phase::finished:
             break;
     }
-    return fail(protocolFailureCode,
+    return fail(AVQVL_REFUSED,
                 "Text was sent after the request body had ended; the exchange is abandoned.",
                 error);
 }
@@ -95,10 +95,10 @@ int32_t Exchange::endOfInput(std::string& error) {
             if (!parseHeaderBlock(headerText, headers, problem)) {
                 abandon();
                 phase = Phase::failed;
-                pendingCode = protocolFailureCode;
+                pendingCode = AVQVL_REFUSED;
                 pendingMessage = problem;
                 error = problem;
-                return protocolFailureCode;
+                return AVQVL_REFUSED;
             }
             headerText.clear();
             phase = Phase::headersEnded;
@@ -110,36 +110,34 @@ int32_t Exchange::endOfInput(std::string& error) {
         case Phase::failed:
             return reportPendingFailure(error);
         case Phase::idle:
-            return fail(protocolFailureCode, "AvQvl_SendEOF was called with no exchange open.",
-                        error);
+            return fail(AVQVL_REFUSED, "AvQvl_SendEOF was called with no exchange open.", error);
         case Phase::headersEnded:
         case Phase::bodyEnded:
         case Phase::responding:
         case Phase::finished:
             break;
     }
-    return fail(protocolFailureCode,
-                "AvQvl_SendEOF was called twice, or after the request had ended.", error);
+    return fail(AVQVL_REFUSED, "AvQvl_SendEOF was called twice, or after the request had ended.",
+                error);
 }
 
 int32_t Exchange::receive(char* buffer, std::string& error) {
     if (buffer == nullptr) {
-        return fail(protocolFailureCode, "AvQvl_Receive was given no buffer.", error);
+        return fail(AVQVL_REFUSED, "AvQvl_Receive was given no buffer.", error);
     }
     switch (phase) {
         case Phase::idle:
-            return fail(protocolFailureCode, "AvQvl_Receive was called with no exchange open.",
-                        error);
+            return fail(AVQVL_REFUSED, "AvQvl_Receive was called with no exchange open.", error);
         case Phase::headers:
-            return fail(protocolFailureCode,
+            return fail(AVQVL_REFUSED,
                         "AvQvl_Receive was called before the header block was ended with "
                         "AvQvl_SendEOF.",
                         error);
         case Phase::headersEnded:
             phase = Phase::body;
-            return wantBodyReply;
+            return AVQVL_SEND_BODY;
         case Phase::body:
-            return fail(protocolFailureCode,
+            return fail(AVQVL_REFUSED,
                         "AvQvl_Receive was called before the body was ended with AvQvl_SendEOF.",
                         error);
         case Phase::bodyEnded: {
@@ -147,32 +145,32 @@ int32_t Exchange::receive(char* buffer, std::string& error) {
             std::string answer;
             if (!backend.exchange(headers, body, answer, failure)) {
                 // Codes of -1 and above mean something else to a client.
-                const int32_t code = failure.code < -1 ? failure.code : protocolFailureCode;
+                const int32_t code = failure.code < -1 ? failure.code : AVQVL_REFUSED;
                 return fail(code, failure.message, error);
             }
             abandon();
             response.swap(answer);
             phase = Phase::responding;
-            return requestCompleteReply;
+            return AVQVL_REQUEST_COMPLETE;
         }
         case Phase::responding: {
             const std::size_t count =
-                std::min(responsePieceBytes, response.size() - responseOffset);
+                std::min<std::size_t>(AVQVL_RECEIVE_BUFFER_BYTES, response.size() - responseOffset);
             if (count == 0) {
                 phase = Phase::finished;
                 response.clear();
-                return endOfResponseReply;
+                return AVQVL_END_OF_RESPONSE;
             }
             std::memcpy(buffer, response.data() + responseOffset, count);
             responseOffset += count;
             return static_cast<int32_t>(count);
         }
         case Phase::finished:
-            return endOfResponseReply;
+            return AVQVL_END_OF_RESPONSE;
         case Phase::failed:
             return reportPendingFailure(error);
     }
-    return fail(protocolFailureCode, "The exchange is in an unknown state.", error);
+    return fail(AVQVL_REFUSED, "The exchange is in an unknown state.", error);
 }
 
 int32_t Exchange::complete(std::string& error) {
@@ -181,12 +179,11 @@ int32_t Exchange::complete(std::string& error) {
             abandon();
             return 0;
         case Phase::idle:
-            return fail(protocolFailureCode, "AvQvl_Complete was called with no exchange open.",
-                        error);
+            return fail(AVQVL_REFUSED, "AvQvl_Complete was called with no exchange open.", error);
         case Phase::failed:
             return reportPendingFailure(error);
         default:
-            return fail(protocolFailureCode,
+            return fail(AVQVL_REFUSED,
                         "AvQvl_Complete was called before the response was read to its end; the "
                         "exchange is abandoned.",
                         error);

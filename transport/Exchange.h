@@ -2,7 +2,7 @@
 //
 //   SendNoAck(header text)...  SendEOF   Receive -> 19
 //   SendNoAck(body chunk)...   SendEOF   Receive -> 20 (the backend answers here)
-//   Receive -> piece of at most 16384 bytes ... Receive -> -1   Complete
+//   Receive -> piece of at most AVQVL_RECEIVE_BUFFER_BYTES ... Receive -> -1   Complete
 //
 // A call that does not fit the phase fails with the protocol code; a body or
 // header block over its limit fails with the limit code. Every failure returns
@@ -24,10 +24,6 @@ namespace Net {
 namespace AvQuorvel {
 namespace Transport {
 
-constexpr int32_t wantBodyReply = 19;
-constexpr int32_t requestCompleteReply = 20;
-constexpr int32_t endOfResponseReply = -1;
-constexpr std::size_t responsePieceBytes = 16384;
 constexpr std::size_t maxHeaderBlockBytes = 64 * 1024;
 
 class Exchange {

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "transport/HttpWire.h"
+#include "wire/HttpWire.h"
 
 namespace Arvant {
 namespace Net {
@@ -15,9 +15,8 @@ namespace Transport {
 
 namespace {
 
-constexpr int32_t timeoutFailureCode = -2998;
-constexpr int32_t connectionLostFailureCode = -2997;
-constexpr int32_t otherAnswerFailureCode = -3099;
+using Wire::encodeField;
+using Wire::transportCodeForStatus;
 
 // The daemon decides the real body limit (it answers 413); this one only keeps
 // a runaway caller from buffering without end before anything is sent.
@@ -127,7 +126,7 @@ class HttpBackend : public Backend {
 public:
     explicit HttpBackend(const HttpSettings& settings)
         : settings(settings),
-          endpoint(baseUrl(settings.url) + exchangePath),
+          endpoint(baseUrl(settings.url) + Wire::exchangePath),
           noProxy(noProxyList()) {}
 
     std::size_t maxBodyBytes() const override { return maxRequestBodyBytes; }
@@ -139,32 +138,33 @@ public:
             startCurl(problem);
         }
         if (!problem.empty()) {
-            return fail(failure, notStartedFailureCode, problem);
+            return fail(failure, AVQVL_UNREACHABLE, problem);
         }
         thread_local ThreadHandle thread;
         CURL* curl = thread.handle;
         if (curl == nullptr) {
-            return fail(failure, limitFailureCode, "libcurl could not create a handle.");
+            return fail(failure, AVQVL_LIMIT, "libcurl could not create a handle.");
         }
 
         CurlList lines;
         for (const auto& field : headers) {
             const std::string line =
-                std::string(fieldHeaderName) + ": " + encodeField(field.first, field.second);
-            if (line.size() > maxFieldLineBytes) {
-                return fail(failure, limitFailureCode,
+                std::string(Wire::fieldHeaderName) + ": " + encodeField(field.first, field.second);
+            if (line.size() > Wire::kMaxFieldLineBytes) {
+                return fail(failure, AVQVL_LIMIT,
                             "The header field \"" + field.first +
                                 "\" cannot travel to the Quorvel service: encoded it takes " +
                                 std::to_string(line.size()) + " bytes, more than the " +
-                                std::to_string(maxFieldLineBytes) + " a header line may hold.");
+                                std::to_string(Wire::kMaxFieldLineBytes) +
+                                " a header line may hold.");
             }
             if (!lines.add(line)) {
-                return fail(failure, limitFailureCode, "Out of memory for the header fields.");
+                return fail(failure, AVQVL_LIMIT, "Out of memory for the header fields.");
             }
         }
         // No "Expect: 100-continue" wait: the whole request goes out at once.
         if (!lines.add("Content-Type: application/octet-stream") || !lines.add("Expect:")) {
-            return fail(failure, limitFailureCode, "Out of memory for the header fields.");
+            return fail(failure, AVQVL_LIMIT, "Out of memory for the header fields.");
         }
 
         response.clear();
@@ -202,7 +202,7 @@ public:
         const std::string message = trimmed(response);
         response.clear();
         const int32_t code = transportCodeForStatus(static_cast<int>(status));
-        if (code == otherAnswerFailureCode) {
+        if (code == AVQVL_OTHER_ANSWER) {
             return fail(failure, code,
                         "The Quorvel service at " + settings.url + " answered status " +
                             std::to_string(status) + ": " + message);
@@ -229,7 +229,7 @@ private:
         const std::string where = "the Quorvel service at " + settings.url;
         switch (result) {
             case CURLE_OPERATION_TIMEDOUT:
-                return fail(failure, timeoutFailureCode,
+                return fail(failure, AVQVL_TIMED_OUT,
                             "No answer from " + where + " within the time-out (" +
                                 std::to_string(settings.timeoutMs) + " ms, connect " +
                                 std::to_string(settings.connectTimeoutMs) + " ms): " + cause);
@@ -237,22 +237,22 @@ private:
             case CURLE_SEND_ERROR:
             case CURLE_RECV_ERROR:
             case CURLE_PARTIAL_FILE:
-                return fail(failure, connectionLostFailureCode,
+                return fail(failure, AVQVL_CONNECTION_LOST,
                             "The connection to " + where + " broke during the exchange: " + cause);
             case CURLE_WRITE_ERROR:
                 if (overflow) {
-                    return fail(failure, limitFailureCode,
+                    return fail(failure, AVQVL_LIMIT,
                                 "The answer of " + where + " is longer than " +
                                     std::to_string(maxResponseBytes) + " bytes.");
                 }
                 break;
             case CURLE_OUT_OF_MEMORY:
-                return fail(failure, limitFailureCode,
+                return fail(failure, AVQVL_LIMIT,
                             "libcurl ran out of memory talking to " + where + ".");
             default:
                 break;
         }
-        return fail(failure, notStartedFailureCode, "Cannot reach " + where + ": " + cause);
+        return fail(failure, AVQVL_UNREACHABLE, "Cannot reach " + where + ": " + cause);
     }
 
     const HttpSettings settings;

@@ -18,13 +18,13 @@
 
 #include "client/AvQVLConnection.h"
 #include "daemon/DaemonHarness.h"
-#include "transport/HttpWire.h"
+#include "wire/HttpWire.h"
 
 using namespace Harness;
 using ::testing::StartsWith;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-namespace Wire = Arvant::Net::AvQuorvel::Transport;
+namespace Wire = Arvant::Net::AvQuorvel::Wire;
 
 namespace {
 
@@ -108,11 +108,17 @@ TEST(HttpWireTest, FieldsSurviveAnyBytesAndDamageIsRefused) {
         EXPECT_FALSE(Wire::decodeField(line, name, value, problem)) << line;
         EXPECT_NE(problem, "") << line;
     }
-    const std::pair<int, int32_t> codes[] = {{400, -3017}, {422, -3017}, {413, -3016}, {429, -3016},
-                                             {431, -3016}, {507, -3016}, {404, -3099}, {405, -3099},
-                                             {408, -3099}, {500, -3099}};
+    const std::pair<int, int32_t> codes[] = {{400, AVQVL_REFUSED},      {422, AVQVL_REFUSED},
+                                             {413, AVQVL_LIMIT},        {429, AVQVL_LIMIT},
+                                             {431, AVQVL_LIMIT},        {507, AVQVL_LIMIT},
+                                             {404, AVQVL_OTHER_ANSWER}, {405, AVQVL_OTHER_ANSWER},
+                                             {408, AVQVL_OTHER_ANSWER}, {500, AVQVL_OTHER_ANSWER}};
     for (const auto& row : codes) {
         EXPECT_EQ(Wire::transportCodeForStatus(row.first), row.second) << row.first;
+    }
+    // The daemon's status for a failure of the service reads back as that failure.
+    for (const int32_t code : {AVQVL_REFUSED, AVQVL_LIMIT}) {
+        EXPECT_EQ(Wire::transportCodeForStatus(Wire::statusForFailure(code)), code);
     }
 }
 
@@ -194,7 +200,8 @@ TEST(DaemonTest, BadAndSlowRequestsAreRefusedWhileOthersAreServed) {
         {"--max-body=1000", "--workers=4", "--read-timeout-ms=300", "--request-timeout-ms=1000"});
     EXPECT_THAT(
         cli(daemon.url(), {"put", "--server", "s", "--client", "c", std::string(2000, 'x')}),
-        StartsWith("error: AvQVLRuntimeException (type 0): The request body of 2000 bytes"));
+        StartsWith("error: AvQVLRuntimeException (type 0): The request body exceeds the limit of "
+                   "1000 bytes."));
     EXPECT_THAT(cli(daemon.url(), {"register", "s", ""}),
                 StartsWith("error: AvQVLProtocolException (type 0): Cannot register client \"\""));
     const std::pair<std::string, std::string> table[] = {

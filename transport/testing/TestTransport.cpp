@@ -24,8 +24,8 @@ namespace AvQuorvel {
 namespace Testing {
 namespace {
 
-constexpr int32_t kPieceLimit = 16384;  // the library's receive buffer
-constexpr int32_t kUnscripted = -9999;  // not a code the library knows
+constexpr int32_t kPieceLimit = AVQVL_RECEIVE_BUFFER_BYTES;  // the library's receive buffer
+constexpr int32_t kUnscripted = -9999;                       // not a code the library knows
 
 struct Entry {
     std::string function;
@@ -154,7 +154,8 @@ void TestTransport::pushResult(const std::string& function, int32_t code) {
 
 void TestTransport::pushResponse(const std::string& bytes) {
     if (bytes.size() > static_cast<size_t>(kPieceLimit)) {
-        throw std::invalid_argument("test transport: a response piece holds at most 16384 bytes");
+        throw std::invalid_argument("test transport: a response piece holds at most " +
+                                    std::to_string(kPieceLimit) + " bytes");
     }
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
@@ -296,9 +297,9 @@ AVQVL_TEST_TRANSPORT_API int32_t AvQvl_Receive(char* buffer) {
     record(s, "AvQvl_Receive", "", result);
     if (s.phase == Phase::Handshake) {
         s.receivedSinceHeader = true;
-        if (result == 20 || result == 0) {
+        if (result == AVQVL_REQUEST_COMPLETE || result == 0) {
             s.phase = Phase::Response;
-        } else if (result != 19) {
+        } else if (result != AVQVL_SEND_BODY) {
             s.phase = Phase::Idle;
         }
     } else if (s.phase == Phase::Response && (result < 0 || result > kPieceLimit)) {

@@ -10,38 +10,42 @@
 //   <the request body, UTF-8 bytes as the client sent them>
 //
 // The answer is 200 with the response bytes as its body, or an error status with
-// a text/plain body holding the service's message and a "Quorvel-Code" header
-// holding the transport code:
-//   400 the request is malformed (field encoding, repeated field), 422 the
-//       service refused the request: -3017, the message is the service's own
-//   413 body over the daemon's limit, 431 header fields too large, 507 a queue
-//       or client limit of the service: -3016
-//   404 unknown path, 405 wrong method, 408 the body did not arrive in time,
-//       anything else: -3099 ("status N: message")
+// a text/plain body holding the message. Statuses and transport codes, both ways
+// (transportCodeForStatus, statusForFailure):
+//   400 malformed request (field encoding, repeated field)  <->  AVQVL_REFUSED
+//   422 the service refused the request, with its message   <->  AVQVL_REFUSED
+//   413 body over the daemon's limit                        <->  AVQVL_LIMIT
+//   431 request head or a header line too large             <->  AVQVL_LIMIT
+//   429 too many requests (from a proxy in front)            ->  AVQVL_LIMIT
+//   507 a queue or client limit of the service              <->  AVQVL_LIMIT
+//   404, 405, 408, 411 and any other status                 <->  AVQVL_OTHER_ANSWER
+//                                                     ("status N: message")
+// The daemon answers a refusal of the service with 422 and a limit with 507.
 //
 // Name and value travel in base64url without padding (RFC 4648, alphabet A-Z a-z
 // 0-9 "-" "_"), so spaces, "=", non-ASCII UTF-8 and every other byte arrive
 // unchanged. (Percent-encoding would not do: the server library decodes "%XX"
 // in header values by itself.)
-#ifndef AVQVL_TRANSPORT_HTTPWIRE_H
-#define AVQVL_TRANSPORT_HTTPWIRE_H
+#ifndef AVQVL_WIRE_HTTPWIRE_H
+#define AVQVL_WIRE_HTTPWIRE_H
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
+#include "transport/AvQvlBinding.h"
+
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
-namespace Transport {
+namespace Wire {
 
 extern const char* const exchangePath;     // "/quorvel/v1/exchange"
 extern const char* const fieldHeaderName;  // "Quorvel-Field"
-extern const char* const codeHeaderName;   // "Quorvel-Code"
 
 // The daemon reads header lines of at most 8192 bytes; a field whose line would
 // be longer cannot travel and is refused by the client before anything is sent.
-constexpr std::size_t maxFieldLineBytes = 8000;
+constexpr std::size_t kMaxFieldLineBytes = 8000;
 
 std::string base64UrlEncode(const std::string& bytes);
 // False when text is not exactly what base64UrlEncode makes of some bytes (a
@@ -55,12 +59,23 @@ std::string encodeField(const std::string& name, const std::string& value);
 bool decodeField(const std::string& line, std::string& name, std::string& value,
                  std::string& problem);
 
+// Statuses with a meaning of their own in the exchange.
+constexpr int kMalformedStatus = 400;
+constexpr int kBodyTooLargeStatus = 413;
+constexpr int kHeadTooLargeStatus = 431;
+constexpr int kTooManyRequestsStatus = 429;
+constexpr int kRefusedStatus = 422;
+constexpr int kLimitStatus = 507;
+
 // The transport code an error status of the daemon stands for.
 int32_t transportCodeForStatus(int status);
+// The status for a failure of the service: 422 for AVQVL_REFUSED, 507 for
+// AVQVL_LIMIT (what the client reads back as that code).
+int statusForFailure(int32_t code);
 
-}  // namespace Transport
+}  // namespace Wire
 }  // namespace AvQuorvel
 }  // namespace Net
 }  // namespace Arvant
 
-#endif  // AVQVL_TRANSPORT_HTTPWIRE_H
+#endif  // AVQVL_WIRE_HTTPWIRE_H

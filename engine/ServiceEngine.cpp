@@ -1,42 +1,35 @@
-#include "service/ServiceEngine.h"
+#include "engine/ServiceEngine.h"
+
+#include <unicode/utf8.h>
 
 #include <algorithm>
 #include <new>
 #include <set>
 #include <utility>
 
-#include "schemas/SharedClientIDs.h"
-#include "util/XmlStream.h"
-#include "util/XmlText.h"
+#include "engine/Documents.h"
 
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
-namespace Service {
-
-using Arvant::Net::AvQuorvel::Util::escapeXml;
-using Arvant::Net::AvQuorvel::Util::XmlStream;
-using Arvant::Schemas::AvQuorvel::_2009_06::Base::SharedClientIDs;
+namespace Engine {
 
 namespace {
 
 const char* const kServiceName = "AvQVLRequest";
-const char* const kSharedClientsElement = "sharedClientIDs";
-const char* const kEventsElement = "events";
-const char* const kEventElement = "event";
 
 // Thrown inside the engine and turned into a ServiceFailure at its edge.
 struct Refusal {
-    int32_t code;
+    FailureKind kind;
     std::string message;
 };
 
 [[noreturn]] void refuseProtocol(const std::string& message) {
-    throw Refusal{protocolFailureCode, message};
+    throw Refusal{FailureKind::Refused, message};
 }
 
 [[noreturn]] void refuseLimit(const std::string& message) {
-    throw Refusal{limitFailureCode, message};
+    throw Refusal{FailureKind::Limit, message};
 }
 
 const std::string& requiredHeader(const RequestHeaders& headers, const char* name) {
@@ -54,37 +47,14 @@ const std::string& requiredHeader(const RequestHeaders& headers, const char* nam
 // control character, no U+FFFE or U+FFFF, no surrogate or overlong form, not
 // even as a reference.
 bool fitsXmlDocument(const std::string& text) {
-    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-    const auto* const end = p + text.size();
-    while (p < end) {
-        const unsigned char lead = *p;
-        if (lead < 0x80) {
-            if (lead < 0x20 && lead != '\t' && lead != '\n' && lead != '\r') {
-                return false;
-            }
-            ++p;
-            continue;
-        }
-        if (lead < 0xC0 || lead > 0xF7) {
-            return false;  // a continuation byte, or no lead byte of UTF-8
-        }
-        const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-        static const uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};  // below: overlong
-        uint32_t code = lead & (0x7F >> length);
-        if (static_cast<std::size_t>(end - p) < length) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+    const int64_t length = static_cast<int64_t>(text.size());
+    for (int64_t i = 0; i < length;) {
+        UChar32 c;
+        U8_NEXT(bytes, i, length, c);  // negative for anything but well-formed UTF-8
+        if (c < 0x20 ? c != '\t' && c != '\n' && c != '\r' : c == 0xFFFE || c == 0xFFFF) {
             return false;
         }
-        for (std::size_t i = 1; i < length; ++i) {
-            if ((p[i] & 0xC0) != 0x80) {
-                return false;
-            }
-            code = (code << 6) | (p[i] & 0x3F);
-        }
-        if (code < least[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF) ||
-            code == 0xFFFE || code == 0xFFFF) {
-            return false;
-        }
-        p += length;
     }
     return true;
 }
@@ -93,15 +63,9 @@ std::string quoted(const std::string& text) {
     return "\"" + text + "\"";
 }
 
-std::string schemaNamespace() {
-    std::set<std::string> namespaces;
-    SharedClientIDs().getNamespaces(namespaces);
-    return namespaces.empty() ? std::string() : *namespaces.begin();
-}
-
 }  // namespace
 
-ServiceEngine::ServiceEngine(const ServiceLimits& limits) : limits_(limits) {}
+ServiceEngine::ServiceEngine(const ServiceLimits& limits) : serviceLimits(limits) {}
 
 bool ServiceEngine::handle(const RequestHeaders& headers, const std::string& body,
                            std::string& response, ServiceFailure& failure) {
@@ -109,10 +73,10 @@ bool ServiceEngine::handle(const RequestHeaders& headers, const std::string& bod
         response = dispatch(headers, body);
         return true;
     } catch (const Refusal& refusal) {
-        failure.code = refusal.code;
+        failure.kind = refusal.kind;
         failure.message = refusal.message;
     } catch (const std::bad_alloc&) {
-        failure.code = limitFailureCode;
+        failure.kind = FailureKind::Limit;
         failure.message = "The Quorvel service ran out of memory while handling the request.";
     }
     return false;
@@ -125,9 +89,9 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
                        quoted(kServiceName) + ".");
     }
     const std::string& operation = requiredHeader(headers, "Operation-Name");
-    if (body.size() > limits_.maxBodyBytes) {
+    if (body.size() > serviceLimits.maxBodyBytes) {
         refuseLimit("The request body of " + std::to_string(body.size()) +
-                    " bytes exceeds the limit of " + std::to_string(limits_.maxBodyBytes) +
+                    " bytes exceeds the limit of " + std::to_string(serviceLimits.maxBodyBytes) +
                     " bytes.");
     }
     if (operation == "getStatus") {
@@ -142,7 +106,7 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
     const std::string& serverId = requiredHeader(headers, "Server-ID");
     const std::string& clientId = requiredHeader(headers, "Client-ID");
 
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard<std::mutex> lock(mutex);
     if (operation == "registerClient") {
         return registerClient(serverId, clientId);
     }
@@ -169,9 +133,9 @@ std::string ServiceEngine::registerClient(const std::string& serverId,
             "Cannot register the client: \"Server-ID\" and \"Client-ID\" must not hold control "
             "characters, U+FFFE, U+FFFF or bytes that are not UTF-8.");
     }
-    auto group = servers_.find(serverId);
+    auto group = servers.find(serverId);
     std::size_t count = 0;
-    if (group != servers_.end()) {
+    if (group != servers.end()) {
         const auto& clients = group->second.clients;
         if (std::any_of(clients.begin(), clients.end(),
                         [&](const Client& client) { return client.id == clientId; })) {
@@ -179,20 +143,20 @@ std::string ServiceEngine::registerClient(const std::string& serverId,
         }
         count = clients.size();
     }
-    if (count >= limits_.maxClientsPerServer) {
+    if (count >= serviceLimits.maxClientsPerServer) {
         refuseLimit("Cannot register client " + quoted(clientId) + ": server " + quoted(serverId) +
                     " already has " + std::to_string(count) +
                     " clients, the most one server may have.");
     }
     std::string document;
-    ServerGroup& target = servers_[serverId];
+    ServerGroup& target = servers[serverId];
     target.clients.push_back(Client{clientId, {}});
     try {
         document = sharedClientDocument(serverId);
     } catch (...) {
         target.clients.pop_back();  // nothing half-done
         if (target.clients.empty()) {
-            servers_.erase(serverId);
+            servers.erase(serverId);
         }
         throw;
     }
@@ -202,14 +166,14 @@ std::string ServiceEngine::registerClient(const std::string& serverId,
 std::string ServiceEngine::unregisterClient(const std::string& serverId,
                                             const std::string& clientId) {
     std::string document = sharedClientDocument(serverId, &clientId);  // before any change
-    auto group = servers_.find(serverId);
-    if (group != servers_.end()) {
+    auto group = servers.find(serverId);
+    if (group != servers.end()) {
         auto& clients = group->second.clients;
         clients.erase(std::remove_if(clients.begin(), clients.end(),
                                      [&](const Client& client) { return client.id == clientId; }),
                       clients.end());
         if (clients.empty()) {
-            servers_.erase(group);  // the sequence restarts with the next client
+            servers.erase(group);  // the sequence restarts with the next client
         }
     }
     return document;
@@ -223,7 +187,7 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
                        " holds control characters, U+FFFE, U+FFFF or bytes that are not "
                        "UTF-8, which an XML document cannot carry.");
     }
-    ServerGroup& group = servers_.find(serverId)->second;  // exists: the caller is registered
+    ServerGroup& group = servers.find(serverId)->second;  // exists: the caller is registered
     for (const Client& recipient : group.clients) {
         if (recipient.id == clientId) {
             continue;
@@ -234,14 +198,14 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
                         quoted(recipient.id) + " of server " + quoted(serverId) + " already has " +
                         waiting);
         };
-        if (recipient.pending.size() >= limits_.maxQueuedEventsPerClient) {
+        if (recipient.pending.size() >= serviceLimits.maxQueuedEventsPerClient) {
             refuseFull(std::to_string(recipient.pending.size()) +
                        " events waiting, the most a client may have.");
         }
-        if (recipient.pendingBytes + body.size() > limits_.maxQueuedBytesPerClient) {
+        if (recipient.pendingBytes + body.size() > serviceLimits.maxQueuedBytesPerClient) {
             refuseFull(std::to_string(recipient.pendingBytes) + " bytes of events waiting; " +
                        std::to_string(body.size()) + " more would pass the limit of " +
-                       std::to_string(limits_.maxQueuedBytesPerClient) + " bytes.");
+                       std::to_string(serviceLimits.maxQueuedBytesPerClient) + " bytes.");
         }
     }
     std::string document = sharedClientDocument(serverId);  // before any change
@@ -275,18 +239,11 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
 
 std::string ServiceEngine::getEvents(const std::string& serverId, const std::string& clientId) {
     Client& client = registeredClient(serverId, clientId);
-    const std::string uri = schemaNamespace();
-    XmlStream stream;
-    stream.addNamespace(uri);
-    stream << stream.startTag(uri, kEventsElement) << stream.endStartTag(uri, false);
+    EventsDocument events;
     for (const Event& event : client.pending) {
-        const std::vector<std::pair<std::string, std::string>> attributes = {
-            {"sender", escapeXml(event.sender)}, {"sequence", std::to_string(event.sequence)}};
-        stream << stream.startElement(uri, kEventElement, attributes) << escapeXml(*event.text)
-               << stream.endTag(uri, kEventElement);
+        events.add(event.sender, event.sequence, *event.text);
     }
-    stream << stream.endTag(uri, kEventsElement);
-    std::string document = stream.str();
+    std::string document = events.finish();
     client.pending.clear();  // only once the document is complete
     client.pendingBytes = 0;
     return document;
@@ -298,8 +255,8 @@ std::string ServiceEngine::getSharedClients(const std::string& serverId) {
 
 ServiceEngine::Client& ServiceEngine::registeredClient(const std::string& serverId,
                                                        const std::string& clientId) {
-    auto group = servers_.find(serverId);
-    if (group != servers_.end()) {
+    auto group = servers.find(serverId);
+    if (group != servers.end()) {
         for (Client& client : group->second.clients) {
             if (client.id == clientId) {
                 return client;
@@ -312,21 +269,19 @@ ServiceEngine::Client& ServiceEngine::registeredClient(const std::string& server
 
 std::string ServiceEngine::sharedClientDocument(const std::string& serverId,
                                                 const std::string* leaving) const {
-    SharedClientIDs ids;
-    auto group = servers_.find(serverId);
-    if (group != servers_.end()) {
+    SharedClientsDocument document;
+    auto group = servers.find(serverId);
+    if (group != servers.end()) {
         for (const Client& client : group->second.clients) {
             if (leaving == nullptr || client.id != *leaving) {
-                ids.addSharedClientID(client.id);
+                document.add(client.id);
             }
         }
     }
-    XmlStream stream;
-    ids.outputXML(stream, kSharedClientsElement);
-    return stream.str();
+    return document.finish();
 }
 
-}  // namespace Service
+}  // namespace Engine
 }  // namespace AvQuorvel
 }  // namespace Net
 }  // namespace Arvant

@@ -13,15 +13,9 @@
 //   getEvents         drains the registered caller's queue into the events document.
 //   getSharedClients  the shared-client document.
 //
-// Shared-client document: SharedClientIDs::outputXML with the element name
-// "sharedClientIDs", clients in registration order:
-//   \n<ns0:sharedClientIDs xmlns:ns0="U"><ns0:sharedClients>A</ns0:sharedClients>...
-//   </ns0:sharedClientIDs>
-// Events document, oldest event first, written through XmlStream; sender and text
-// go through escapeXml:
-//   \n<ns0:events xmlns:ns0="U">
-//   \n<ns0:event sender="K" sequence="7">text</ns0:event>...</ns0:events>
-// U is the schema namespace of SharedClientIDs. The sequence number counts the
+// The answers are the documents of Documents.h: the shared-client document lists
+// clients in registration order, the events document the oldest event first.
+// The sequence number counts the
 // events posted under one Server-ID from 1, so one post carries the same number
 // at every recipient and numbers grow in posting order.
 //
@@ -29,8 +23,8 @@
 // can carry (no control character but tab, LF and CR, no U+FFFE or U+FFFF);
 // others are refused. Every failure leaves the state as it was. Thread-safe: one engine may serve
 // any number of transports at once.
-#ifndef AVQVL_SERVICE_SERVICEENGINE_H
-#define AVQVL_SERVICE_SERVICEENGINE_H
+#ifndef AVQVL_ENGINE_SERVICEENGINE_H
+#define AVQVL_ENGINE_SERVICEENGINE_H
 
 #include <cstddef>
 #include <cstdint>
@@ -44,12 +38,7 @@
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
-namespace Service {
-
-// Transport codes carried by failures.
-constexpr int32_t protocolFailureCode = -3017;  // bad request or misuse
-constexpr int32_t limitFailureCode = -3016;     // a limit would be passed
-constexpr int32_t notStartedFailureCode = -2999;
+namespace Engine {
 
 struct ServiceLimits {
     std::size_t maxBodyBytes = 16 * 1024 * 1024;
@@ -62,8 +51,15 @@ struct ServiceLimits {
     std::size_t maxQueuedBytesPerClient = 128 * 1024 * 1024;
 };
 
+// Why a request failed: those who carry the answer (the transport, the daemon)
+// turn the kind into their own codes.
+enum class FailureKind {
+    Refused,  // a malformed request, or one the service's rules do not allow
+    Limit     // a limit would be passed, or memory ran out
+};
+
 struct ServiceFailure {
-    int32_t code = 0;
+    FailureKind kind = FailureKind::Refused;
     std::string message;
 };
 
@@ -75,7 +71,7 @@ public:
     ServiceEngine(const ServiceEngine&) = delete;
     ServiceEngine& operator=(const ServiceEngine&) = delete;
 
-    const ServiceLimits& limits() const { return limits_; }
+    const ServiceLimits& limits() const { return serviceLimits; }
 
     // True with the response filled, or false with the failure filled.
     bool handle(const RequestHeaders& headers, const std::string& body, std::string& response,
@@ -110,14 +106,14 @@ private:
     std::string sharedClientDocument(const std::string& serverId,
                                      const std::string* leaving = nullptr) const;
 
-    const ServiceLimits limits_;
-    std::mutex mutex_;  // guards servers_
-    std::map<std::string, ServerGroup> servers_;
+    const ServiceLimits serviceLimits;
+    std::mutex mutex;  // guards servers
+    std::map<std::string, ServerGroup> servers;
 };
 
-}  // namespace Service
+}  // namespace Engine
 }  // namespace AvQuorvel
 }  // namespace Net
 }  // namespace Arvant
 
-#endif  // AVQVL_SERVICE_SERVICEENGINE_H
+#endif  // AVQVL_ENGINE_SERVICEENGINE_H

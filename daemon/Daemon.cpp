@@ -1,4 +1,4 @@
-#include "service/Daemon.h"
+#include "daemon/Daemon.h"
 
 #include <httplib.h>
 
@@ -7,17 +7,19 @@
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
-#include <thread>
 
-#include "service/GuardedServer.h"
-#include "transport/HttpWire.h"
+#include "daemon/GuardedServer.h"
+#include "daemon/Refusals.h"
+#include "wire/HttpWire.h"
 
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
-namespace Service {
+namespace Daemon {
 
-namespace Wire = Arvant::Net::AvQuorvel::Transport;
+using Engine::FailureKind;
+using Engine::RequestHeaders;
+using Engine::ServiceFailure;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -33,9 +35,8 @@ struct RequestRecord {
 };
 thread_local RequestRecord record;
 
-void answer(httplib::Response& res, int status, int32_t code, const std::string& message) {
+void answer(httplib::Response& res, int status, const std::string& message) {
     res.status = status;
-    res.set_header(Wire::codeHeaderName, std::to_string(code));
     res.set_content(message + "\n", "text/plain; charset=utf-8");
 }
 
@@ -84,8 +85,8 @@ std::string printable(const std::string& text) {
     return shown;
 }
 
-int statusForEngineCode(int32_t code) {
-    return code == limitFailureCode ? 507 : 422;
+int statusForFailure(const ServiceFailure& failure) {
+    return Wire::statusForFailure(failure.kind == FailureKind::Limit ? AVQVL_LIMIT : AVQVL_REFUSED);
 }
 
 }  // namespace
@@ -104,6 +105,7 @@ struct Daemon::Impl {
         limits.keepAliveMs = options.keepAliveSeconds * 1000;
         limits.keepAliveRequests = options.keepAliveRequests;
         limits.maxHeadBytes = options.maxHeadBytes;
+        limits.maxBodyBytes = options.limits.maxBodyBytes;
         return limits;
     }
     httplib::Server::HandlerResponse explainError(const httplib::Request& req,
@@ -117,13 +119,11 @@ struct Daemon::Impl {
 
     const DaemonOptions options;
     std::FILE* const log;
-    ServiceEngine engine;
+    Engine::ServiceEngine engine;
     GuardedServer server;
     int boundPort = -1;
     std::mutex logMutex;
     std::atomic<bool> stopRequested{false};
-    std::atomic<bool> runEntered{false};
-    std::atomic<bool> runFinished{false};
 };
 
 void Daemon::Impl::configure() {
@@ -141,7 +141,7 @@ void Daemon::Impl::configure() {
         record.start = Clock::now();
         record.started = true;
         if (!wellFormedContentLength(req)) {
-            answer(res, 400, protocolFailureCode,
+            answer(res, Wire::kMalformedStatus,
                    "The request must have at most one Content-Length, a decimal number of bytes.");
             closeAfter(res);
             return httplib::Server::HandlerResponse::Handled;
@@ -150,7 +150,7 @@ void Daemon::Impl::configure() {
         const bool sendsBody = req.method == "POST" || req.method == "PUT" || req.method == "PATCH";
         if (sendsBody && !req.has_header("Content-Length") &&
             req.get_header_value("Transfer-Encoding").find("chunked") == std::string::npos) {
-            answer(res, 411, -3099, "The request has a body but no Content-Length.");
+            answer(res, 411, "The request has a body but no Content-Length.");
             closeAfter(res);
             return httplib::Server::HandlerResponse::Handled;
         }
@@ -161,7 +161,7 @@ void Daemon::Impl::configure() {
                        const httplib::ContentReader& reader) { exchange(req, res, reader); });
     const auto wrongMethod = [](const httplib::Request& req, httplib::Response& res) {
         res.set_header("Allow", "POST");
-        answer(res, 405, -3099,
+        answer(res, 405,
                "Method " + req.method + " is not allowed on " + Wire::exchangePath +
                    "; an exchange is a POST.");
     };
@@ -193,43 +193,29 @@ httplib::Server::HandlerResponse Daemon::Impl::explainError(const httplib::Reque
     res.set_header("Connection", "close");
     // The library answers 400 when the connection gave up on the head.
     const RequestTrouble& trouble = currentRequestTrouble();
-    if (trouble.headTooLong || (res.status == 400 && trouble.headerLineTooLong)) {
-        res.status = 431;
-    } else if (trouble.late || trouble.stalled) {
-        res.status = 408;
-    }
+    const ConnectionLimits limits = connectionLimits(options);
     std::string message;
-    switch (res.status) {
-        case 404:
-            message = "There is nothing at " + req.path + "; an exchange is a POST to " +
-                      Wire::exchangePath + ".";
-            break;
-        case 408:
-            message = trouble.late
-                          ? "The request did not arrive within " +
-                                std::to_string(options.requestTimeoutMs) + " ms."
-                          : "The client sent nothing for " + std::to_string(options.readTimeoutMs) +
-                                " ms in the middle of its request.";
-            break;
-        case 413:
-            message = "The request body is longer than " +
-                      std::to_string(options.limits.maxBodyBytes) + " bytes.";
-            break;
-        case 414:
-            message = "The request line is too long.";
-            break;
-        case 431:
-            message = trouble.headTooLong ? "The request head is longer than " +
-                                                std::to_string(options.maxHeadBytes) + " bytes."
-                                          : "A request header line is longer than " +
-                                                std::to_string(headerLineBytes) + " bytes.";
-            break;
-        default:
-            message = "The request is not a valid HTTP/1.1 request (status " +
-                      std::to_string(res.status) + ").";
-            break;
+    if (trouble.headTooLong || (res.status == 400 && trouble.headerLineTooLong)) {
+        const Unreadable why =
+            trouble.headTooLong ? Unreadable::HeadTooLong : Unreadable::HeaderLineTooLong;
+        res.status = refusalStatus(why);
+        message = refusalText(why, limits);
+    } else if (trouble.late || trouble.stalled) {
+        const Unreadable why = trouble.late ? Unreadable::Late : Unreadable::Stalled;
+        res.status = refusalStatus(why);
+        message = refusalText(why, limits);
+    } else if (res.status == Wire::kBodyTooLargeStatus) {
+        message = refusalText(Unreadable::BodyTooLong, limits);
+    } else if (res.status == 404) {
+        message = "There is nothing at " + req.path + "; an exchange is a POST to " +
+                  Wire::exchangePath + ".";
+    } else if (res.status == 414) {
+        message = "The request line is too long.";
+    } else {
+        message = "The request is not a valid HTTP/1.1 request (status " +
+                  std::to_string(res.status) + ").";
     }
-    answer(res, res.status, Wire::transportCodeForStatus(res.status), message);
+    answer(res, res.status, message);
     return httplib::Server::HandlerResponse::Handled;
 }
 
@@ -264,15 +250,13 @@ void Daemon::Impl::exchange(const httplib::Request& req, httplib::Response& res,
     record.server = field("Server-ID");
     record.client = field("Client-ID");
     if (!fieldsRead) {
-        answer(res, 400, protocolFailureCode, problem);
+        answer(res, Wire::kMalformedStatus, problem);
         closeAfter(res);
         return;
     }
     if (declaredLengthOver(req, options.limits.maxBodyBytes)) {
-        answer(res, 413, limitFailureCode,
-               "The request body of " + req.get_header_value("Content-Length") +
-                   " bytes exceeds the limit of " + std::to_string(options.limits.maxBodyBytes) +
-                   " bytes.");
+        answer(res, refusalStatus(Unreadable::BodyTooLong),
+               refusalText(Unreadable::BodyTooLong, connectionLimits(options)));
         closeAfter(res);
         return;
     }
@@ -291,20 +275,14 @@ void Daemon::Impl::exchange(const httplib::Request& req, httplib::Response& res,
     if (!complete || tooLong) {
         const RequestTrouble& trouble = currentRequestTrouble();
         closeAfter(res);
-        if (tooLong || res.status == 413) {
-            answer(res, 413, limitFailureCode,
-                   "The request body exceeds the limit of " +
-                       std::to_string(options.limits.maxBodyBytes) + " bytes.");
-        } else if (trouble.late) {
-            answer(res, 408, -3099,
-                   "The request body did not arrive within " +
-                       std::to_string(options.requestTimeoutMs) + " ms.");
-        } else if (trouble.stalled) {
-            answer(res, 408, -3099,
-                   "The client sent nothing for " + std::to_string(options.readTimeoutMs) +
-                       " ms in the middle of the request body.");
+        if (tooLong || res.status == Wire::kBodyTooLargeStatus) {
+            answer(res, refusalStatus(Unreadable::BodyTooLong),
+                   refusalText(Unreadable::BodyTooLong, connectionLimits(options)));
+        } else if (trouble.late || trouble.stalled) {
+            const Unreadable why = trouble.late ? Unreadable::Late : Unreadable::Stalled;
+            answer(res, refusalStatus(why), refusalText(why, connectionLimits(options)));
         } else {
-            answer(res, 400, protocolFailureCode, "The request body ended before its length.");
+            answer(res, Wire::kMalformedStatus, "The request body ended before its length.");
         }
         return;
     }
@@ -312,7 +290,7 @@ void Daemon::Impl::exchange(const httplib::Request& req, httplib::Response& res,
     std::string response;
     ServiceFailure failure;
     if (!engine.handle(fields, body, response, failure)) {
-        answer(res, statusForEngineCode(failure.code), failure.code, failure.message);
+        answer(res, statusForFailure(failure), failure.message);
         return;
     }
     res.status = 200;
@@ -376,28 +354,18 @@ int Daemon::port() const {
 }
 
 bool Daemon::run() {
-    impl->runEntered = true;
     if (impl->stopRequested) {
-        impl->runFinished = true;
         return true;
     }
     const bool ok = impl->server.listen_after_bind();
-    impl->runFinished = true;
     return ok || impl->stopRequested;
 }
 
-// A stop that comes before run() has started listening waits for it, so a
-// signal right after start-up is never lost.
+// A stop that comes before run() has started listening is not lost: run() sees
+// the flag, or the library's listening ends as soon as it begins.
 void Daemon::stop() {
     impl->stopRequested = true;
     impl->server.beginStop();
-    if (!impl->runEntered) {
-        return;  // run() sees the flag
-    }
-    while (!impl->server.is_running() && !impl->runFinished) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    impl->server.stop();
 }
 
 bool parseListenAddress(const std::string& text, std::string& host, int& port, std::string& error) {
@@ -424,7 +392,7 @@ bool parseListenAddress(const std::string& text, std::string& host, int& port, s
     return true;
 }
 
-}  // namespace Service
+}  // namespace Daemon
 }  // namespace AvQuorvel
 }  // namespace Net
 }  // namespace Arvant

@@ -1,13 +1,12 @@
-#include "transport/HttpWire.h"
+#include "wire/HttpWire.h"
 
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
-namespace Transport {
+namespace Wire {
 
 const char* const exchangePath = "/quorvel/v1/exchange";
 const char* const fieldHeaderName = "Quorvel-Field";
-const char* const codeHeaderName = "Quorvel-Code";
 
 namespace {
 
@@ -100,20 +99,24 @@ bool decodeField(const std::string& line, std::string& name, std::string& value,
 
 int32_t transportCodeForStatus(int status) {
     switch (status) {
-        case 400:
-        case 422:
-            return -3017;
-        case 413:
-        case 429:
-        case 431:
-        case 507:
-            return -3016;
+        case kMalformedStatus:
+        case kRefusedStatus:
+            return AVQVL_REFUSED;
+        case kBodyTooLargeStatus:
+        case kHeadTooLargeStatus:
+        case kTooManyRequestsStatus:
+        case kLimitStatus:
+            return AVQVL_LIMIT;
         default:
-            return -3099;
+            return AVQVL_OTHER_ANSWER;
     }
 }
 
-}  // namespace Transport
+int statusForFailure(int32_t code) {
+    return code == AVQVL_LIMIT ? kLimitStatus : kRefusedStatus;
+}
+
+}  // namespace Wire
 }  // namespace AvQuorvel
 }  // namespace Net
 }  // namespace Arvant

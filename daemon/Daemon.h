@@ -5,25 +5,25 @@
 // serving one connection at a time; GuardedServer.h bounds every request in size
 // and time. stop() lets the exchanges under way finish and closes idle
 // connections; run() then returns once the workers are done.
-#ifndef AVQVL_SERVICE_DAEMON_H
-#define AVQVL_SERVICE_DAEMON_H
+#ifndef AVQVL_DAEMON_DAEMON_H
+#define AVQVL_DAEMON_DAEMON_H
 
 #include <cstddef>
 #include <cstdio>
 #include <memory>
 #include <string>
 
-#include "service/ServiceEngine.h"
+#include "engine/ServiceEngine.h"
 
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
-namespace Service {
+namespace Daemon {
 
 struct DaemonOptions {
     std::string host = "127.0.0.1";
     int port = 7070;  // 0 picks a free port
-    ServiceLimits limits;
+    Engine::ServiceLimits limits;
     std::size_t workers = 32;
     long readTimeoutMs = 5000;
     long requestTimeoutMs = 30000;
@@ -57,9 +57,9 @@ private:
 // "HOST:PORT", "[V6HOST]:PORT" or ":PORT"; false with error set otherwise.
 bool parseListenAddress(const std::string& text, std::string& host, int& port, std::string& error);
 
-}  // namespace Service
+}  // namespace Daemon
 }  // namespace AvQuorvel
 }  // namespace Net
 }  // namespace Arvant
 
-#endif  // AVQVL_SERVICE_DAEMON_H
+#endif  // AVQVL_DAEMON_DAEMON_H

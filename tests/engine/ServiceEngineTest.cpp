@@ -1,4 +1,4 @@
-#include "service/ServiceEngine.h"
+#include "engine/ServiceEngine.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 
 namespace {
 
-using namespace Arvant::Net::AvQuorvel::Service;
+using namespace Arvant::Net::AvQuorvel::Engine;
 using Lines = std::vector<std::string>;
 
 const std::string kNs = " xmlns:ns0=\"http://schemas.arvant.com/Schemas/AvQuorvel/_2009_06/base\">";
@@ -59,13 +59,13 @@ protected:
         }
     }
     // A request that must fail with the code and a message holding part.
-    void refused(int32_t code, const std::string& part, const RequestHeaders& request,
+    void refused(FailureKind kind, const std::string& part, const RequestHeaders& request,
                  const std::string& body = "") {
         std::string response = "untouched";
         ServiceFailure failure;
         EXPECT_FALSE(engine.handle(request, body, response, failure)) << response;
         EXPECT_EQ(response, "untouched");
-        EXPECT_EQ(failure.code, code);
+        EXPECT_EQ(failure.kind, kind);
         EXPECT_NE(failure.message.find(part), std::string::npos) << failure.message;
     }
 
@@ -137,7 +137,7 @@ TEST_F(ServiceEngineTest, RefusedRequestsChangeNothing) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.message);
-        refused(protocolFailureCode, row.message, row.request, row.body);
+        refused(FailureKind::Refused, row.message, row.request, row.body);
     }
     EXPECT_EQ(ok("getSharedClients", "s", "c"), shared({}));
     EXPECT_EQ(ok("getEvents", "S", "b"), events({}));
@@ -153,13 +153,13 @@ TEST_F(LimitedEngineTest, EachLimitRefusesTheWholeRequest) {
     add("S", {"a", "b"});
     EXPECT_EQ(ok("getStatus", "", "", "12345678"), "12345678");
     for (const char* operation : {"getStatus", "putEvents"}) {
-        refused(limitFailureCode, "The request body of 9 bytes exceeds the limit of 8 bytes.",
+        refused(FailureKind::Limit, "The request body of 9 bytes exceeds the limit of 8 bytes.",
                 req(operation, "S", "a"), "123456789");
     }
     ok("putEvents", "S", "a", "1");
     ok("putEvents", "S", "a", "2");
     ok("registerClient", "S", "c");  // c's queue is empty, b's is full
-    refused(limitFailureCode, "client \"b\" of server \"S\" already has 2 events",
+    refused(FailureKind::Limit, "client \"b\" of server \"S\" already has 2 events",
             req("putEvents", "S", "a"), "3");
     EXPECT_EQ(ok("getEvents", "S", "c"), events({}));
     EXPECT_EQ(ok("getEvents", "S", "b"), events({"a|1|1", "a|2|2"}));
@@ -167,13 +167,13 @@ TEST_F(LimitedEngineTest, EachLimitRefusesTheWholeRequest) {
     EXPECT_EQ(ok("getEvents", "S", "b"), events({"a|3|3"}));
     ok("getEvents", "S", "c");
     ok("putEvents", "S", "b", "1234567");  // a and c hold 7 bytes of the 10 allowed
-    refused(limitFailureCode, "client \"a\" of server \"S\" already has 7 bytes",
+    refused(FailureKind::Limit, "client \"a\" of server \"S\" already has 7 bytes",
             req("putEvents", "S", "b"), "1234");
     ok("putEvents", "S", "b", "123");  // exactly at the limit
     EXPECT_EQ(ok("getEvents", "S", "a"), events({"b|4|1234567", "b|5|123"}));
     EXPECT_EQ(ok("getEvents", "S", "c"), events({"b|4|1234567", "b|5|123"}));
 
-    refused(limitFailureCode, "server \"S\" already has 3 clients",
+    refused(FailureKind::Limit, "server \"S\" already has 3 clients",
             req("registerClient", "S", "d"));
     EXPECT_EQ(ok("registerClient", "S", "c"), shared({"a", "b", "c"}));  // known: fine
     ok("registerClient", "T", "d");                                      // another server

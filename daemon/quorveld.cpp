@@ -11,11 +11,11 @@
 #include <iostream>
 #include <thread>
 
-#include "service/Daemon.h"
+#include "daemon/Daemon.h"
 
-using Arvant::Net::AvQuorvel::Service::Daemon;
-using Arvant::Net::AvQuorvel::Service::DaemonOptions;
-using Arvant::Net::AvQuorvel::Service::parseListenAddress;
+using Arvant::Net::AvQuorvel::Daemon::Daemon;
+using Arvant::Net::AvQuorvel::Daemon::DaemonOptions;
+using Arvant::Net::AvQuorvel::Daemon::parseListenAddress;
 
 int main(int argc, char** argv) {
     DaemonOptions options;

@@ -1,4 +1,6 @@
-#include "service/GuardedServer.h"
+#include "daemon/GuardedServer.h"
+
+#include "daemon/Refusals.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -16,7 +18,7 @@
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
-namespace Service {
+namespace Daemon {
 
 using Clock = std::chrono::steady_clock;
 
@@ -145,7 +147,7 @@ private:
     // lets the answer say why.
     void countLineBytes(const char* bytes, std::size_t count) {
         for (std::size_t i = 0; i < count; ++i) {
-            if (++lineBytes > headerLineBytes) {  // CR LF included, as the library counts
+            if (++lineBytes > kHeaderLineBytes) {  // CR LF included, as the library counts
                 trouble.headerLineTooLong = true;
             }
             if (bytes[i] == '\n') {
@@ -196,21 +198,13 @@ private:
 // once it has a request line) still gets a clear status.
 void answerUnreadable(socket_t sock, const RequestTrouble& trouble,
                       const ConnectionLimits& limits) {
-    std::string status;
-    std::string message;
-    if (trouble.headTooLong) {
-        status = "431 Request Header Fields Too Large";
-        message =
-            "The request head is longer than " + std::to_string(limits.maxHeadBytes) + " bytes.\n";
-    } else if (trouble.late) {
-        status = "408 Request Timeout";
-        message = "The request did not arrive within " + std::to_string(limits.requestTimeoutMs) +
-                  " ms.\n";
-    } else {
-        status = "408 Request Timeout";
-        message = "The client sent nothing for " + std::to_string(limits.readTimeoutMs) +
-                  " ms in the middle of its request.\n";
-    }
+    const Unreadable why = trouble.headTooLong ? Unreadable::HeadTooLong
+                           : trouble.late      ? Unreadable::Late
+                                               : Unreadable::Stalled;
+    const std::string status =
+        std::to_string(refusalStatus(why)) +
+        (why == Unreadable::HeadTooLong ? " Request Header Fields Too Large" : " Request Timeout");
+    const std::string message = refusalText(why, limits) + "\n";
     const std::string reply = "HTTP/1.1 " + status +
                               "\r\nConnection: close\r\nContent-Type: text/plain; "
                               "charset=utf-8\r\nContent-Length: " +
@@ -253,6 +247,17 @@ void GuardedServer::widenBacklog() {
     }
 }
 
+// Shutting the bound socket down makes the library's accept fail, which ends its
+// listening loop whether it is in it already or enters it later, so a stop never
+// waits for listening to begin.
+void GuardedServer::beginStop() {
+    stopping = true;
+    const socket_t sock = listeningSocket;
+    if (sock != INVALID_SOCKET) {
+        ::shutdown(sock, SHUT_RDWR);
+    }
+}
+
 bool GuardedServer::process_and_close_socket(socket_t sock) {
     ConnectionStream stream(sock, limits);
     currentStream = &stream;
@@ -290,7 +295,7 @@ bool GuardedServer::process_and_close_socket(socket_t sock) {
     return ok;
 }
 
-}  // namespace Service
+}  // namespace Daemon
 }  // namespace AvQuorvel
 }  // namespace Net
 }  // namespace Arvant

@@ -13,8 +13,8 @@
 //     idle for a moment (kept alive, or never sent anything) closes and gives
 //     its worker up, so silent clients cannot hold every worker.
 // The HTTP parsing stays the library's: this class only hands it the bytes.
-#ifndef AVQVL_SERVICE_GUARDEDSERVER_H
-#define AVQVL_SERVICE_GUARDEDSERVER_H
+#ifndef AVQVL_DAEMON_GUARDEDSERVER_H
+#define AVQVL_DAEMON_GUARDEDSERVER_H
 
 #include <httplib.h>
 
@@ -24,10 +24,10 @@
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
-namespace Service {
+namespace Daemon {
 
 // The longest head line the HTTP library reads (its build's header limit).
-constexpr std::size_t headerLineBytes = 8192;
+constexpr std::size_t kHeaderLineBytes = 8192;
 
 struct ConnectionLimits {
     long readTimeoutMs = 5000;
@@ -35,6 +35,7 @@ struct ConnectionLimits {
     long keepAliveMs = 5000;
     std::size_t keepAliveRequests = 1000;
     std::size_t maxHeadBytes = 64 * 1024;
+    std::size_t maxBodyBytes = 16 * 1024 * 1024;  // for the refusal texts only
 };
 
 // Why the request being read on this thread failed, if it did.
@@ -60,8 +61,9 @@ public:
     // Called once bound: the library listens with a backlog of 5, so a burst of
     // connections would wait a second for their SYN to be sent again.
     void widenBacklog();
-    // Idle connections close; stop() of the base then ends listening.
-    void beginStop() { stopping = true; }
+    // Idle connections close, busy ones after their answer, and listening ends
+    // (at once, or as soon as it starts). Safe from any thread.
+    void beginStop();
 
 private:
     bool process_and_close_socket(socket_t sock) override;
@@ -70,12 +72,12 @@ private:
     std::atomic<bool> stopping{false};
     // Accepted connections no worker has taken yet.
     std::atomic<long> waitingConnections{0};
-    socket_t listeningSocket = INVALID_SOCKET;
+    std::atomic<socket_t> listeningSocket{INVALID_SOCKET};
 };
 
-}  // namespace Service
+}  // namespace Daemon
 }  // namespace AvQuorvel
 }  // namespace Net
 }  // namespace Arvant
 
-#endif  // AVQVL_SERVICE_GUARDEDSERVER_H
+#endif  // AVQVL_DAEMON_GUARDEDSERVER_H

@@ -1,0 +1,97 @@
+#include "engine/Documents.h"
+
+#include <utility>
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Engine {
+
+const char* const kSchemaNamespace = "http://schemas.arvant.com/Schemas/AvQuorvel/_2009_06/base";
+
+namespace {
+const char* const kDeclaration = " xmlns:ns0=\"";
+
+const char* referenceFor(char c) {
+    switch (c) {
+        case '&':
+            return "&amp;";
+        case '<':
+            return "&lt;";
+        case '>':
+            return "&gt;";
+        case '%':
+            return "&#x25;";
+        case '"':
+            return "&quot;";
+        case '\'':
+            return "&apos;";
+        case '\n':
+            return "&#10;";
+        case '\t':
+            return "&#9;";
+        default:
+            return nullptr;
+    }
+}
+
+void openRoot(std::string& text, const char* name) {
+    text += "\n<ns0:";
+    text += name;
+    text += kDeclaration;
+    text += kSchemaNamespace;
+    text += "\">";
+}
+}  // namespace
+
+void appendEscaped(std::string& out, const std::string& text) {
+    out.reserve(out.size() + text.size());
+    for (char c : text) {
+        const char* reference = referenceFor(c);
+        if (reference == nullptr) {
+            out += c;
+        } else {
+            out += reference;
+        }
+    }
+}
+
+SharedClientsDocument::SharedClientsDocument() {
+    openRoot(text, "sharedClientIDs");
+}
+
+void SharedClientsDocument::add(const std::string& clientId) {
+    text += "<ns0:sharedClients>";
+    appendEscaped(text, clientId);
+    text += "</ns0:sharedClients>";
+}
+
+std::string SharedClientsDocument::finish() {
+    text += "</ns0:sharedClientIDs>";
+    return std::move(text);
+}
+
+EventsDocument::EventsDocument() {
+    openRoot(text, "events");
+}
+
+void EventsDocument::add(const std::string& sender, std::uint64_t sequence,
+                         const std::string& event) {
+    text += "\n<ns0:event sender=\"";
+    appendEscaped(text, sender);
+    text += "\" sequence=\"";
+    text += std::to_string(sequence);
+    text += "\">";
+    appendEscaped(text, event);
+    text += "</ns0:event>";
+}
+
+std::string EventsDocument::finish() {
+    text += "</ns0:events>";
+    return std::move(text);
+}
+
+}  // namespace Engine
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant

@@ -1,0 +1,55 @@
+// The two documents the service answers with, written by the engine itself so
+// that it shares no code with the client library that reads them:
+//
+//   \n<ns0:sharedClientIDs xmlns:ns0="U"><ns0:sharedClients>A</ns0:sharedClients>...
+//   </ns0:sharedClientIDs>
+//
+//   \n<ns0:events xmlns:ns0="U">
+//   \n<ns0:event sender="K" sequence="7">text</ns0:event>...</ns0:events>
+//
+// U is kSchemaNamespace. Identifiers, senders and event texts are escaped: "&",
+// "<", ">", "%", quotation mark, apostrophe, line feed and tab become
+// references. Each writer is used by one thread; nothing throws but bad_alloc.
+#ifndef AVQVL_ENGINE_DOCUMENTS_H
+#define AVQVL_ENGINE_DOCUMENTS_H
+
+#include <cstdint>
+#include <string>
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Engine {
+
+extern const char* const kSchemaNamespace;
+
+class SharedClientsDocument {
+public:
+    SharedClientsDocument();
+    void add(const std::string& clientId);
+    // The whole document; the writer is spent afterwards.
+    std::string finish();
+
+private:
+    std::string text;
+};
+
+class EventsDocument {
+public:
+    EventsDocument();
+    void add(const std::string& sender, std::uint64_t sequence, const std::string& event);
+    std::string finish();
+
+private:
+    std::string text;
+};
+
+// Appends text with the eight characters above replaced by references.
+void appendEscaped(std::string& out, const std::string& text);
+
+}  // namespace Engine
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_ENGINE_DOCUMENTS_H
