@@ -40,9 +40,7 @@ foreach(dir client util schemas)
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir}/
         DESTINATION ${AVQVL_INSTALL_INCLUDEDIR}/${dir}
         FILES_MATCHING PATTERN "*.h"
-        PATTERN "ReaderMemory.h" EXCLUDE        # internal to the library
-        PATTERN "CharacterBoundary.h" EXCLUDE   # internal to the library
-        PATTERN "internal" EXCLUDE)
+        PATTERN "internal" EXCLUDE)  # each room's private headers
 endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/transport/AvQvlBinding.h
     DESTINATION ${AVQVL_INSTALL_INCLUDEDIR}/transport)

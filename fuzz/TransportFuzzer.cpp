@@ -9,8 +9,8 @@
 #include <string>
 
 #include "fuzz/FuzzInput.h"
-#include "transport/Exchange.h"
-#include "transport/HeaderBlock.h"
+#include "transport/internal/Exchange.h"
+#include "transport/internal/HeaderBlock.h"
 
 using namespace Arvant::Net::AvQuorvel::Transport;
 

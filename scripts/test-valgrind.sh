@@ -10,7 +10,7 @@ build=${BUILD_DIR:-build}
 programs=(
     client/client_tests exceptions/exception_tests text/text_tests xml/xml_tests
     transport/TransportTest engine/ServiceEngineTest tools/tools_tests
-    hardening/hardening_parser_tests hardening/hardening_client_tests perf/perf_tests
+    hardening/hardening_parser_tests hardening/hardening_client_tests xml/xml_fast_path_tests
 )
 start=$(date +%s)
 failed=()

@@ -1,48 +1,11 @@
 #include "Json.h"
 
+#include <unicode/utf8.h>
+
+#include <cstdint>
 #include <cstdio>
 
 namespace Quorvel {
-
-namespace {
-
-// Length of the valid UTF-8 sequence starting at text[i], or 0 when the bytes
-// there do not form one (overlong forms, surrogates and values above U+10FFFF
-// included).
-size_t utf8SequenceLength(const std::string& text, size_t i) {
-    const auto byteAt = [&text](size_t k) { return static_cast<unsigned char>(text[k]); };
-    const unsigned char lead = byteAt(i);
-    size_t length;
-    unsigned char low = 0x80, high = 0xBF;  // allowed range of the second byte
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        if (lead == 0xE0)
-            low = 0xA0;
-        if (lead == 0xED)
-            high = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        if (lead == 0xF0)
-            low = 0x90;
-        if (lead == 0xF4)
-            high = 0x8F;
-    } else {
-        return 0;
-    }
-    if (i + length > text.size())
-        return 0;
-    if (byteAt(i + 1) < low || byteAt(i + 1) > high)
-        return 0;
-    for (size_t k = 2; k < length; ++k) {
-        if (byteAt(i + k) < 0x80 || byteAt(i + k) > 0xBF)
-            return 0;
-    }
-    return length;
-}
-
-}  // namespace
 
 std::string jsonQuote(const std::string& text) {
     std::string out;
@@ -52,13 +15,20 @@ std::string jsonQuote(const std::string& text) {
     while (i < text.size()) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
         if (c >= 0x80) {
-            const size_t length = utf8SequenceLength(text, i);
-            if (length == 0) {
+            // ICU's strict reading: overlong forms, surrogates and values above
+            // U+10FFFF are not UTF-8. Each byte that starts no character becomes
+            // one U+FFFD.
+            const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+            const int64_t length = static_cast<int64_t>(text.size());
+            int64_t next = static_cast<int64_t>(i);
+            UChar32 decoded;
+            U8_NEXT(bytes, next, length, decoded);
+            if (decoded < 0) {
                 out += "\xEF\xBF\xBD";  // U+FFFD REPLACEMENT CHARACTER
                 ++i;
             } else {
-                out.append(text, i, length);
-                i += length;
+                out.append(text, i, static_cast<size_t>(next) - i);
+                i = static_cast<size_t>(next);
             }
             continue;
         }

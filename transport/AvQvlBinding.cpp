@@ -8,8 +8,8 @@
 #include <exception>
 #include <string>
 
-#include "transport/Backend.h"
-#include "transport/Exchange.h"
+#include "transport/internal/Backend.h"
+#include "transport/internal/Exchange.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include <memory>
 
-#include "transport/Backend.h"
-#include "transport/HttpBackend.h"
+#include "transport/internal/Backend.h"
+#include "transport/internal/HttpBackend.h"
 
 namespace Arvant {
 namespace Net {

@@ -1,7 +1,7 @@
 // The default backend: the reference service engine running inside the process.
 // One engine serves every connection and thread of the process.
 #include "engine/ServiceEngine.h"
-#include "transport/Backend.h"
+#include "transport/internal/Backend.h"
 
 namespace Arvant {
 namespace Net {

@@ -1,9 +1,9 @@
-#include "transport/Exchange.h"
+#include "transport/internal/Exchange.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "transport/HeaderBlock.h"
+#include "transport/internal/HeaderBlock.h"
 
 namespace Arvant {
 namespace Net {

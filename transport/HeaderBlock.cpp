@@ -1,4 +1,4 @@
-#include "transport/HeaderBlock.h"
+#include "transport/internal/HeaderBlock.h"
 
 #include <string_view>
 

@@ -1,4 +1,4 @@
-#include "transport/HttpBackend.h"
+#include "transport/internal/HttpBackend.h"
 
 #include <curl/curl.h>
 

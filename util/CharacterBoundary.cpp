@@ -1,4 +1,4 @@
-#include "util/CharacterBoundary.h"
+#include "util/internal/CharacterBoundary.h"
 
 namespace Arvant {
 namespace Net {

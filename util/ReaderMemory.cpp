@@ -1,4 +1,4 @@
-#include "util/ReaderMemory.h"
+#include "util/internal/ReaderMemory.h"
 
 #include <xercesc/util/OutOfMemoryException.hpp>
 #include <xercesc/util/PlatformUtils.hpp>
@@ -73,8 +73,6 @@ void releaseChunk(char* chunk) {
     }
 }
 }  // namespace
-
-const bool ReaderMemory::kChunked = AVQVL_READER_MEMORY_CHUNKS != 0;
 
 ReaderMemory::ReaderMemory() : top(nullptr), limit(nullptr) {}
 

@@ -14,7 +14,7 @@
 #include <memory>
 #include <utility>
 
-#include "util/ReaderMemory.h"
+#include "util/internal/ReaderMemory.h"
 
 namespace Arvant {
 namespace Net {

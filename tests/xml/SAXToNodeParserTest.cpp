@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "support/TreeText.h"
-#include "util/ReaderMemory.h"
+#include "util/internal/ReaderMemory.h"
 #include "util/SAXToNodeParser.h"
 
 using namespace Arvant::Net::AvQuorvel::Util;

@@ -1,11 +1,11 @@
 // Reading of the header block a client sends first: lines of name "=" value
 // CR LF, closed by an empty line (CR LF) with nothing after it.
-#ifndef AVQVL_TRANSPORT_HEADERBLOCK_H
-#define AVQVL_TRANSPORT_HEADERBLOCK_H
+#ifndef AVQVL_TRANSPORT_INTERNAL_HEADERBLOCK_H
+#define AVQVL_TRANSPORT_INTERNAL_HEADERBLOCK_H
 
 #include <string>
 
-#include "transport/Backend.h"
+#include "transport/internal/Backend.h"
 
 namespace Arvant {
 namespace Net {
@@ -22,4 +22,4 @@ bool parseHeaderBlock(const std::string& block, HeaderFields& fields, std::strin
 }  // namespace Net
 }  // namespace Arvant
 
-#endif  // AVQVL_TRANSPORT_HEADERBLOCK_H
+#endif  // AVQVL_TRANSPORT_INTERNAL_HEADERBLOCK_H

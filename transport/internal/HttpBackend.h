@@ -10,13 +10,13 @@
 // connection broke during the exchange -2997, the service refused the request
 // -3017 (its own message), a limit -3016, any other answer -3099 with the HTTP
 // status and the service's message.
-#ifndef AVQVL_TRANSPORT_HTTPBACKEND_H
-#define AVQVL_TRANSPORT_HTTPBACKEND_H
+#ifndef AVQVL_TRANSPORT_INTERNAL_HTTPBACKEND_H
+#define AVQVL_TRANSPORT_INTERNAL_HTTPBACKEND_H
 
 #include <memory>
 #include <string>
 
-#include "transport/Backend.h"
+#include "transport/internal/Backend.h"
 
 namespace Arvant {
 namespace Net {
@@ -43,4 +43,4 @@ std::unique_ptr<Backend> makeHttpBackend(const HttpSettings& settings);
 }  // namespace Net
 }  // namespace Arvant
 
-#endif  // AVQVL_TRANSPORT_HTTPBACKEND_H
+#endif  // AVQVL_TRANSPORT_INTERNAL_HTTPBACKEND_H

@@ -10,14 +10,14 @@
 // block is also reported by the Receive that follows its SendEOF. Text sent while
 // a response is still being handed out starts a new exchange: the client gave
 // the old one up.
-#ifndef AVQVL_TRANSPORT_EXCHANGE_H
-#define AVQVL_TRANSPORT_EXCHANGE_H
+#ifndef AVQVL_TRANSPORT_INTERNAL_EXCHANGE_H
+#define AVQVL_TRANSPORT_INTERNAL_EXCHANGE_H
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-#include "transport/Backend.h"
+#include "transport/internal/Backend.h"
 
 namespace Arvant {
 namespace Net {
@@ -69,4 +69,4 @@ private:
 }  // namespace Net
 }  // namespace Arvant
 
-#endif  // AVQVL_TRANSPORT_EXCHANGE_H
+#endif  // AVQVL_TRANSPORT_INTERNAL_EXCHANGE_H

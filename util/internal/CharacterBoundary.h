@@ -4,8 +4,8 @@
 // and closes it when destroyed. Nothing here throws but std::bad_alloc.
 //
 // Internal to the library: not installed, not exported.
-#ifndef AVQVL_UTIL_CHARACTERBOUNDARY_H
-#define AVQVL_UTIL_CHARACTERBOUNDARY_H
+#ifndef AVQVL_UTIL_INTERNAL_CHARACTERBOUNDARY_H
+#define AVQVL_UTIL_INTERNAL_CHARACTERBOUNDARY_H
 
 #include <unicode/ucnv.h>
 
@@ -40,4 +40,4 @@ private:
 }  // namespace Net
 }  // namespace Arvant
 
-#endif  // AVQVL_UTIL_CHARACTERBOUNDARY_H
+#endif  // AVQVL_UTIL_INTERNAL_CHARACTERBOUNDARY_H

@@ -5,21 +5,24 @@
 // the XML library's own manager, so a parse holds at most kChunkLimit bytes
 // more than it would with that manager alone.
 //
-// Internal to the library: not installed, not exported.
-#ifndef AVQVL_UTIL_READERMEMORY_H
-#define AVQVL_UTIL_READERMEMORY_H
+// Internal to the library: not installed; exported only so that its tests can
+// reach it in the shared library.
+#ifndef AVQVL_UTIL_INTERNAL_READERMEMORY_H
+#define AVQVL_UTIL_INTERNAL_READERMEMORY_H
 
 #include <xercesc/framework/MemoryManager.hpp>
 
 #include <cstddef>
 #include <vector>
 
+#include "util/Export.h"
+
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
 namespace Util {
 
-class ReaderMemory : public xercesc::MemoryManager {
+class AVQVL_EXPORT ReaderMemory : public xercesc::MemoryManager {
 public:
     ReaderMemory();
     // Every reader that used this memory must be destroyed first.
@@ -37,9 +40,6 @@ public:
     // Every reader that used this memory must be destroyed first.
     void reset();
 
-    // False under AddressSanitizer: every block then comes from the heap, so that
-    // the sanitizer sees each of the reader's blocks on its own.
-    static const bool kChunked;
     static const std::size_t kChunkSize = 16 * 1024;
     static const std::size_t kChunkLimit = 16 * kChunkSize;
     static const std::size_t kLargestChunkedBlock = 2 * 1024;
@@ -58,4 +58,4 @@ private:
 }  // namespace Net
 }  // namespace Arvant
 
-#endif  // AVQVL_UTIL_READERMEMORY_H
+#endif  // AVQVL_UTIL_INTERNAL_READERMEMORY_H

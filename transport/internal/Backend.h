@@ -2,8 +2,8 @@
 // (header fields and body, UTF-8) and answers it. The AvQvl_ state machine in
 // AvQvlBinding.cpp knows only this interface; the embedded service is the
 // default; QUORVEL_URL selects the HTTP backend instead (BackendSelection.cpp).
-#ifndef AVQVL_TRANSPORT_BACKEND_H
-#define AVQVL_TRANSPORT_BACKEND_H
+#ifndef AVQVL_TRANSPORT_INTERNAL_BACKEND_H
+#define AVQVL_TRANSPORT_INTERNAL_BACKEND_H
 
 #include <cstddef>
 #include <cstdint>
@@ -49,4 +49,4 @@ Backend& embeddedBackend();
 }  // namespace Net
 }  // namespace Arvant
 
-#endif  // AVQVL_TRANSPORT_BACKEND_H
+#endif  // AVQVL_TRANSPORT_INTERNAL_BACKEND_H
