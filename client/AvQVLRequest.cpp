@@ -8,7 +8,7 @@
 
 #include "client/Exception.h"
 #include "transport/AvQvlBinding.h"
-#include "util/CharacterBoundary.h"
+#include "util/internal/CharacterBoundary.h"
 #include "util/Utf8.h"
 #include "util/internal/Utf8InPlace.h"
 
