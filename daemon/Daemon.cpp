@@ -156,20 +156,20 @@ void Daemon::Impl::configure() {
         }
         return httplib::Server::HandlerResponse::Unhandled;
     });
-    server.Post(Wire::exchangePath,
+    server.Post(Wire::kExchangePath,
                 [this](const httplib::Request& req, httplib::Response& res,
                        const httplib::ContentReader& reader) { exchange(req, res, reader); });
     const auto wrongMethod = [](const httplib::Request& req, httplib::Response& res) {
         res.set_header("Allow", "POST");
         answer(res, 405,
-               "Method " + req.method + " is not allowed on " + Wire::exchangePath +
+               "Method " + req.method + " is not allowed on " + Wire::kExchangePath +
                    "; an exchange is a POST.");
     };
-    server.Get(Wire::exchangePath, wrongMethod);
-    server.Put(Wire::exchangePath, wrongMethod);
-    server.Patch(Wire::exchangePath, wrongMethod);
-    server.Delete(Wire::exchangePath, wrongMethod);
-    server.Options(Wire::exchangePath, wrongMethod);
+    server.Get(Wire::kExchangePath, wrongMethod);
+    server.Put(Wire::kExchangePath, wrongMethod);
+    server.Patch(Wire::kExchangePath, wrongMethod);
+    server.Delete(Wire::kExchangePath, wrongMethod);
+    server.Options(Wire::kExchangePath, wrongMethod);
 
     // Answers the library produced itself (unknown path, malformed request,
     // body over the limit) get a message like every other error.
@@ -208,7 +208,7 @@ httplib::Server::HandlerResponse Daemon::Impl::explainError(const httplib::Reque
         message = refusalText(Unreadable::BodyTooLong, limits);
     } else if (res.status == 404) {
         message = "There is nothing at " + req.path + "; an exchange is a POST to " +
-                  Wire::exchangePath + ".";
+                  Wire::kExchangePath + ".";
     } else if (res.status == 414) {
         message = "The request line is too long.";
     } else {
@@ -221,11 +221,11 @@ httplib::Server::HandlerResponse Daemon::Impl::explainError(const httplib::Reque
 
 bool Daemon::Impl::readFields(const httplib::Request& req, RequestHeaders& fields,
                               std::string& problem) {
-    const std::size_t count = req.get_header_value_count(Wire::fieldHeaderName);
+    const std::size_t count = req.get_header_value_count(Wire::kFieldHeaderName);
     for (std::size_t i = 0; i < count; ++i) {
         std::string name;
         std::string value;
-        if (!Wire::decodeField(req.get_header_value(Wire::fieldHeaderName, i), name, value,
+        if (!Wire::decodeField(req.get_header_value(Wire::kFieldHeaderName, i), name, value,
                                problem)) {
             return false;
         }
@@ -310,7 +310,7 @@ void Daemon::Impl::writeLog(const httplib::Request& req, const httplib::Response
                   .count()
             : 0;
     std::string line;
-    if (req.path == Wire::exchangePath && req.method == "POST") {
+    if (req.path == Wire::kExchangePath && req.method == "POST") {
         line = "exchange op=" + printable(record.operation) +
                " server=" + printable(record.server) + " client=" + printable(record.client);
     } else {

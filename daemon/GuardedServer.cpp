@@ -24,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr long stopCheckMs = 50;  // how often an idle connection looks for a stop or a queue
+constexpr long kStopCheckMs = 50;  // how often an idle connection looks for a stop or a queue
 
 // The library's pool, counting the connections that wait for a worker.
 class CountingPool : public httplib::TaskQueue {
@@ -269,8 +269,8 @@ bool GuardedServer::process_and_close_socket(socket_t sock) {
         bool arrived = stream.hasBufferedBytes();
         for (long waited = 0; !arrived && waited < limits.keepAliveMs && !stopping &&
                               (waited == 0 || waitingConnections.load() == 0);
-             waited += stopCheckMs) {
-            arrived = waitFor(sock, POLLIN, std::min(stopCheckMs, limits.keepAliveMs - waited));
+             waited += kStopCheckMs) {
+            arrived = waitFor(sock, POLLIN, std::min(kStopCheckMs, limits.keepAliveMs - waited));
         }
         if (!arrived) {
             break;

@@ -1,5 +1,5 @@
 // The reference Quorvel service: takes one request (header fields and body, both
-// UTF-8) and returns the response text or a failure carrying a transport code.
+// UTF-8) and returns the response text or a failure of a kind (refused, limit).
 //
 // Clients are grouped by "Server-ID"; a client is the pair (Server-ID, Client-ID).
 // Operations ("Operation-Name"):

@@ -21,8 +21,8 @@ const char* const kServer = "demo-server";
 const char* const kLocale = "en-GB";
 
 // One client of the scenario. Every participant's connection lives until the
-// end of the demo: destroying a connection ends the XML library for the whole
-// process, and the listing of events needs it.
+// end of the demo: the listing of events parses with the XML library, which is
+// up only while some connection lives.
 struct Participant {
     std::string name;
     AvQVLConnection connection;

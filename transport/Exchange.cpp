@@ -55,10 +55,10 @@ int32_t Exchange::sendText(const char* text, std::string& error) {
             phase = Phase::headers;
             [[fallthrough]];
         case Phase::headers:
-            if (headerText.size() + length > maxHeaderBlockBytes) {
+            if (headerText.size() + length > kMaxHeaderBlockBytes) {
                 return fail(AVQVL_LIMIT,
                             "The header block is longer than " +
-                                std::to_string(maxHeaderBlockBytes) + " bytes.",
+                                std::to_string(kMaxHeaderBlockBytes) + " bytes.",
                             error);
             }
             headerText.append(text, length);

@@ -20,8 +20,8 @@ using Wire::transportCodeForStatus;
 
 // The daemon decides the real body limit (it answers 413); this one only keeps
 // a runaway caller from buffering without end before anything is sent.
-constexpr std::size_t maxRequestBodyBytes = 256 * 1024 * 1024;
-constexpr std::size_t maxResponseBytes = 1024 * 1024 * 1024;
+constexpr std::size_t kMaxRequestBodyBytes = 256 * 1024 * 1024;
+constexpr std::size_t kMaxResponseBytes = 1024 * 1024 * 1024;
 
 bool readMilliseconds(const char* variable, long& value, std::string& problem) {
     const char* text = std::getenv(variable);
@@ -78,7 +78,7 @@ struct Collector {
 size_t collect(char* data, size_t size, size_t count, void* context) {
     Collector& collector = *static_cast<Collector*>(context);
     const size_t length = size * count;
-    if (collector.bytes->size() + length > maxResponseBytes) {
+    if (collector.bytes->size() + length > kMaxResponseBytes) {
         collector.overflow = true;
         return 0;  // libcurl stops with CURLE_WRITE_ERROR
     }
@@ -126,10 +126,10 @@ class HttpBackend : public Backend {
 public:
     explicit HttpBackend(const HttpSettings& settings)
         : settings(settings),
-          endpoint(baseUrl(settings.url) + Wire::exchangePath),
+          endpoint(baseUrl(settings.url) + Wire::kExchangePath),
           noProxy(noProxyList()) {}
 
-    std::size_t maxBodyBytes() const override { return maxRequestBodyBytes; }
+    std::size_t maxBodyBytes() const override { return kMaxRequestBodyBytes; }
 
     bool exchange(const HeaderFields& headers, const std::string& body, std::string& response,
                   BackendFailure& failure) override {
@@ -149,7 +149,7 @@ public:
         CurlList lines;
         for (const auto& field : headers) {
             const std::string line =
-                std::string(Wire::fieldHeaderName) + ": " + encodeField(field.first, field.second);
+                std::string(Wire::kFieldHeaderName) + ": " + encodeField(field.first, field.second);
             if (line.size() > Wire::kMaxFieldLineBytes) {
                 return fail(failure, AVQVL_LIMIT,
                             "The header field \"" + field.first +
@@ -243,7 +243,7 @@ private:
                 if (overflow) {
                     return fail(failure, AVQVL_LIMIT,
                                 "The answer of " + where + " is longer than " +
-                                    std::to_string(maxResponseBytes) + " bytes.");
+                                    std::to_string(kMaxResponseBytes) + " bytes.");
                 }
                 break;
             case CURLE_OUT_OF_MEMORY:

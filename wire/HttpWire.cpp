@@ -5,8 +5,8 @@ namespace Net {
 namespace AvQuorvel {
 namespace Wire {
 
-const char* const exchangePath = "/quorvel/v1/exchange";
-const char* const fieldHeaderName = "Quorvel-Field";
+const char* const kExchangePath = "/quorvel/v1/exchange";
+const char* const kFieldHeaderName = "Quorvel-Field";
 
 namespace {
 

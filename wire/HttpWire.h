@@ -40,8 +40,8 @@ namespace Net {
 namespace AvQuorvel {
 namespace Wire {
 
-extern const char* const exchangePath;     // "/quorvel/v1/exchange"
-extern const char* const fieldHeaderName;  // "Quorvel-Field"
+extern const char* const kExchangePath;     // "/quorvel/v1/exchange"
+extern const char* const kFieldHeaderName;  // "Quorvel-Field"
 
 // The daemon reads header lines of at most 8192 bytes; a field whose line would
 // be longer cannot travel and is refused by the client before anything is sent.

@@ -24,7 +24,7 @@ namespace Net {
 namespace AvQuorvel {
 namespace Transport {
 
-constexpr std::size_t maxHeaderBlockBytes = 64 * 1024;
+constexpr std::size_t kMaxHeaderBlockBytes = 64 * 1024;
 
 class Exchange {
 public:
