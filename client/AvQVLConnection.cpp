@@ -8,7 +8,6 @@
 #include <istream>
 #include <mutex>
 #include <streambuf>
-#include <string_view>
 
 #include "client/AvQVLRequest.h"
 #include "client/Exception.h"
@@ -27,7 +26,12 @@ using Util::SAXToNodeParser;
 using Util::XMLNode;
 
 const char* const kNotRegistered = "Client not Registered with Quorvel";
-const char* const kStatusText = "AvQVL Status check";
+// The bodies of the operations that send a fixed text; made once, not per call.
+const std::string kStatusText = "AvQVL Status check";
+const std::string kRegisterText = "AvQVL register client";
+const std::string kUnregisterText = "AvQVL unregister client";
+const std::string kGetEventsText = "Get Events Request";
+const std::string kGetClientsText = "AvQVL getClients Operation";
 
 // The XML library stays initialised while at least one connection, copies
 // included, is alive: a single process-wide flag would end it under the feet
@@ -58,15 +62,15 @@ void releaseXmlLibrary() {
 // fails (the default pbackfail) instead of storing it.
 class TerminatedTextBuffer : public std::streambuf {
 public:
-    explicit TerminatedTextBuffer(std::string_view text) {
-        char* begin = const_cast<char*>(text.data());
+    explicit TerminatedTextBuffer(const std::string& text) {
+        char* begin = const_cast<char*>(text.c_str());
         setg(begin, begin, begin + text.size() + 1);
     }
 };
 
 // Sends `body` and the NUL byte after it as the request body, the bytes an
 // std::istringstream of body + '\0' would give without copying them twice.
-std::string sendWithBody(AvQVLRequest& request, std::string_view body) {
+std::string sendWithBody(AvQVLRequest& request, const std::string& body) {
     TerminatedTextBuffer buffer(body);
     std::istream stream(&buffer);
     request.setRequestStream(&stream);
@@ -150,7 +154,7 @@ void AvQVLConnection::setRequestHeader(AvQVLRequest& request, const char* operat
 }
 
 std::string AvQVLConnection::exchange(Precondition precondition, const char* operationName,
-                                      const char* logCorrelationId, std::string_view body) {
+                                      const char* logCorrelationId, const std::string& body) {
     if (precondition != Precondition::None && !isClientRegistered()) {
         if (precondition == Precondition::RegisteredThrowsPointer) {
             throw new AvQVLProtocolException(-2, kNotRegistered);  // the handler owns it
@@ -181,14 +185,14 @@ void AvQVLConnection::registerClient(std::string& serverId, std::string& clientI
     this->clientId = clientId;
     this->locale = locale;
     appendSharedClients(exchange(Precondition::None, "registerClient",
-                                 "AvQVLConnection.registerClient", "AvQVL register client"),
+                                 "AvQVLConnection.registerClient", kRegisterText),
                         sharedClients);
 }
 
 void AvQVLConnection::unregisterClient(std::vector<std::string>& sharedClients) {
     try {
         appendSharedClients(exchange(Precondition::None, "unregisterClient",
-                                     "AvQVLConnection.unregisterClient", "AvQVL unregister client"),
+                                     "AvQVLConnection.unregisterClient", kUnregisterText),
                             sharedClients);
     } catch (const Exception& e) {
         // A failure of the client side still unregisters; the caller sees it
@@ -204,8 +208,8 @@ void AvQVLConnection::unregisterClient(std::vector<std::string>& sharedClients) 
 
 void AvQVLConnection::getEvents(std::string& events, std::vector<std::string>& sharedClients,
                                 std::string& logCorrelationId) {
-    events = exchange(Precondition::Registered, "getEvents", logCorrelationId.c_str(),
-                      "Get Events Request");
+    events =
+        exchange(Precondition::Registered, "getEvents", logCorrelationId.c_str(), kGetEventsText);
     sharedClients.clear();
     getSharedClients(sharedClients);  // a second, complete exchange
 }
@@ -219,7 +223,7 @@ void AvQVLConnection::putEvents(std::string& events, std::vector<std::string>& s
 
 void AvQVLConnection::getSharedClients(std::vector<std::string>& sharedClients) {
     appendSharedClients(exchange(Precondition::RegisteredThrowsPointer, "getSharedClients",
-                                 "AvQVLConnection.getSharedClients", "AvQVL getClients Operation"),
+                                 "AvQVLConnection.getSharedClients", kGetClientsText),
                         sharedClients);
 }
 

@@ -19,7 +19,6 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "util/Export.h"
@@ -60,10 +59,9 @@ private:
     void setRequestHeader(AvQVLRequest& request, const char* operationName,
                           const char* logCorrelationId, bool includeClientIds);
     // The exchange every registered-client operation runs; returns the response.
-    // `body` must be followed in memory by a NUL byte, which is sent with it
-    // (string literals and std::string data are).
+    // The body goes out with the NUL byte that ends it.
     std::string exchange(Precondition precondition, const char* operationName,
-                         const char* logCorrelationId, std::string_view body);
+                         const char* logCorrelationId, const std::string& body);
 
     std::string serverId;
     std::string clientId;
