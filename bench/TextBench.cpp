@@ -152,6 +152,32 @@ void BM_scanDocument(benchmark::State& state) {
 BENCHMARK(BM_parseSharedClients)->Arg(1)->Arg(10)->Arg(1000)->Arg(100000);
 BENCHMARK(BM_scanDocument)->Arg(1)->Arg(10)->Arg(1000)->Arg(100000);
 
+// A document of `levels` elements, each the only child of the one before (deep)
+// or all children of the root (flat): the same bytes in another order.
+std::string elementsDocument(std::size_t levels, bool deep) {
+    const std::string open = "<ns0:a>", close = "</ns0:a>";
+    std::string document = "<ns0:r xmlns:ns0=\"urn:x\">";
+    for (std::size_t i = 1; i < levels; ++i) {
+        document += deep ? open : open + close;
+    }
+    for (std::size_t i = 1; deep && i < levels; ++i) {
+        document += close;
+    }
+    return document + "</ns0:r>";
+}
+
+// The deepest answer the parser takes, against the flat one of the same size.
+void BM_parseNested(benchmark::State& state) {
+    const std::string document = elementsDocument(state.range(0), state.range(1) != 0);
+    for (auto _ : state) {
+        SAXToNodeParser parser;
+        benchmark::DoNotOptimize(parser.parseString(document));
+    }
+    setBytes(state, document.size());
+}
+
+BENCHMARK(BM_parseNested)->ArgNames({"levels", "deep"})->Args({10000, 1})->Args({10000, 0});
+
 }  // namespace
 
 // The conversions follow ICU's default converter, which follows the locale on

@@ -56,6 +56,7 @@ SAXToNodeParser::SAXToNodeParser()
       reader(nullptr),
       asciiKept(false),
       parsing(false),
+      depth(0),
       lastUri(nullptr),
       defaultedCharacters(0) {}
 
@@ -150,6 +151,7 @@ void SAXToNodeParser::discardTree() {
     delete root;
     root = nullptr;
     current = nullptr;
+    depth = 0;
 }
 
 // The reader runs with the XML library's defaults except where those let a
@@ -249,6 +251,7 @@ void SAXToNodeParser::endElement(const XMLCh* /*uri*/, const XMLCh* /*localname*
                                  const XMLCh* /*qname*/) {
     if (current != nullptr) {
         current = current->parent;
+        --depth;
     } else {
         std::cerr << "End element called when not inside one!" << std::endl;
     }
@@ -275,6 +278,12 @@ void SAXToNodeParser::startElement(const XMLCh* uri, const XMLCh* localname, con
                            "' arrived after the root element was closed");
     }
 
+    if (depth == kMaxElementDepth) {
+        throw DomException("Element '" + name + "' of XML Document '" + documentName +
+                           "' is nested more than " + std::to_string(kMaxElementDepth) +
+                           " levels deep.\n");
+    }
+
     std::unique_ptr<XMLNode> node(new XMLNode());
     node->localName = std::move(name);
     // Nearly every element of a document shares its namespace with the one before.
@@ -297,6 +306,7 @@ void SAXToNodeParser::startElement(const XMLCh* uri, const XMLCh* localname, con
         current->children.push_back(node.get());
         current = node.release();
     }
+    ++depth;
 }
 
 void SAXToNodeParser::internalEntityDecl(const XMLCh* name, const XMLCh* value) {

@@ -1,6 +1,14 @@
 // Builds an XMLNode tree from one document with the XML library's SAX2 reader.
 // The XML library must be initialised for the whole parse. The returned root
 // stays owned by the parser until it is destroyed or parses again.
+//
+// A document may nest elements at most kMaxElementDepth levels deep (the root is
+// level 1); a deeper one ends in DomException naming the bound, as soon as its
+// first element past the bound starts. The bound is what keeps the parse's time
+// in proportion to the document's size: the XML library resolves each
+// element's namespace by looking through every element open around it, so an
+// element costs up to kMaxElementDepth steps. Parser and tree are used by one
+// thread at a time; distinct parsers may run on distinct threads.
 #ifndef AVQVL_UTIL_SAXTONODEPARSER_H
 #define AVQVL_UTIL_SAXTONODEPARSER_H
 
@@ -8,6 +16,7 @@
 #include <xercesc/sax2/SAX2XMLReader.hpp>
 
 #include <atomic>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <string>
@@ -21,6 +30,8 @@ namespace AvQuorvel {
 namespace Util {
 
 class ReaderMemory;
+
+constexpr std::size_t kMaxElementDepth = 10000;
 
 class AVQVL_EXPORT SAXToNodeParser : public xercesc::DefaultHandler {
 public:
@@ -92,6 +103,9 @@ private:
     // Set at the start of each parse from libraryKeepsAscii(); false outside one.
     bool asciiKept;
     bool parsing;
+    // Elements open in the tree being built: the length of the chain from
+    // current up to the root.
+    std::size_t depth;
     // The namespace URI of the last start tag and its conversion. The reader hands
     // out each URI from its string pool, at one address for the whole parse.
     const XMLCh* lastUri;

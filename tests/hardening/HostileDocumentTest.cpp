@@ -95,3 +95,45 @@ TEST(HostileDocumentTest, NothingExternalIsOpenedAndExpansionIsBounded) {
     EXPECT_EQ(openings, 1);
     xercesc::XMLPlatformUtils::Terminate();
 }
+
+static std::string nested(std::size_t levels, const std::string& rootAttributes = "") {
+    return "<r" + rootAttributes + ">" + repeat("<a>", static_cast<int>(levels - 1)) +
+           repeat("</a>", static_cast<int>(levels - 1)) + "</r>";
+}
+
+// Depth is bounded: up to the bound a document parses and is freed;
+// beyond it the parse ends in DomException naming the bound, never in a crash.
+TEST(HostileDocumentTest, NestingIsBoundedAndDeepTreesNeverRecurse) {
+    xercesc::XMLPlatformUtils::Initialize();
+    SAXToNodeParser parser;
+    const XMLNode* node = parser.parseString(nested(kMaxElementDepth, " xmlns='urn:x'"));
+    std::size_t levels = 0;
+    for (; node != nullptr; node = node->children.empty() ? nullptr : node->children[0]) {
+        EXPECT_EQ(node->uri, "urn:x");
+        ++levels;
+    }
+    EXPECT_EQ(levels, kMaxElementDepth);
+    for (std::size_t deeper : {kMaxElementDepth + 1, std::size_t{200000}}) {
+        try {
+            parser.parseString(nested(deeper));
+            ADD_FAILURE() << deeper << " levels parsed";
+        } catch (const DomException& e) {
+            EXPECT_NE(e.getMessage().find("nested more than 10000 levels deep"), std::string::npos)
+                << e.getMessage();
+        }
+    }
+    // The parser is whole after a refusal.
+    EXPECT_EQ(treeText(*parser.parseString("<r><c/></r>")), "<{}r>|<{}c>|</></>");
+    xercesc::XMLPlatformUtils::Terminate();
+
+    // Trees built by hand may be deeper still; null children are skipped.
+    XMLNode* chain = new XMLNode();
+    XMLNode* tip = chain;
+    for (int i = 0; i < 1000000; ++i) {
+        tip->children.push_back(nullptr);
+        tip->children.push_back(new XMLNode());
+        tip->children.back()->parent = tip;
+        tip = tip->children.back();
+    }
+    delete chain;
+}

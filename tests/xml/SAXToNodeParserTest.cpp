@@ -12,8 +12,8 @@
 #include <thread>
 
 #include "support/TreeText.h"
-#include "util/internal/ReaderMemory.h"
 #include "util/SAXToNodeParser.h"
+#include "util/internal/ReaderMemory.h"
 
 using namespace Arvant::Net::AvQuorvel::Util;
 using xercesc::SAXParseException;
@@ -58,6 +58,11 @@ TEST(SAXToNodeParserTest, BuildsTheTreeOfXMLNodes) {
     EXPECT_EQ(out.str(), "<r>\n  <a>\n  </a>\n  <b>\n  </b>\n</r>\n");
     root->children.insert(root->children.begin(), nullptr);  // skipped when deleted
     root->children[1]->children.push_back(new XMLNode());    // three levels to free
+    root->children[1]->children.back()->localName = "c";
+    std::ostringstream nested;
+    root->print(nested, "> ");
+    EXPECT_EQ(nested.str(),
+              "> <r>\n>   <a>\n>     <c>\n>     </c>\n>   </a>\n>   <b>\n>   </b>\n> </r>\n");
 }
 
 template <typename Action>
