@@ -1,7 +1,9 @@
-// The version of AvQvlCppBinding. This header is its one home: the build reads
-// the three numbers from here for the CMake package, the pkg-config file and
-// the libraries' file names, so they all agree with what an application
-// compiles against. Plain macros, usable from C and C++ and in #if.
+/// @file
+/// The version of AvQvlCppBinding. This header is its one home: the build reads
+/// the three numbers from here for the CMake package, the pkg-config file and
+/// the libraries' file names, so they all agree with what an application
+/// compiles against. Plain macros, usable from C and C++ and in preprocessor
+/// conditions.
 #ifndef AVQVL_CLIENT_VERSION_H
 #define AVQVL_CLIENT_VERSION_H
 
@@ -13,7 +15,7 @@
 #define AVQVL_VERSION_PATCH 0
 /// The three numbers as "MAJOR.MINOR.PATCH", e.g. for `quorvel --version`.
 #define AVQVL_VERSION_STRING "0.1.0"
-/// One number that grows with each release, for comparisons in #if:
+/// One number that grows with each release, for comparisons in preprocessor conditions:
 /// MAJOR * 10000 + MINOR * 100 + PATCH.
 #define AVQVL_VERSION_NUMBER \
     (AVQVL_VERSION_MAJOR * 10000 + AVQVL_VERSION_MINOR * 100 + AVQVL_VERSION_PATCH)

@@ -230,7 +230,10 @@ int run(int argc, char** argv) {
         if (look.hasCommand && commandName == nullptr) {
             message = "unknown command \"" + look.command + "\"; the commands are " +
                       commandList() + " (quorvel --help)";
-        } else if (commandName != nullptr && std::strcmp(commandName, "put") == 0) {
+        } else if (commandName != nullptr && std::strcmp(commandName, "put") == 0 &&
+                   (message.find("TEXT") != std::string::npos ||
+                    message.find("not expected") != std::string::npos)) {
+            // Most likely a TEXT that starts with '-', taken for an option.
             message += std::string(" (") + kDashNote + ")";
         }
         if (look.json || message != e.what()) {

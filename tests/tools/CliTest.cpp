@@ -158,28 +158,6 @@ TEST(CliTest, EmbeddedServiceIsNotedWhereTheEffectIsLost) {
     EXPECT_THAT(quorvel(as({"get"}), {"QUORVEL_URL="}).err, StartsWith(kNote));
 }
 
-// Standard input or output that fails: exit 3 with the system's message.
-TEST(CliTest, InputAndOutputFailuresExitThree) {
-    const auto runWith = [](const char* path, int fd, const Strings& args) {
-        Child child([=] {
-            const int opened = ::open(path, fd == 0 ? O_RDONLY : O_WRONLY);
-            ::dup2(opened, fd);
-            Strings argv = args;
-            argv.insert(argv.begin(), QUORVEL_BINARY);
-            return Harness::program(argv)();
-        });
-        const int code = child.wait();
-        return std::make_pair(code, withoutNote(child.err()));
-    };
-    EXPECT_EQ(
-        runWith("/", 0, as({"put", "-"})),
-        std::make_pair(3, std::string("error: cannot read standard input: Is a directory\n")));
-    EXPECT_EQ(runWith("/", 0, as({"put", "--lines", "-"})).first, 3);
-    const std::string full = "error: cannot write standard output: No space left on device\n";
-    EXPECT_EQ(runWith("/dev/full", 1, {"status"}), std::make_pair(3, full));
-    EXPECT_EQ(runWith("/dev/full", 1, {"--json", "status"}), std::make_pair(3, full));
-}
-
 TEST(CliTest, EverySubcommandHasHelp) {
     for (const char* command :
          {"status", "register", "unregister", "clients", "put", "get", "watch", "demo"}) {
@@ -315,6 +293,35 @@ TEST(CliDaemonTest, StatusNamesTheCause) {
     }
 }
 
+// Standard input or output that fails: exit 3 with the system's message, through
+// either service.
+TEST(CliDaemonTest, InputAndOutputFailuresExitThree) {
+    Daemon daemon;
+    for (const Strings& env : {Strings{}, Strings{"QUORVEL_URL=" + daemon.url()}}) {
+        const auto runWith = [&env](const char* path, int fd, const Strings& args) {
+            Child child(
+                [=] {
+                    const int opened = ::open(path, fd == 0 ? O_RDONLY : O_WRONLY);
+                    ::dup2(opened, fd);
+                    Strings argv = args;
+                    argv.insert(argv.begin(), QUORVEL_BINARY);
+                    return Harness::program(argv)();
+                },
+                env);
+            const int code = child.wait();
+            return std::make_pair(code, withoutNote(child.err()));
+        };
+        SCOPED_TRACE(::testing::PrintToString(env));
+        EXPECT_EQ(
+            runWith("/", 0, as({"put", "-"})),
+            std::make_pair(3, std::string("error: cannot read standard input: Is a directory\n")));
+        EXPECT_EQ(runWith("/", 0, as({"put", "--lines", "-"})).first, 3);
+        const std::string full = "error: cannot write standard output: No space left on device\n";
+        EXPECT_EQ(runWith("/dev/full", 1, {"status"}), std::make_pair(3, full));
+        EXPECT_EQ(runWith("/dev/full", 1, {"--json", "status"}), std::make_pair(3, full));
+    }
+}
+
 // watch prints what another process posts while it runs, and ends with exit 0
 // on SIGTERM or SIGINT.
 TEST(CliDaemonTest, WatchPrintsEventsUntilStopped) {
@@ -354,6 +361,14 @@ TEST(CliDaemonTest, WatchPrintsEventsUntilStopped) {
     }
     // --unregister left only the poster.
     EXPECT_EQ(quorvel({"clients", "--server", "S"}, env).out, "shared clients (1): P\n");
+
+    // With the service inside the process no other process can post; it still
+    // runs, says so, and stops the same way.
+    Child alone(Harness::program({QUORVEL_BINARY, "watch", "--server", "S", "--client", "W"}));
+    EXPECT_TRUE(printed(alone, "watching as client \"W\" of server \"S\""));
+    alone.signal(SIGTERM);
+    EXPECT_EQ(alone.wait(10000), 0);
+    EXPECT_THAT(alone.err(), StartsWith(kNote + "watch ran on a service inside"));
 }
 
 // Bytes that are not UTF-8 (Latin-1, cut short, overlong, a surrogate) become U+FFFD
