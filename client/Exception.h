@@ -64,8 +64,8 @@ public:
     AvQVLConnectionException(const std::string& message);
     /// A failure with a type code and a message.
     AvQVLConnectionException(int32_t type, const std::string& message);
-    AvQVLConnectionException(
-        const AvQVLConnectionException& other);  ///< Copies the type code and the message.
+    /// Copies the type code and the message.
+    AvQVLConnectionException(const AvQVLConnectionException& other);
     /// Copies the type code and the message.
     AvQVLConnectionException& operator=(const AvQVLConnectionException& other);
     /// Frees the message.
@@ -79,8 +79,8 @@ public:
     AvQVLProtocolException(const std::string& message);
     /// A failure with a type code and a message.
     AvQVLProtocolException(int32_t type, const std::string& message);
-    AvQVLProtocolException(
-        const AvQVLProtocolException& other);  ///< Copies the type code and the message.
+    /// Copies the type code and the message.
+    AvQVLProtocolException(const AvQVLProtocolException& other);
     /// Copies the type code and the message.
     AvQVLProtocolException& operator=(const AvQVLProtocolException& other);
     /// Frees the message.
@@ -94,8 +94,8 @@ public:
     AvQVLRuntimeException(const std::string& message = "");
     /// A failure with a type code and a message.
     AvQVLRuntimeException(int32_t type, const std::string& message);
-    AvQVLRuntimeException(
-        const AvQVLRuntimeException& other);  ///< Copies the type code and the message.
+    /// Copies the type code and the message.
+    AvQVLRuntimeException(const AvQVLRuntimeException& other);
     /// Copies the type code and the message.
     AvQVLRuntimeException& operator=(const AvQVLRuntimeException& other);
     /// Frees the message.
@@ -109,8 +109,8 @@ public:
     AvQVLUnrecognisedException(const std::string& message);
     /// A failure with a type code and a message.
     AvQVLUnrecognisedException(int32_t type, const std::string& message);
-    AvQVLUnrecognisedException(
-        const AvQVLUnrecognisedException& other);  ///< Copies the type code and the message.
+    /// Copies the type code and the message.
+    AvQVLUnrecognisedException(const AvQVLUnrecognisedException& other);
     /// Copies the type code and the message.
     AvQVLUnrecognisedException& operator=(const AvQVLUnrecognisedException& other);
     /// Frees the message.

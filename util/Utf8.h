@@ -17,12 +17,12 @@ namespace Net {
 namespace AvQuorvel {
 namespace Util {
 
-/// The caller owns the input and receives a new string. Failures throw
-/// Client::Utf8ConversionException and leave no partial result. Every call opens
-/// its own converters and buffers, so calls on any number of threads are safe.
-///
-/// A negative length, or a null input with a positive length, throws before any
-/// byte is read.
+// Both functions: the caller owns the input and receives a new string. Failures
+// throw Client::Utf8ConversionException and leave no partial result. Every call
+// opens its own converters and buffers, so calls on any number of threads are
+// safe. A negative length, or a null input with a positive length, throws before
+// any byte is read.
+
 /// Reads exactly `length` bytes (NUL bytes included) and returns their UTF-8 form.
 AVQVL_EXPORT std::string toUtf8(const char* input, int32_t length);
 /// Reads exactly `length` UTF-8 bytes and returns them in the default code page.

@@ -14,18 +14,18 @@ namespace Net {
 namespace AvQuorvel {
 namespace Util {
 
-/// Plain functions over the caller's text, returning new strings. None throws
-/// but std::bad_alloc, and none reports bad text: see each group. All are safe
-/// to call from any number of threads; the conversions' locale objects are made
-/// once, on first use, and only read afterwards.
-///
+// Plain functions over the caller's text, returning new strings. None throws
+// but std::bad_alloc, and none reports bad text: see each group. All are safe
+// to call from any number of threads; the conversions' locale objects are made
+// once, on first use, and only read afterwards.
+
 /// Tab, line feed, quotation mark, percent, ampersand, apostrophe, < and > become
 /// references; one left-to-right pass. unescapeXml is its exact inverse.
 AVQVL_EXPORT std::string escapeXml(const std::string& text);
 /// The inverse of escapeXml.
 AVQVL_EXPORT std::string unescapeXml(const std::string& text);
 
-/// bool gives "1"/"0"; floating point gives %.17e in the classic locale.
+/// "1" or "0".
 AVQVL_EXPORT std::string toString(const bool& value);
 /// The text itself.
 AVQVL_EXPORT std::string toString(const std::string& value);
