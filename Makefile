@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 CMAKE_FLAGS ?=
 JOBS ?= 2
 
-.PHONY: all deps configure build test demo bench test-asan test-tsan test-valgrind fuzz-smoke clean
+.PHONY: all deps configure build test demo docs bench test-asan test-tsan test-valgrind fuzz-smoke clean
 
 all: build
 
@@ -26,6 +26,14 @@ demo: build
 	else \
 	    echo "Everything is built; the demo arrives with the quorvel tool."; \
 	fi
+
+# The API reference of the public headers (Doxygen) in $(BUILD_DIR)/docs/html. A
+# public member without a comment, like any other warning, fails it.
+docs: deps
+	@mkdir -p $(BUILD_DIR)/docs
+	@AVQVL_VERSION=$$(sed -n 's/^#define AVQVL_VERSION_STRING "\(.*\)"/\1/p' client/Version.h) \
+	    AVQVL_DOCS_OUTPUT=$(BUILD_DIR)/docs doxygen docs/Doxyfile
+	@echo "API reference: $(BUILD_DIR)/docs/html/index.html"
 
 # Google Benchmark programs; prints a table and writes JSON to $(BUILD_DIR)/bench/.
 bench: deps

@@ -1,6 +1,7 @@
-// One exchange with the service over the transport: a sorted header block, a
-// body read from the caller's stream when the service asks for it, and the whole
-// response read back and decoded. Used once and discarded.
+/// @file
+/// One exchange with the service over the transport: a sorted header block, a
+/// body read from the caller's stream when the service asks for it, and the whole
+/// response read back and decoded. Used once and discarded.
 #ifndef AVQVL_CLIENT_AVQVLREQUEST_H
 #define AVQVL_CLIENT_AVQVLREQUEST_H
 
@@ -17,12 +18,12 @@ namespace Net {
 namespace AvQuorvel {
 namespace Client {
 
-// A request owns its header copies and receive buffer and borrows the body
-// stream. send() throws the classes of Exception.h: transport failures through
-// throwTransportError, and a body or response that will not convert as
-// Utf8ConversionException. A request is used by one thread; requests on
-// distinct threads may run at once, since the transport keeps one exchange and
-// one last error per thread.
+/// A request owns its header copies and receive buffer and borrows the body
+/// stream. send() throws the classes of Exception.h: transport failures through
+/// throwTransportError, and a body or response that will not convert as
+/// Utf8ConversionException. A request is used by one thread; requests on
+/// distinct threads may run at once, since the transport keeps one exchange and
+/// one last error per thread.
 class AVQVL_EXPORT AvQVLRequest {
 public:
     AvQVLRequest();
@@ -30,11 +31,11 @@ public:
     AvQVLRequest(const AvQVLRequest&) = delete;
     AvQVLRequest& operator=(const AvQVLRequest&) = delete;
 
-    // The first value given for a name wins.
+    /// The first value given for a name wins.
     void addHeader(const char* name, const char* value);
-    // Not owned; must outlive send().
+    /// Not owned; must outlive send().
     void setRequestStream(std::istream* stream);
-    // Runs the exchange and returns the response in the default code page.
+    /// Runs the exchange and returns the response in the default code page.
     std::string send();
 
 private:
@@ -50,12 +51,13 @@ private:
     std::vector<std::pair<std::string, std::string>> headers;
 };
 
-// AvQvl_Init with malloc/free; any non-zero result throws.
+/// AvQvl_Init with malloc/free; any non-zero result throws.
 AVQVL_EXPORT void initTransport();
-// AvQvl_Term; a negative result throws.
+/// AvQvl_Term; a negative result throws.
 AVQVL_EXPORT void termTransport();
-// Throws the exception the transport code selects, with the last error message.
+/// Throws the exception the transport code selects, with the last error message.
 [[noreturn]] AVQVL_EXPORT void throwTransportError(int32_t code);
+/// The calling thread's last failure message from the transport; "" before any.
 AVQVL_EXPORT std::string getLastTransportError();
 
 }  // namespace Client

@@ -1,6 +1,7 @@
 # Installation: both libraries, the static test transport, the public headers
 # under include/AvQvlCppBinding/ (same sub-paths as in the source tree), the
-# quorvel tool, a CMake package and a pkg-config file.
+# quorvel tool with its man page and bash completion, quorveld's man page, a
+# CMake package and a pkg-config file.
 #
 #   find_package(AvQvlCppBinding CONFIG REQUIRED)
 #   target_link_libraries(app PRIVATE AvQvlCppBinding::AvQvlCppBinding)
@@ -34,6 +35,14 @@ install(TARGETS ${avqvl_exported_targets}
 
 if(TARGET quorvel)
     install(TARGETS quorvel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(FILES ${PROJECT_SOURCE_DIR}/share/man/man1/quorvel.1
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES ${PROJECT_SOURCE_DIR}/share/bash-completion/completions/quorvel
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
+endif()
+if(TARGET quorveld)
+    install(FILES ${PROJECT_SOURCE_DIR}/share/man/man8/quorveld.8
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 endif()
 
 foreach(dir client util schemas)

@@ -1,14 +1,15 @@
 #include "Commands.h"
 
-#include <functional>
 #include <iostream>
 #include <sstream>
 #include <vector>
 
 #include "EventList.h"
 #include "Failure.h"
+#include "Input.h"
 #include "Listing.h"
-#include "Json.h"
+#include "Report.h"
+#include "SharedClients.h"
 #include "client/AvQVLConnection.h"
 #include "util/XMLNode.h"
 
@@ -19,50 +20,8 @@ using Arvant::Net::AvQuorvel::Util::DomException;
 
 namespace {
 
-// One JSON object built field by field: {"command":"...","ok":true,...}.
-class JsonObject {
-public:
-    explicit JsonObject(const char* command) { out << "{\"command\":" << jsonQuote(command); }
-    JsonObject& raw(const char* name, const std::string& json) {
-        out << ",\"" << name << "\":" << json;
-        return *this;
-    }
-    JsonObject& text(const char* name, const std::string& value) {
-        return raw(name, jsonQuote(value));
-    }
-    JsonObject& number(const char* name, long long value) {
-        return raw(name, std::to_string(value));
-    }
-    JsonObject& flag(const char* name, bool value) { return raw(name, value ? "true" : "false"); }
-    JsonObject& list(const char* name, const std::vector<std::string>& values) {
-        return raw(name, jsonStringArray(values));
-    }
-    std::string str() const { return out.str() + "}"; }
-
-private:
-    std::ostringstream out;
-};
-
 void printSharedClients(const std::vector<std::string>& clients) {
     std::cout << "shared clients (" << clients.size() << "): " << joined(clients) << "\n";
-}
-
-// Runs `body`; a failure is printed (stderr, or as the JSON result on stdout)
-// and turned into the exit code.
-int guarded(const char* command, const Options& options, const std::function<int()>& body) {
-    try {
-        return body();
-    } catch (...) {
-        const Failure failure = describeCurrentException();
-        if (options.json) {
-            std::cout << JsonObject(command).flag("ok", false).raw("error", failure.toJson()).str()
-                      << std::endl;
-        } else {
-            std::cout.flush();
-            std::cerr << "error: " << failure.describe() << std::endl;
-        }
-        return failure.exitCode();
-    }
 }
 
 // Registers under the options' identity, if there is one.
@@ -89,20 +48,24 @@ JsonObject& identity(JsonObject& object, const Options& options) {
 }  // namespace
 
 int runStatus(const Options& options) {
-    return guarded("status", options, [&options] {
-        AvQVLConnection connection;
-        registerIfAsked(connection, options);
-        const int32_t status = connection.getStatus();
-        const bool ok = status == 0;
-        if (options.json) {
-            std::cout << JsonObject("status").flag("ok", ok).number("status", status).str() << "\n";
-        } else if (ok) {
-            std::cout << "status: 0 (the service echoed the status text)\n";
-        } else {
-            std::cout << "status: " << status << " (the service answered with another text)\n";
-        }
-        return ok ? kExitOk : kExitServiceFailure;
-    });
+    return guarded(
+        "status", options,
+        [&options] {
+            AvQVLConnection connection;
+            registerIfAsked(connection, options);
+            const int32_t status = connection.getStatus();
+            const bool ok = status == 0;
+            if (options.json) {
+                std::cout << JsonObject("status").flag("ok", ok).number("status", status).str()
+                          << "\n";
+            } else if (ok) {
+                std::cout << "status: 0 (the service echoed the status text)\n";
+            } else {
+                std::cout << "status: " << status << " (the service answered with another text)\n";
+            }
+            return ok ? kExitOk : kExitServiceFailure;
+        },
+        true);  // the status check hides the transport's reason behind its own message
 }
 
 int runRegister(const Options& options) {
@@ -147,9 +110,12 @@ int runUnregister(const Options& options) {
 int runClients(const Options& options) {
     return guarded("clients", options, [&options] {
         AvQVLConnection connection;
-        registerIfAsked(connection, options);
         std::vector<std::string> shared;
-        connection.getSharedClients(shared);  // throws a pointer when unregistered
+        if (options.server.empty()) {
+            connection.getSharedClients(shared);  // unregistered: throws a pointer
+        } else {
+            listSharedClients(options.server, options.client, shared);
+        }
         if (options.json) {
             JsonObject result("clients");
             result.flag("ok", true);
@@ -161,24 +127,66 @@ int runClients(const Options& options) {
     });
 }
 
-int runPut(const Options& options, const std::string& text) {
-    return guarded("put", options, [&options, &text] {
+int runPut(const Options& options, const PutInput& input) {
+    return guarded("put", options, [&options, &input] {
+        const char* const what = input.standardInput ? "standard input" : "TEXT";
+        if (!input.standardInput) {
+            checkLocalText(input.text, what);
+        }
+        std::string whole;
+        if (input.standardInput && !input.lines) {
+            whole = readStandardInput();
+            checkLocalText(whole, what);
+        }
         AvQVLConnection connection;
         registerIfAsked(connection, options);
-        std::string events = text;
         std::string correlationId = options.correlationId;
         std::vector<std::string> shared;
-        connection.putEvents(events, shared, correlationId);
+        long long events = 0;
+        long long bytes = 0;
+        const auto post = [&](const std::string& text) {
+            std::string body = text;
+            shared.clear();
+            connection.putEvents(body, shared, correlationId);
+            ++events;
+            bytes += static_cast<long long>(text.size());
+        };
+        if (!input.lines) {
+            post(input.standardInput ? whole : input.text);
+        } else if (input.standardInput) {
+            LineReader reader;
+            for (std::string line; reader.next(line);) {
+                checkLocalText(line, what, reader.lineOffset());
+                if (!line.empty()) {
+                    post(line);
+                }
+            }
+        } else {
+            std::istringstream text(input.text);
+            for (std::string line; std::getline(text, line);) {
+                if (!line.empty() && line.back() == '\r') {
+                    line.pop_back();
+                }
+                if (!line.empty()) {
+                    post(line);
+                }
+            }
+        }
         if (options.json) {
             JsonObject result("put");
             result.flag("ok", true);
-            identity(result, options)
-                .text("correlationId", correlationId)
-                .number("bytes", static_cast<long long>(text.size()))
-                .list("sharedClients", shared);
+            identity(result, options).text("correlationId", correlationId);
+            if (input.lines) {
+                result.number("events", events);
+            }
+            result.number("bytes", bytes).list("sharedClients", shared);
             std::cout << result.str() << "\n";
         } else {
-            std::cout << "posted " << text.size() << " bytes\n";
+            if (input.lines) {
+                std::cout << "posted " << events << " events, " << bytes << " bytes\n";
+            } else {
+                std::cout << "posted " << bytes << " bytes\n";
+            }
             printSharedClients(shared);
         }
         return kExitOk;
@@ -208,10 +216,7 @@ int runGet(const Options& options) {
             if (readable) {
                 list = "[";
                 for (size_t i = 0; i < parsed.size(); ++i) {
-                    list += (i == 0 ? "{" : ",{");
-                    list += "\"sender\":" + jsonQuote(parsed[i].sender);
-                    list += ",\"sequence\":" + jsonQuote(parsed[i].sequence);
-                    list += ",\"text\":" + jsonQuote(parsed[i].text) + "}";
+                    list += (i == 0 ? "" : ",") + eventJson(parsed[i]);
                 }
                 list += "]";
             }

@@ -1,6 +1,8 @@
 // The tool's subcommands. Each runs in this process against the transport the
-// library is linked with (the embedded service by default), prints what came
-// back (for a person, or one JSON object with --json) and returns an exit code.
+// library is linked with (the embedded service, or quorveld when QUORVEL_URL is
+// set), prints what came back (for a person, or JSON with --json) and returns
+// an exit code (Failure.h). Failures are printed here, on standard error, or as
+// the JSON result on standard output.
 #ifndef AVQVL_TOOLS_COMMANDS_H
 #define AVQVL_TOOLS_COMMANDS_H
 
@@ -16,18 +18,37 @@ struct Options {
     std::string server;
     std::string client;
     std::string locale;
-    std::string correlationId;  // "Log-Correlation-ID" of get and put
+    std::string correlationId;  // "Log-Correlation-ID" of get, put and watch
 
     bool hasIdentity() const { return !server.empty() || !client.empty(); }
 };
 
+// What `put` posts: TEXT, or standard input ("-"), whole or one event per line.
+struct PutInput {
+    std::string text;
+    bool standardInput = false;
+    bool lines = false;  // one event per line; empty lines are skipped
+};
+
+// How `watch` polls: every intervalMs while events arrive, waiting up to
+// kWatchMaxIdleFactor times longer (doubling each time) while none do.
+struct WatchSettings {
+    int intervalMs = 500;
+    bool unregisterOnExit = false;
+};
+constexpr int kWatchMaxIdleFactor = 8;
+
 int runStatus(const Options& options);
 int runRegister(const Options& options);
 int runUnregister(const Options& options);
+// With a server, lists its clients without registering anyone.
 int runClients(const Options& options);
-// `text` is posted unchanged; "-" has already been replaced by stdin.
-int runPut(const Options& options, const std::string& text);
+int runPut(const Options& options, const PutInput& input);
 int runGet(const Options& options);
+// Registers, then prints events as they arrive until SIGINT or SIGTERM (exit
+// 0) or a failure. Must be called before the process starts any thread, since
+// it blocks both signals to wait for them.
+int runWatch(const Options& options, const WatchSettings& settings);
 
 }  // namespace Quorvel
 

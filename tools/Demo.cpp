@@ -60,7 +60,7 @@ bool attempt(const std::function<void()>& step, int& exitCode) {
     } catch (...) {
         const Failure failure = describeCurrentException();
         receives("unexpected error: " + failure.describe());
-        exitCode = failure.exitCode();
+        exitCode = failure.exitCode;
         return false;
     }
 }
@@ -202,7 +202,7 @@ int runDemo() {
         const Failure failure = describeCurrentException();
         if (failure.className != "AvQVLProtocolException" || failure.type != -2) {
             receives("unexpected error: " + failure.describe());
-            return failure.exitCode();
+            return failure.exitCode;
         }
         receives("error, as expected: " + failure.describe());
     }

@@ -20,7 +20,7 @@ Failure fromLibrary(const char* className, const Exception& e) {
     failure.hasType = true;
     failure.type = e.getType();
     failure.message = e.getMessage();
-    failure.fromLibrary = true;
+    failure.exitCode = kExitServiceFailure;
     return failure;
 }
 
@@ -37,11 +37,17 @@ Failure fromPointer(const char* className, E* e) {
 
 std::string Failure::describe() const {
     std::ostringstream out;
+    if (fromTool) {
+        return message;
+    }
     out << className;
     if (hasType) {
         out << " (type " << type << ")";
     }
     out << ": " << message;
+    if (!cause.empty()) {
+        out << " (cause: " << cause << ")";
+    }
     return out.str();
 }
 
@@ -53,7 +59,11 @@ std::string Failure::toJson() const {
     } else {
         out << "null";
     }
-    out << ",\"message\":" << jsonQuote(message) << "}";
+    out << ",\"message\":" << jsonQuote(message);
+    if (!cause.empty()) {
+        out << ",\"cause\":" << jsonQuote(cause);
+    }
+    out << "}";
     return out.str();
 }
 
@@ -79,7 +89,7 @@ Failure describeCurrentException() {
         Failure failure;
         failure.className = "DomException";
         failure.message = e.getMessage();
-        failure.fromLibrary = true;
+        failure.exitCode = kExitServiceFailure;
         return failure;
     } catch (AvQVLConnectionException* e) {
         return fromPointer("AvQVLConnectionException", e);
@@ -93,6 +103,13 @@ Failure describeCurrentException() {
         return fromPointer("AvQVLException", e);
     } catch (Exception* e) {
         return fromPointer("Exception", e);
+    } catch (const ToolError& e) {
+        Failure failure;
+        failure.className = e.className;
+        failure.message = e.what();
+        failure.exitCode = e.code;
+        failure.fromTool = true;
+        return failure;
     } catch (const std::exception& e) {
         Failure failure;
         failure.className = "std::exception";

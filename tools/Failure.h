@@ -4,6 +4,7 @@
 #define AVQVL_TOOLS_FAILURE_H
 
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 
 namespace Quorvel {
@@ -12,8 +13,19 @@ namespace Quorvel {
 enum ExitCode {
     kExitOk = 0,
     kExitServiceFailure = 1,  // the library or the service reported a failure
-    kExitUsage = 2,           // bad command line
-    kExitInternal = 3,        // anything else (out of memory, unreadable input)
+    kExitUsage = 2,           // bad command line, or input the local code page cannot read
+    kExitInternal = 3,        // anything else (out of memory, input or output failed)
+};
+
+// A failure of the tool's own (usage, input, output), thrown to the command's
+// handler with the exit code it stands for. className names it in the output:
+// "UsageError", "InputError" or "IOError".
+class ToolError : public std::runtime_error {
+public:
+    ToolError(ExitCode code, const char* className, const std::string& message)
+        : std::runtime_error(message), code(code), className(className) {}
+    ExitCode code;
+    const char* className;
 };
 
 struct Failure {
@@ -21,13 +33,19 @@ struct Failure {
     bool hasType = false;   // DomException and foreign exceptions carry no type code
     int32_t type = 0;
     std::string message;
-    bool fromLibrary = false;  // false: not an exception of the library's own
+    // What the transport knows of the cause, when the message does not carry it
+    // (a failed status check says only "AvQVL Connection failed").
+    std::string cause;
+    ExitCode exitCode = kExitInternal;
+    bool fromTool = false;  // a ToolError: the text shows the message alone
 
-    // "AvQVLProtocolException (type -2): Client not Registered with Quorvel"
+    // "AvQVLProtocolException (type -2): Client not Registered with Quorvel",
+    // then " (cause: ...)" when there is a cause; the message alone for the
+    // tool's own failures.
     std::string describe() const;
-    // {"class":"...","type":-2,"message":"..."}; type is null when absent.
+    // {"class":"...","type":-2,"message":"..."}; type is null when absent, and
+    // "cause" is there only when known.
     std::string toJson() const;
-    ExitCode exitCode() const { return fromLibrary ? kExitServiceFailure : kExitInternal; }
 };
 
 // Call only inside a catch block: rethrows the exception in flight and

@@ -1,6 +1,7 @@
-// The transport library's C interface: eight plain functions through which the
-// client library hands over header blocks and bodies and reads responses back.
-// All results are signed 32-bit integers; texts are NUL-terminated UTF-8.
+/// @file
+/// The transport library's C interface: eight plain functions through which the
+/// client library hands over header blocks and bodies and reads responses back.
+/// All results are signed 32-bit integers; texts are NUL-terminated UTF-8.
 #ifndef AVQVL_TRANSPORT_AVQVLBINDING_H
 #define AVQVL_TRANSPORT_AVQVLBINDING_H
 
@@ -21,35 +22,45 @@ extern "C" {
 // AvQvl_Init may be called once per connection; each call is counted and
 // AvQvl_Term takes one back. The allocator pair is accepted but not used: the
 // transport allocates through the C++ runtime and hands the caller no memory to free.
-// Results with a meaning of their own. AvQvl_Receive answers the end of the
+
+/// Results with a meaning of their own. AvQvl_Receive answers the end of the
 // header block or body with a reply code, then hands the response out in pieces
 // of at most AVQVL_RECEIVE_BUFFER_BYTES bytes (their number is the result) and
 // ends it with AVQVL_END_OF_RESPONSE. Failures are negative codes below -1; the
 // client library maps every code it knows to an exception class.
 enum {
-    AVQVL_SEND_BODY = 19,         // the service asks for the body
-    AVQVL_REQUEST_COMPLETE = 20,  // the request is complete; the response follows
-    AVQVL_END_OF_RESPONSE = -1,
-    AVQVL_RECEIVE_BUFFER_BYTES = 16384,
+    AVQVL_SEND_BODY = 19,                ///< the service asks for the body
+    AVQVL_REQUEST_COMPLETE = 20,         ///< the request is complete; the response follows
+    AVQVL_END_OF_RESPONSE = -1,          ///< the whole response has been received
+    AVQVL_RECEIVE_BUFFER_BYTES = 16384,  ///< the most bytes one AvQvl_Receive writes
 
-    AVQVL_OTHER_ANSWER = -3099,    // the service answered something unforeseen
-    AVQVL_REFUSED = -3017,         // the service refused the request, or a call out of turn
-    AVQVL_LIMIT = -3016,           // a limit of the service or the transport
-    AVQVL_UNREACHABLE = -2999,     // the service cannot be reached, or not started
-    AVQVL_TIMED_OUT = -2998,       // no answer in time
-    AVQVL_CONNECTION_LOST = -2997  // the connection broke during the exchange
+    AVQVL_OTHER_ANSWER = -3099,    ///< the service answered something unforeseen
+    AVQVL_REFUSED = -3017,         ///< the service refused the request, or a call out of turn
+    AVQVL_LIMIT = -3016,           ///< a limit of the service or the transport
+    AVQVL_UNREACHABLE = -2999,     ///< the service cannot be reached, or not started
+    AVQVL_TIMED_OUT = -2998,       ///< no answer in time
+    AVQVL_CONNECTION_LOST = -2997  ///< the connection broke during the exchange
 };
 
-typedef void* (*AvQvlAllocFn)(size_t);
-typedef void (*AvQvlFreeFn)(void*);
+typedef void* (*AvQvlAllocFn)(size_t);  ///< an allocator, as malloc
+typedef void (*AvQvlFreeFn)(void*);     ///< its release, as free
+/// Starts the transport (counted); 0 on success.
 int32_t AvQvl_Init(AvQvlAllocFn allocate, AvQvlFreeFn release);
+/// Takes back one AvQvl_Init; 0 on success, a failure code when none is left.
 int32_t AvQvl_Term(void);
+/// Hands over the next piece of the header block or body; a reply code or a failure.
 int32_t AvQvl_Send(const char* text);
+/// As AvQvl_Send, without waiting for an acknowledgement.
 int32_t AvQvl_SendNoAck(const char* text);
+/// Ends the header block, then the body.
 int32_t AvQvl_SendEOF(void);
-int32_t AvQvl_Receive(char* buffer);  // writes at most AVQVL_RECEIVE_BUFFER_BYTES
+/// Writes the next piece of the response, at most AVQVL_RECEIVE_BUFFER_BYTES;
+/// its length, a reply code, AVQVL_END_OF_RESPONSE or a failure code.
+int32_t AvQvl_Receive(char* buffer);
+/// Ends the exchange, ready for the next one.
 int32_t AvQvl_Complete(void);
-int32_t AvQvl_GetLastError(char** message);  // message stays the transport's
+/// Points `message` at the calling thread's last failure message, which stays the transport's.
+int32_t AvQvl_GetLastError(char** message);
 
 #ifdef __cplusplus
 }

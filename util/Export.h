@@ -1,7 +1,8 @@
-// AVQVL_EXPORT marks the classes and functions applications may use from the
-// shared library. The library is built with hidden visibility; with no
-// definition given it exports from the shared library; define AVQVL_STATIC when
-// compiling the sources into a static library or another build.
+/// @file
+/// AVQVL_EXPORT marks the classes and functions applications may use from the
+/// shared library. The library is built with hidden visibility; with no
+/// definition given it exports from the shared library; define AVQVL_STATIC when
+/// compiling the sources into a static library or another build.
 #ifndef AVQVL_UTIL_EXPORT_H
 #define AVQVL_UTIL_EXPORT_H
 

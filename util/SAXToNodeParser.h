@@ -1,14 +1,7 @@
-// Builds an XMLNode tree from one document with the XML library's SAX2 reader.
-// The XML library must be initialised for the whole parse. The returned root
-// stays owned by the parser until it is destroyed or parses again.
-//
-// A document may nest elements at most kMaxElementDepth levels deep (the root is
-// level 1); a deeper one ends in DomException naming the bound, as soon as its
-// first element past the bound starts. The bound is what keeps the parse's time
-// in proportion to the document's size: the XML library resolves each
-// element's namespace by looking through every element open around it, so an
-// element costs up to kMaxElementDepth steps. Parser and tree are used by one
-// thread at a time; distinct parsers may run on distinct threads.
+/// @file
+/// Builds an XMLNode tree from one document with the XML library's SAX2 reader.
+/// The XML library must be initialised for the whole parse. The returned root
+/// stays owned by the parser until it is destroyed or parses again.
 #ifndef AVQVL_UTIL_SAXTONODEPARSER_H
 #define AVQVL_UTIL_SAXTONODEPARSER_H
 
@@ -31,8 +24,17 @@ namespace Util {
 
 class ReaderMemory;
 
+/// The deepest nesting of elements a document may have (the root is level 1).
+/// A deeper one ends in DomException naming the bound, as soon as its first
+/// element past the bound starts. The bound is what keeps a parse's time in
+/// proportion to the document's size: the XML library resolves each element's
+/// namespace by looking through every element open around it, so an element
+/// costs up to kMaxElementDepth steps.
 constexpr std::size_t kMaxElementDepth = 10000;
 
+/// Builds the tree of one document at a time, and owns it. Parses of distinct
+/// parsers may run on distinct threads at once; one parser is used by one
+/// thread at a time.
 class AVQVL_EXPORT SAXToNodeParser : public xercesc::DefaultHandler {
 public:
     SAXToNodeParser();
@@ -40,25 +42,36 @@ public:
     SAXToNodeParser(const SAXToNodeParser&) = delete;
     SAXToNodeParser& operator=(const SAXToNodeParser&) = delete;
 
-    // Throw DomException on an error or fatal error of the reader.
+    /// Throw DomException on an error or fatal error of the reader.
     XMLNode* parseString(const std::string& xml);
+    /// As parseString, for the document in the file `name`.
     XMLNode* parseFile(const std::string& name);
-    // The root; creates an empty one when there is none.
+    /// The root; creates an empty one when there is none.
     XMLNode* getRoot();
-    // Process-wide: replace the SUB byte 0x1A by "?" in text and attribute values.
+    /// Process-wide: replace the SUB byte 0x1A by "?" in text and attribute values.
     static void setReplaceSubChars(bool replace);
 
-    // Callbacks of the reader.
+    // Callbacks of the XML library's reader during a parse; not for applications.
+    /// Appends character data to the current element.
     void characters(const XMLCh* chars, const XMLSize_t length) override;
+    /// Nothing to do at the end of the document.
     void endDocument() override;
+    /// Closes the current element.
     void endElement(const XMLCh* uri, const XMLCh* localname, const XMLCh* qname) override;
+    /// Ignores whitespace the grammar allows.
     void ignorableWhitespace(const XMLCh* chars, const XMLSize_t length) override;
+    /// Ignores processing instructions.
     void processingInstruction(const XMLCh* target, const XMLCh* data) override;
+    /// Nothing to do at the start: the tree is reset before each parse.
     void startDocument() override;
+    /// Opens a child of the current element, with its attributes.
     void startElement(const XMLCh* uri, const XMLCh* localname, const XMLCh* qname,
                       const xercesc::Attributes& attrs) override;
+    /// Ignores the reader's warnings.
     void warning(const xercesc::SAXParseException& exc) override;
+    /// Throws DomException naming the error and its place.
     void error(const xercesc::SAXParseException& exc) override;
+    /// Throws DomException naming the error and its place.
     void fatalError(const xercesc::SAXParseException& exc) override;
 
 private:

@@ -24,7 +24,10 @@ for f in "$prefix/$libdir/libAvQvlCppBinding.so" "$prefix/$libdir/libAvQvlBindin
          "$prefix/include/AvQvlCppBinding/transport/AvQvlBinding.h" \
          "$prefix/include/AvQvlCppBinding/transport/testing/TestTransport.h" \
          "$prefix/$libdir/pkgconfig/AvQvlCppBinding.pc" \
-         "$prefix/$libdir/cmake/AvQvlCppBinding/AvQvlCppBindingConfig.cmake"; do
+         "$prefix/$libdir/cmake/AvQvlCppBinding/AvQvlCppBindingConfig.cmake" \
+         "$prefix/include/AvQvlCppBinding/client/Version.h" \
+         "$prefix/share/man/man1/quorvel.1" "$prefix/share/man/man8/quorveld.8" \
+         "$prefix/share/bash-completion/completions/quorvel"; do
     [[ -e $f ]] || { echo "missing after install: $f" >&2; exit 1; }
 done
 if grep -rlF "$build" "$prefix/$libdir/cmake" "$prefix/$libdir/pkgconfig"; then
@@ -34,6 +37,16 @@ fi
 
 step "installed quorvel (found through its RPATH)"
 "$prefix/bin/quorvel" status
+
+step "one version: the header's macros, pkg-config, the CMake package and quorvel"
+macro() { sed -n "s/^#define AVQVL_VERSION_$1 \(.*\)/\1/p" "$prefix/include/AvQvlCppBinding/client/Version.h"; }
+version="$(macro MAJOR).$(macro MINOR).$(macro PATCH)"
+[[ $(macro STRING) == "\"$version\"" ]] || { echo "AVQVL_VERSION_STRING is $(macro STRING), not $version" >&2; exit 1; }
+pc_version=$(PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig" pkg-config --modversion AvQvlCppBinding)
+[[ $pc_version == "$version" ]] || { echo "pkg-config says $pc_version, the header $version" >&2; exit 1; }
+grep -qF "set(PACKAGE_VERSION \"$version\")" "$prefix/$libdir/cmake/AvQvlCppBinding/AvQvlCppBindingConfigVersion.cmake" ||
+    { echo "the CMake package's version is not $version" >&2; exit 1; }
+[[ $("$prefix/bin/quorvel" --version) == "quorvel $version" ]] || { echo "quorvel --version is not $version" >&2; exit 1; }
 
 step "examples through find_package"
 cmake -S "$source/examples" -B "$tmp/examples" "${generator[@]}" \

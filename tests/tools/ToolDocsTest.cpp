@@ -1,0 +1,98 @@
+// The man pages and the bash completion against the programs' own --help: every
+// option a program accepts is described and completed, so the pages cannot fall
+// behind an option that is added or renamed.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <set>
+
+#include "daemon/DaemonHarness.h"
+
+namespace {
+
+using Harness::Strings;
+
+const char* const kCommands[] = {"status", "register", "unregister", "clients",
+                                 "put",    "get",      "watch",      "demo"};
+
+std::string readFile(const std::string& path) {
+    std::ifstream file(path);
+    EXPECT_TRUE(file.good()) << path;
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+// The long options --help lists (those at the start of a help line).
+std::set<std::string> optionsIn(const std::string& help) {
+    std::set<std::string> options;
+    const std::regex option(R"(\n\s+(?:-\w,)?(--[a-z][a-z-]*))");
+    for (std::sregex_iterator it(help.begin(), help.end(), option), end; it != end; ++it) {
+        options.insert((*it)[1]);
+    }
+    return options;
+}
+
+// roff writes a minus as \-.
+std::string roff(const std::string& option) {
+    return std::regex_replace(option, std::regex("-"), "\\-");
+}
+
+TEST(ToolDocsTest, ManPagesAndCompletionDescribeEveryOption) {
+    const std::string share = AVQVL_SOURCE_DIR "/share/";
+    const std::string quorvelPage = readFile(share + "man/man1/quorvel.1");
+    const std::string completion = readFile(share + "bash-completion/completions/quorvel");
+    std::set<std::string> options = optionsIn(Harness::quorvel({"--help"}).out);
+    EXPECT_GE(options.size(), 4u);
+    for (const char* command : kCommands) {
+        // A command's entry: ".TP" then its name in bold, alone or with its arguments.
+        EXPECT_THAT(quorvelPage,
+                    ::testing::ContainsRegex(std::string("\\.TP\n\\.BI? \"?") + command + "\\b"))
+            << command;
+        EXPECT_NE(completion.find(command), std::string::npos) << command;
+        const std::set<std::string> more = optionsIn(Harness::quorvel({command, "--help"}).out);
+        options.insert(more.begin(), more.end());
+    }
+    for (const std::string& option : options) {
+        EXPECT_NE(quorvelPage.find(roff(option)), std::string::npos) << option << " in quorvel.1";
+        EXPECT_NE(completion.find(option), std::string::npos) << option << " in the completion";
+    }
+
+    const std::string daemonPage = readFile(share + "man/man8/quorveld.8");
+    const std::set<std::string> daemonOptions =
+        optionsIn(Harness::run({QUORVELD_BINARY, "--help"}).out);
+    EXPECT_GE(daemonOptions.size(), 5u);
+    for (const std::string& option : daemonOptions) {
+        EXPECT_NE(daemonPage.find(roff(option)), std::string::npos) << option << " in quorveld.8";
+    }
+}
+
+// The completion as bash runs it, without the bash-completion package.
+TEST(ToolDocsTest, CompletionCompletesCommandsAndTheirOptions) {
+    const std::string script = AVQVL_SOURCE_DIR "/share/bash-completion/completions/quorvel";
+    const struct {
+        std::string line, expected;
+    } rows[] = {
+        {"quorvel ", "status register unregister clients put get watch demo"},
+        {"quorvel pu", "put"},
+        {"quorvel --json wa", "watch"},
+        {"quorvel --url http://h:1 g", "get"},
+        {"quorvel -", "--json --url --help --version"},
+        {"quorvel put --l", "--locale --lines"},
+        {"quorvel watch --i", "--interval"},
+        {"quorvel register --", "--locale --json --help"},
+        {"quorvel put --server ", ""},
+    };
+    for (const auto& row : rows) {
+        const Harness::Result result = Harness::run(
+            {"/bin/bash", "-c",
+             "source \"$0\"; read -ra COMP_WORDS <<< \"$1\"; [[ $1 == *' ' ]] && COMP_WORDS+=('');"
+             " COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _quorvel; echo \"${COMPREPLY[*]}\"",
+             script, row.line});
+        EXPECT_EQ(result.code, 0) << result.err;
+        EXPECT_EQ(result.out, row.expected + "\n") << row.line;
+    }
+}
+
+}  // namespace
