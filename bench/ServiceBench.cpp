@@ -75,7 +75,7 @@ void rawPost(benchmark::State& state, int port) {
         Wire::kFieldHeaderName + ": " + Wire::encodeField("Operation-Name", "getStatus") +
         "\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
         std::to_string(body.size()) + "\r\n\r\n" + body;
-    const int fd = connectLoopback(port);
+    int fd = connectLoopback(port);
     if (fd < 0) {
         state.SkipWithError("cannot reach the daemon");
         return;
@@ -104,6 +104,15 @@ void rawPost(benchmark::State& state, int port) {
         if (whole == 0 || have != whole || std::strncmp(answer, "HTTP/1.1 200", 12) != 0) {
             state.SkipWithError("the daemon's answer was not a whole 200");
             break;
+        }
+        // The daemon may close a connection after so many requests, as clients do.
+        if (memmem(answer, have, "Connection: close", 17) != nullptr) {
+            close(fd);
+            fd = connectLoopback(port);
+            if (fd < 0) {
+                state.SkipWithError("cannot reach the daemon again");
+                return;
+            }
         }
     }
     close(fd);
