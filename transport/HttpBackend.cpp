@@ -1,10 +1,13 @@
 #include "transport/internal/HttpBackend.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <boost/asio/ssl/context.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <mutex>
 
 #include "transport/internal/HttpConnection.h"
 #include "transport/internal/HttpUrl.h"
@@ -70,10 +73,21 @@ bool fail(BackendFailure& failure, int32_t code, const std::string& message) {
 // several in one process; a thread's connection belongs to the last it served).
 std::atomic<std::uint64_t> nextBackendId{1};
 
+// A child process inherits the forking thread's connection, socket and all; two
+// processes writing into one socket would mix their exchanges, so after a fork
+// the child leaves that socket to the parent and opens its own.
+std::atomic<unsigned> forkCount{0};
+
+void countFork() {
+    ++forkCount;
+}
+
 class HttpBackend : public Backend {
 public:
     explicit HttpBackend(const HttpSettings& settings)
         : settings(settings), problem(settings.problem), id(nextBackendId++) {
+        static std::once_flag watchForks;
+        std::call_once(watchForks, [] { pthread_atfork(nullptr, nullptr, countFork); });
         if (problem.empty() && parseHttpUrl(settings.url, url, problem) && url.secure) {
             tls.reset(new boost::asio::ssl::context(boost::asio::ssl::context::tls_client));
             boost::system::error_code ec;
@@ -135,10 +149,12 @@ public:
 private:
     HttpConnection& threadConnection() {
         thread_local std::uint64_t owner = 0;
+        thread_local unsigned forks = 0;
         thread_local std::unique_ptr<HttpConnection> connection;
-        if (owner != id) {
+        if (owner != id || forks != forkCount) {
             connection.reset(new HttpConnection(url, tls.get()));
             owner = id;
+            forks = forkCount;
         }
         return *connection;
     }

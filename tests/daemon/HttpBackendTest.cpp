@@ -246,6 +246,22 @@ TEST(HttpBackendTest, ConnectionClosedWhileIdleIsReplacedTransparently) {
     EXPECT_EQ(server.requests, 2) << "the request went out once on the new connection";
 }
 
+TEST(HttpBackendTest, ForkedChildOpensItsOwnConnection) {
+    FakeServer server([&server](Peer& peer) {
+        Request request;
+        while (peer.read(request)) {
+            peer.send(answer("answer " + std::to_string(++server.requests)));
+        }
+    });
+    auto backend = backendFor(server.url());
+    EXPECT_EQ(exchange(*backend).text, "answer 1");
+    // The parent's connection stays open; the child must not write into it.
+    Harness::Child child([&backend] { return exchange(*backend).text == "answer 2" ? 0 : 1; });
+    EXPECT_EQ(child.wait(10000), 0) << child.err();
+    EXPECT_EQ(exchange(*backend).text, "answer 3");
+    EXPECT_EQ(server.connections, 2);
+}
+
 // Each way an answer can go wrong, on a connection that had already served one
 // exchange (so a retry would be possible): its own code and words, and no retry.
 TEST(HttpBackendTest, EachBrokenAnswerIsNamedAndNeverRetried) {
