@@ -270,13 +270,14 @@ TEST(HttpBackendTest, EachBrokenAnswerIsNamedAndNeverRetried) {
         std::function<void(Peer&)> second;  // what the server does with the second request
         int32_t code;
         const char* words;
+        long timeoutMs = 10000;  // short only where the time-out is the point
     } rows[] = {
         {"silent",
          [](Peer& peer) {
              Request r;
              peer.read(r);
          },
-         AVQVL_TIMED_OUT, "within the time-out (300 ms)"},
+         AVQVL_TIMED_OUT, "within the time-out (500 ms)", 500},
         {"garbage", [](Peer& peer) { peer.send("hello there\r\n\r\n"); }, AVQVL_OTHER_ANSWER,
          "is malformed"},
         {"cut short",
@@ -297,7 +298,7 @@ TEST(HttpBackendTest, EachBrokenAnswerIsNamedAndNeverRetried) {
                 row.second(peer);
             }
         });
-        auto backend = backendFor(server.url(), 300);
+        auto backend = backendFor(server.url(), row.timeoutMs);
         ASSERT_EQ(exchange(*backend).text, "first") << row.name;
         const Outcome broken = exchange(*backend);
         EXPECT_FALSE(broken.ok) << row.name;
@@ -327,8 +328,10 @@ TEST(HttpBackendTest, ClientRecoversAcrossADaemonRestart) {
     std::unique_ptr<Harness::Child> daemon;
     const int port = startDaemon(daemon, 0);
     ASSERT_NE(port, 0) << daemon->err();
-    auto backend = backendFor("http://127.0.0.1:" + std::to_string(port));
-    EXPECT_TRUE(exchange(*backend).ok);
+    // The default time-out: a daemon built with a sanitizer answers slowly.
+    auto backend = backendFor("http://127.0.0.1:" + std::to_string(port), 30000);
+    const Outcome up = exchange(*backend);
+    EXPECT_TRUE(up.ok) << up.text;
 
     daemon->signal(SIGTERM);
     EXPECT_EQ(daemon->wait(10000), 0);
