@@ -1,22 +1,24 @@
 // Whole operations through the transport library and a real service: the
 // embedded engine by default, or the daemon named by QUORVEL_URL (the
 // transport's own switch). Baselines in the same run: the engine called
-// directly (embedded), or a bare HTTP POST round trip to the same daemon and,
-// when REDIS_PORT names a Redis server on loopback, a PING round trip (daemon).
+// directly (embedded), or the same exchange written by hand on a bare socket to
+// the same daemon (when QUORVEL_URL is http://127.0.0.1:PORT) and, when
+// REDIS_PORT names a Redis server on loopback, a PING round trip (daemon).
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
-#include <curl/curl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "OperationBench.h"
 #include "engine/ServiceEngine.h"
+#include "wire/HttpWire.h"
 
 namespace {
 
@@ -42,54 +44,85 @@ void engineOnlyGetStatus(benchmark::State& state) {
     }
 }
 
-size_t discard(char*, size_t size, size_t count, void*) {
-    return size * count;
-}
-
-// Baseline: the daemon's status exchange as one bare POST over a kept-alive
-// connection, the answer read and dropped.
-void curlPost(benchmark::State& state, std::string url) {
-    while (!url.empty() && url.back() == '/') {
-        url.pop_back();
-    }
-    url += "/quorvel/v1/exchange";
-    curl_slist* fields = nullptr;
-    fields = curl_slist_append(fields, "Quorvel-Field: Service-Name=AvQVLRequest");
-    fields = curl_slist_append(fields, "Quorvel-Field: Operation-Name=getStatus");
-    fields = curl_slist_append(fields, "Content-Type: application/octet-stream");
-    fields = curl_slist_append(fields, "Expect:");
-    CURL* curl = curl_easy_init();
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, fields);
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, "AvQVL Status check");
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discard);
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
-    for (auto _ : state) {
-        const CURLcode rc = curl_easy_perform(curl);
-        if (rc != CURLE_OK) {
-            state.SkipWithError(curl_easy_strerror(rc));
-            break;
-        }
-    }
-    curl_easy_cleanup(curl);
-    curl_slist_free_all(fields);
-}
-
-// Baseline: a Redis PING and its +PONG over one loopback TCP connection.
-void redisPing(benchmark::State& state, int port) {
+// A loopback TCP connection with TCP_NODELAY to port, or -1.
+int connectLoopback(int port) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) {
+        return -1;
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const int one = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        state.SkipWithError("cannot reach the Redis server");
-        if (fd >= 0) {
-            close(fd);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Baseline: the daemon's status exchange written by hand on a kept-alive
+// connection, one write and the answer read until its Content-Length is in:
+// the floor of an HTTP round trip to this daemon, with no client library.
+void rawPost(benchmark::State& state, int port) {
+    namespace Wire = Arvant::Net::AvQuorvel::Wire;
+    const std::string body = "AvQVL Status check";
+    const std::string request =
+        std::string("POST ") + Wire::kExchangePath + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
+        Wire::kFieldHeaderName + ": " + Wire::encodeField("Service-Name", "AvQVLRequest") + "\r\n" +
+        Wire::kFieldHeaderName + ": " + Wire::encodeField("Operation-Name", "getStatus") +
+        "\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
+        std::to_string(body.size()) + "\r\n\r\n" + body;
+    int fd = connectLoopback(port);
+    if (fd < 0) {
+        state.SkipWithError("cannot reach the daemon");
+        return;
+    }
+    char answer[4096];
+    for (auto _ : state) {
+        if (write(fd, request.data(), request.size()) != static_cast<ssize_t>(request.size())) {
+            state.SkipWithError("the request could not be sent");
+            break;
         }
+        std::size_t have = 0, whole = 0;
+        while (whole == 0 || have < whole) {
+            const ssize_t n = read(fd, answer + have, sizeof answer - have);
+            if (n <= 0) {
+                break;
+            }
+            have += static_cast<std::size_t>(n);
+            const char* end = static_cast<const char*>(memmem(answer, have, "\r\n\r\n", 4));
+            const char* length =
+                static_cast<const char*>(memmem(answer, have, "Content-Length: ", 16));
+            if (whole == 0 && end != nullptr && length != nullptr) {
+                whole = static_cast<std::size_t>(end + 4 - answer) +
+                        std::strtoul(length + 16, nullptr, 10);
+            }
+        }
+        if (whole == 0 || have != whole || std::strncmp(answer, "HTTP/1.1 200", 12) != 0) {
+            state.SkipWithError("the daemon's answer was not a whole 200");
+            break;
+        }
+        // The daemon may close a connection after so many requests, as clients do.
+        if (memmem(answer, have, "Connection: close", 17) != nullptr) {
+            close(fd);
+            fd = connectLoopback(port);
+            if (fd < 0) {
+                state.SkipWithError("cannot reach the daemon again");
+                return;
+            }
+        }
+    }
+    close(fd);
+}
+
+// Baseline: a Redis PING and its +PONG over one loopback TCP connection.
+void redisPing(benchmark::State& state, int port) {
+    const int fd = connectLoopback(port);
+    if (fd < 0) {
+        state.SkipWithError("cannot reach the Redis server");
         return;
     }
     char reply[64];
@@ -110,9 +143,11 @@ int main(int argc, char** argv) {
         OperationBench::registerOperations("embedded/", true);
         benchmark::RegisterBenchmark("embedded/engineOnly/getStatus", engineOnlyGetStatus);
     } else {
-        curl_global_init(CURL_GLOBAL_DEFAULT);
         OperationBench::registerOperations("daemon/", true);
-        benchmark::RegisterBenchmark("daemon/curlPost", curlPost, std::string(url));
+        int port = 0;
+        if (std::sscanf(url, "http://127.0.0.1:%d", &port) == 1) {
+            benchmark::RegisterBenchmark("daemon/rawPost", rawPost, port);
+        }
         const char* redisPort = std::getenv("REDIS_PORT");
         if (redisPort != nullptr && std::atoi(redisPort) > 0) {
             benchmark::RegisterBenchmark("daemon/redisPing", redisPing, std::atoi(redisPort));

@@ -8,8 +8,8 @@
 
 #include "client/Exception.h"
 #include "transport/AvQvlBinding.h"
-#include "util/internal/CharacterBoundary.h"
 #include "util/Utf8.h"
+#include "util/internal/CharacterBoundary.h"
 #include "util/internal/Utf8InPlace.h"
 
 namespace Arvant {
@@ -234,7 +234,7 @@ void throwTransportError(int32_t code) {
         case AVQVL_UNREACHABLE:
         case AVQVL_TIMED_OUT:
         case AVQVL_CONNECTION_LOST:
-        case -2996:
+        case AVQVL_TOKEN_REFUSED:
         case 1001:
             throw AvQVLConnectionException(message);
         default:

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the benchmark programs (Release, in build-bench/) and runs them: a
-# table on the terminal, one JSON file per program in $BUILD_DIR/bench/.
+# table on the terminal, one JSON file and one SVG picture (scripts/bench-svg.py)
+# per program in $BUILD_DIR/bench/.
 # The daemon figures need quorveld (built here) and, for the Redis baseline,
 # redis-server; without them those benchmarks are left out, with a note.
 set -euo pipefail
@@ -44,11 +45,15 @@ cleanup() {
 }
 trap cleanup EXIT
 work=$(mktemp -d)
+draw() {
+    python3 scripts/bench-svg.py "$OUT_DIR"
+}
 
 daemon="$BENCH_DIR/daemon/quorveld"
 if [[ ! -x "$daemon" ]]; then
     echo
     echo "== daemon: skipped, quorveld was not built"
+    draw
     exit 0
 fi
 "$daemon" --listen 127.0.0.1:0 --quiet >"$work/quorveld.log" 2>&1 &
@@ -82,3 +87,4 @@ else
 fi
 QUORVEL_URL="http://127.0.0.1:$port" REDIS_PORT="$redis_port" \
     run daemon "$BENCH_DIR/bench/avqvl_bench_service"
+draw

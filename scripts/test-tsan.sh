@@ -9,13 +9,17 @@ root=$PWD
 build=${TSAN_BUILD_DIR:-build-tsan}
 jobs=${JOBS:-2}
 
-sanitize="-fsanitize=thread -fno-omit-frame-pointer"
+# -Wno-tsan: GCC cannot instrument std::atomic_thread_fence and says so for
+# each use in Boost.Asio's fenced blocks (around completion handlers, which
+# the synchronous HTTP backend never runs); the warning is about Asio, not us.
+sanitize="-fsanitize=thread -fno-omit-frame-pointer -Wno-tsan"
 start=$(date +%s)
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_C_FLAGS="$sanitize" -DCMAKE_CXX_FLAGS="$sanitize" \
     -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=thread" \
     -DCMAKE_SHARED_LINKER_FLAGS="-fsanitize=thread" >/dev/null
-cmake --build "$build" -j "$jobs" --target ThreadedConnectionTest ServiceEngineTest quorveld quorvel
+cmake --build "$build" -j "$jobs" --target ThreadedConnectionTest ServiceEngineTest HttpBackendTest quorveld \
+    quorvel
 built=$(date +%s)
 
 export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/scripts/tsan.supp"

@@ -34,12 +34,13 @@ enum {
     AVQVL_END_OF_RESPONSE = -1,          ///< the whole response has been received
     AVQVL_RECEIVE_BUFFER_BYTES = 16384,  ///< the most bytes one AvQvl_Receive writes
 
-    AVQVL_OTHER_ANSWER = -3099,    ///< the service answered something unforeseen
-    AVQVL_REFUSED = -3017,         ///< the service refused the request, or a call out of turn
-    AVQVL_LIMIT = -3016,           ///< a limit of the service or the transport
-    AVQVL_UNREACHABLE = -2999,     ///< the service cannot be reached, or not started
-    AVQVL_TIMED_OUT = -2998,       ///< no answer in time
-    AVQVL_CONNECTION_LOST = -2997  ///< the connection broke during the exchange
+    AVQVL_OTHER_ANSWER = -3099,     ///< the service answered something unforeseen
+    AVQVL_REFUSED = -3017,          ///< the service refused the request, or a call out of turn
+    AVQVL_LIMIT = -3016,            ///< a limit of the service or the transport
+    AVQVL_UNREACHABLE = -2999,      ///< the service cannot be reached, or not started
+    AVQVL_TIMED_OUT = -2998,        ///< no answer in time
+    AVQVL_CONNECTION_LOST = -2997,  ///< the connection broke during the exchange
+    AVQVL_TOKEN_REFUSED = -2996     ///< the service refused the access token (or its absence)
 };
 
 typedef void* (*AvQvlAllocFn)(size_t);  ///< an allocator, as malloc

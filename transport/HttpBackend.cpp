@@ -1,11 +1,16 @@
 #include "transport/internal/HttpBackend.h"
 
-#include <curl/curl.h>
+#include <pthread.h>
 
+#include <atomic>
+#include <boost/asio/ssl/context.hpp>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <mutex>
 
+#include "transport/internal/HttpConnection.h"
+#include "transport/internal/HttpUrl.h"
 #include "wire/HttpWire.h"
 
 namespace Arvant {
@@ -15,13 +20,12 @@ namespace Transport {
 
 namespace {
 
-using Wire::encodeField;
 using Wire::transportCodeForStatus;
 
 // The daemon decides the real body limit (it answers 413); this one only keeps
 // a runaway caller from buffering without end before anything is sent.
 constexpr std::size_t kMaxRequestBodyBytes = 256 * 1024 * 1024;
-constexpr std::size_t kMaxResponseBytes = 1024 * 1024 * 1024;
+constexpr std::uint64_t kMaxResponseBytes = 1024 * 1024 * 1024;
 
 bool readMilliseconds(const char* variable, long& value, std::string& problem) {
     const char* text = std::getenv(variable);
@@ -40,78 +44,15 @@ bool readMilliseconds(const char* variable, long& value, std::string& problem) {
     return true;
 }
 
-// curl_global_init is not thread-safe in every libcurl; it runs once, on the
-// first exchange. curl_global_cleanup is never called: other threads may still
-// hold easy handles when the process ends.
-bool startCurl(std::string& problem) {
-    static std::once_flag once;
-    static CURLcode result = CURLE_OK;
-    std::call_once(once, [] { result = curl_global_init(CURL_GLOBAL_DEFAULT); });
-    if (result != CURLE_OK) {
-        problem = std::string("libcurl could not be initialised: ") + curl_easy_strerror(result);
-        return false;
-    }
-    return true;
-}
-
-// One easy handle per thread, kept for the thread's life so its connection to
-// the daemon is reused by the next exchange.
-class ThreadHandle {
-public:
-    ThreadHandle() : handle(curl_easy_init()) {}
-    ~ThreadHandle() {
-        if (handle != nullptr) {
-            curl_easy_cleanup(handle);
-        }
-    }
-    ThreadHandle(const ThreadHandle&) = delete;
-    ThreadHandle& operator=(const ThreadHandle&) = delete;
-
-    CURL* handle;
-};
-
-struct Collector {
-    std::string* bytes;
-    bool overflow = false;
-};
-
-size_t collect(char* data, size_t size, size_t count, void* context) {
-    Collector& collector = *static_cast<Collector*>(context);
-    const size_t length = size * count;
-    if (collector.bytes->size() + length > kMaxResponseBytes) {
-        collector.overflow = true;
-        return 0;  // libcurl stops with CURLE_WRITE_ERROR
-    }
-    collector.bytes->append(data, length);
-    return length;
-}
-
-struct CurlList {
-    curl_slist* head = nullptr;
-    ~CurlList() { curl_slist_free_all(head); }
-    bool add(const std::string& line) {
-        curl_slist* grown = curl_slist_append(head, line.c_str());
-        if (grown == nullptr) {
+// A token travels in a header line: visible ASCII only, so it can neither break
+// the line nor be changed on the way.
+bool isTokenText(const std::string& token) {
+    for (const char c : token) {
+        if (c < 0x21 || c > 0x7E) {
             return false;
         }
-        head = grown;
-        return true;
     }
-};
-
-// Loopback never goes through a proxy; other hosts follow the usual
-// http_proxy / no_proxy variables.
-std::string noProxyList() {
-    std::string list = "localhost,127.0.0.1,::1";
-    for (const char* variable : {"no_proxy", "NO_PROXY"}) {
-        const char* value = std::getenv(variable);
-        if (value != nullptr && *value != '\0') {
-            list += ",";
-            list += value;
-            break;
-        }
-    }
-    return list;
+    return true;
 }
 
 std::string trimmed(const std::string& text) {
@@ -122,142 +63,193 @@ std::string trimmed(const std::string& text) {
     return text.substr(0, end);
 }
 
+bool fail(BackendFailure& failure, int32_t code, const std::string& message) {
+    failure.code = code;
+    failure.message = message;
+    return false;
+}
+
+// Tells the connections of one backend from those of another (tests make
+// several in one process; a thread's connection belongs to the last it served).
+std::atomic<std::uint64_t> nextBackendId{1};
+
+// A child process inherits the forking thread's connection, socket and all; two
+// processes writing into one socket would mix their exchanges, so after a fork
+// the child leaves that socket to the parent and opens its own.
+std::atomic<unsigned> forkCount{0};
+
+void countFork() {
+    ++forkCount;
+}
+
 class HttpBackend : public Backend {
 public:
     explicit HttpBackend(const HttpSettings& settings)
-        : settings(settings),
-          endpoint(baseUrl(settings.url) + Wire::kExchangePath),
-          noProxy(noProxyList()) {}
+        : settings(settings), problem(settings.problem), id(nextBackendId++) {
+        static std::once_flag watchForks;
+        std::call_once(watchForks, [] { pthread_atfork(nullptr, nullptr, countFork); });
+        if (problem.empty() && parseHttpUrl(settings.url, url, problem) && url.secure) {
+            tls.reset(new boost::asio::ssl::context(boost::asio::ssl::context::tls_client));
+            boost::system::error_code ec;
+            tls->set_default_verify_paths(ec);
+            tls->set_verify_mode(boost::asio::ssl::verify_peer);
+            if (ec) {
+                problem = "Cannot load the system's certificate authorities for " + settings.url +
+                          ": " + ec.message();
+            }
+        }
+        if (problem.empty() && !isTokenText(settings.token)) {
+            problem = "QUORVEL_TOKEN must be printable ASCII without spaces.";
+        }
+    }
 
     std::size_t maxBodyBytes() const override { return kMaxRequestBodyBytes; }
 
     bool exchange(const HeaderFields& headers, const std::string& body, std::string& response,
                   BackendFailure& failure) override {
-        std::string problem = settings.problem;
-        if (problem.empty()) {
-            startCurl(problem);
-        }
+        response.clear();
         if (!problem.empty()) {
             return fail(failure, AVQVL_UNREACHABLE, problem);
         }
-        thread_local ThreadHandle thread;
-        CURL* curl = thread.handle;
-        if (curl == nullptr) {
-            return fail(failure, AVQVL_LIMIT, "libcurl could not create a handle.");
+        HttpConnection& connection = threadConnection();
+        if (!composeHead(headers, body.size(), connection.requestHead(), failure)) {
+            return false;
         }
-
-        CurlList lines;
-        for (const auto& field : headers) {
-            const std::string line =
-                std::string(Wire::kFieldHeaderName) + ": " + encodeField(field.first, field.second);
-            if (line.size() > Wire::kMaxFieldLineBytes) {
-                return fail(failure, AVQVL_LIMIT,
-                            "The header field \"" + field.first +
-                                "\" cannot travel to the Quorvel service: encoded it takes " +
-                                std::to_string(line.size()) + " bytes, more than the " +
-                                std::to_string(Wire::kMaxFieldLineBytes) +
-                                " a header line may hold.");
-            }
-            if (!lines.add(line)) {
-                return fail(failure, AVQVL_LIMIT, "Out of memory for the header fields.");
-            }
+        const auto exchangeBy =
+            DeadlineClock::now() + std::chrono::milliseconds(settings.timeoutMs);
+        const std::chrono::milliseconds connectTimeout(settings.connectTimeoutMs);
+        const bool reused = connection.isOpen();
+        HttpOutcome outcome =
+            connection.exchange(body, response, exchangeBy, connectTimeout, kMaxResponseBytes);
+        // A kept-alive connection may have been closed by the daemon while it
+        // lay idle (its keep-alive time-out, a restart); the request then went
+        // nowhere and is sent once more on a new connection. That is safe even
+        // for a POST that changes state because the daemon answers every request
+        // it handles, so a connection that closes without a single byte of
+        // answer carried no handled request. The honest limit: a daemon that
+        // dies after doing the work and before writing its first byte looks the
+        // same, and a daemon back up at once would then see the request twice.
+        // Never retried: a new connection, a partial answer, a time-out.
+        if (reused && outcome.fault == HttpFault::lost && !outcome.answerStarted) {
+            outcome =
+                connection.exchange(body, response, exchangeBy, connectTimeout, kMaxResponseBytes);
         }
-        // No "Expect: 100-continue" wait: the whole request goes out at once.
-        if (!lines.add("Content-Type: application/octet-stream") || !lines.add("Expect:")) {
-            return fail(failure, AVQVL_LIMIT, "Out of memory for the header fields.");
-        }
-
-        response.clear();
-        Collector collector{&response};
-        char errorText[CURL_ERROR_SIZE] = {0};
-        curl_easy_reset(curl);  // keeps the open connection, clears the options
-        curl_easy_setopt(curl, CURLOPT_URL, endpoint.c_str());
-        curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(curl, CURLOPT_TCP_NODELAY, 1L);
-        curl_easy_setopt(curl, CURLOPT_NOPROXY, noProxy.c_str());
-        curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, settings.timeoutMs);
-        curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, settings.connectTimeoutMs);
-        curl_easy_setopt(curl, CURLOPT_POST, 1L);
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, lines.head);
-        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
-        curl_easy_setopt(curl, CURLOPT_WRITEDATA, &collector);
-        curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
-
-        const CURLcode result = curl_easy_perform(curl);
-        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, nullptr);  // the list dies here
-        curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
-        if (result != CURLE_OK) {
-            const std::string cause = *errorText != '\0' ? errorText : curl_easy_strerror(result);
+        if (outcome.fault != HttpFault::none) {
             response.clear();
-            return failTransfer(failure, result, collector.overflow, cause);
+            return failWith(outcome, failure);
         }
-        long status = 0;
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-        if (status == 200) {
+        if (outcome.status == 200) {
             return true;
         }
         const std::string message = trimmed(response);
         response.clear();
-        const int32_t code = transportCodeForStatus(static_cast<int>(status));
+        return failWithStatus(outcome.status, message, failure);
+    }
+
+private:
+    HttpConnection& threadConnection() {
+        thread_local std::uint64_t owner = 0;
+        thread_local unsigned forks = 0;
+        thread_local std::unique_ptr<HttpConnection> connection;
+        if (owner != id || forks != forkCount) {
+            connection.reset(new HttpConnection(url, tls.get()));
+            owner = id;
+            forks = forkCount;
+        }
+        return *connection;
+    }
+
+    bool composeHead(const HeaderFields& headers, std::size_t bodyBytes, std::string& head,
+                     BackendFailure& failure) const {
+        head.clear();
+        head.append("POST ").append(url.target).append(" HTTP/1.1\r\nHost: ");
+        head.append(url.hostHeader).append("\r\n");
+        if (!settings.token.empty()) {
+            head.append("Authorization: Bearer ").append(settings.token).append("\r\n");
+        }
+        for (const auto& field : headers) {
+            const std::size_t lineStart = head.size();
+            head.append(Wire::kFieldHeaderName).append(": ");
+            head.append(Wire::encodeField(field.first, field.second));
+            const std::size_t lineBytes = head.size() - lineStart;
+            if (lineBytes > Wire::kMaxFieldLineBytes) {
+                return fail(failure, AVQVL_LIMIT,
+                            "The header field \"" + field.first +
+                                "\" cannot travel to the Quorvel service: encoded it takes " +
+                                std::to_string(lineBytes) + " bytes, more than the " +
+                                std::to_string(Wire::kMaxFieldLineBytes) +
+                                " a header line may hold.");
+            }
+            head.append("\r\n");
+        }
+        head.append("Content-Type: application/octet-stream\r\nContent-Length: ");
+        head.append(std::to_string(bodyBytes)).append("\r\n\r\n");
+        return true;
+    }
+
+    // The one place where a failed exchange gets its code and its words.
+    bool failWith(const HttpOutcome& outcome, BackendFailure& failure) const {
+        const std::string where = "the Quorvel service at " + settings.url;
+        const std::string& detail = outcome.detail;
+        switch (outcome.fault) {
+            case HttpFault::unresolved:
+                return fail(failure, AVQVL_UNREACHABLE, "Cannot reach " + where + ": " + detail);
+            case HttpFault::refused:
+                return fail(failure, AVQVL_UNREACHABLE,
+                            "Cannot reach " + where + ": couldn't connect (" + detail + ")");
+            case HttpFault::untrusted:
+                return fail(
+                    failure, AVQVL_UNREACHABLE,
+                    "Cannot reach " + where + ": its certificate failed verification: " + detail);
+            case HttpFault::tlsFailed:
+                return fail(failure, AVQVL_UNREACHABLE,
+                            "Cannot reach " + where + ": the TLS handshake failed: " + detail);
+            case HttpFault::connectTimedOut:
+                return fail(failure, AVQVL_TIMED_OUT,
+                            "Cannot reach " + where + ": couldn't connect within the time-out (" +
+                                std::to_string(settings.connectTimeoutMs) + " ms)");
+            case HttpFault::timedOut:
+                return fail(failure, AVQVL_TIMED_OUT,
+                            "No answer from " + where + " within the time-out (" +
+                                std::to_string(settings.timeoutMs) + " ms)");
+            case HttpFault::lost:
+                return fail(failure, AVQVL_CONNECTION_LOST,
+                            "The connection to " + where + " broke during the exchange: " + detail);
+            case HttpFault::malformed:
+                return fail(failure, AVQVL_OTHER_ANSWER,
+                            "The answer of " + where + " is malformed: " + detail);
+            case HttpFault::tooLarge:
+                return fail(failure, AVQVL_LIMIT,
+                            "The answer of " + where + " is longer than " +
+                                std::to_string(kMaxResponseBytes) + " bytes.");
+            case HttpFault::none:
+                break;
+        }
+        return fail(failure, AVQVL_OTHER_ANSWER, "The exchange with " + where + " failed.");
+    }
+
+    bool failWithStatus(int status, const std::string& message, BackendFailure& failure) const {
+        const int32_t code = transportCodeForStatus(status);
+        const std::string where = "The Quorvel service at " + settings.url;
+        if (code == AVQVL_TOKEN_REFUSED) {
+            return fail(
+                failure, code,
+                settings.token.empty()
+                    ? where + " refused the request without a token (set QUORVEL_TOKEN): " + message
+                    : where + " refused the token in QUORVEL_TOKEN: " + message);
+        }
         if (code == AVQVL_OTHER_ANSWER) {
             return fail(failure, code,
-                        "The Quorvel service at " + settings.url + " answered status " +
-                            std::to_string(status) + ": " + message);
+                        where + " answered status " + std::to_string(status) + ": " + message);
         }
         return fail(failure, code, message);
     }
 
-private:
-    static std::string baseUrl(std::string url) {
-        while (!url.empty() && url.back() == '/') {
-            url.pop_back();
-        }
-        return url;
-    }
-
-    static bool fail(BackendFailure& failure, int32_t code, const std::string& message) {
-        failure.code = code;
-        failure.message = message;
-        return false;
-    }
-
-    bool failTransfer(BackendFailure& failure, CURLcode result, bool overflow,
-                      const std::string& cause) const {
-        const std::string where = "the Quorvel service at " + settings.url;
-        switch (result) {
-            case CURLE_OPERATION_TIMEDOUT:
-                return fail(failure, AVQVL_TIMED_OUT,
-                            "No answer from " + where + " within the time-out (" +
-                                std::to_string(settings.timeoutMs) + " ms, connect " +
-                                std::to_string(settings.connectTimeoutMs) + " ms): " + cause);
-            case CURLE_GOT_NOTHING:
-            case CURLE_SEND_ERROR:
-            case CURLE_RECV_ERROR:
-            case CURLE_PARTIAL_FILE:
-                return fail(failure, AVQVL_CONNECTION_LOST,
-                            "The connection to " + where + " broke during the exchange: " + cause);
-            case CURLE_WRITE_ERROR:
-                if (overflow) {
-                    return fail(failure, AVQVL_LIMIT,
-                                "The answer of " + where + " is longer than " +
-                                    std::to_string(kMaxResponseBytes) + " bytes.");
-                }
-                break;
-            case CURLE_OUT_OF_MEMORY:
-                return fail(failure, AVQVL_LIMIT,
-                            "libcurl ran out of memory talking to " + where + ".");
-            default:
-                break;
-        }
-        return fail(failure, AVQVL_UNREACHABLE, "Cannot reach " + where + ": " + cause);
-    }
-
     const HttpSettings settings;
-    const std::string endpoint;
-    const std::string noProxy;
+    std::string problem;
+    HttpUrl url;
+    std::unique_ptr<boost::asio::ssl::context> tls;
+    const std::uint64_t id;
 };
 
 }  // namespace
@@ -268,11 +260,8 @@ bool httpSettingsFromEnvironment(HttpSettings& settings) {
         return false;
     }
     settings.url = url;
-    if (settings.url.compare(0, 7, "http://") != 0 && settings.url.compare(0, 8, "https://") != 0) {
-        settings.problem =
-            "QUORVEL_URL must start with http:// or https://, not \"" + settings.url + "\".";
-        return true;
-    }
+    const char* token = std::getenv("QUORVEL_TOKEN");
+    settings.token = token != nullptr ? token : "";
     if (readMilliseconds("QUORVEL_TIMEOUT_MS", settings.timeoutMs, settings.problem)) {
         readMilliseconds("QUORVEL_CONNECT_TIMEOUT_MS", settings.connectTimeoutMs, settings.problem);
     }

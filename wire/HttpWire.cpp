@@ -107,6 +107,8 @@ int32_t transportCodeForStatus(int status) {
         case kTooManyRequestsStatus:
         case kLimitStatus:
             return AVQVL_LIMIT;
+        case kUnauthorizedStatus:
+            return AVQVL_TOKEN_REFUSED;
         default:
             return AVQVL_OTHER_ANSWER;
     }

@@ -17,6 +17,7 @@
 //   413 body over the daemon's limit                        <->  AVQVL_LIMIT
 //   431 request head or a header line too large             <->  AVQVL_LIMIT
 //   429 too many requests (from a proxy in front)            ->  AVQVL_LIMIT
+//   401 the access token is missing or wrong                 ->  AVQVL_TOKEN_REFUSED
 //   507 a queue or client limit of the service              <->  AVQVL_LIMIT
 //   404, 405, 408, 411 and any other status                 <->  AVQVL_OTHER_ANSWER
 //                                                     ("status N: message")
@@ -66,6 +67,7 @@ constexpr int kHeadTooLargeStatus = 431;
 constexpr int kTooManyRequestsStatus = 429;
 constexpr int kRefusedStatus = 422;
 constexpr int kLimitStatus = 507;
+constexpr int kUnauthorizedStatus = 401;
 
 // The transport code an error status of the daemon stands for.
 int32_t transportCodeForStatus(int status);

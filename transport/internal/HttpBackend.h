@@ -1,15 +1,18 @@
-// The backend that carries each exchange to a quorveld daemon over HTTP (or
-// HTTPS: libcurl does TLS and checks the daemon's certificate against the
-// system's authorities). The protocol is in HttpWire.h.
+// The backend that carries each exchange to a quorveld daemon over HTTP, or
+// HTTPS: TLS over OpenSSL, the daemon's certificate checked against the
+// system's authorities (SSL_CERT_FILE and SSL_CERT_DIR override them) and its
+// name against the URL's host. The protocol is in HttpWire.h.
 //
-// Each calling thread has its own libcurl easy handle, reused for all of that
-// thread's exchanges, so its TCP connection stays open between exchanges and
-// threads never wait for each other.
+// Each calling thread has its own kept-alive connection (HttpConnection.h), so
+// threads never wait for each other. Thread-safe; nothing throws but
+// std::bad_alloc.
 //
-// Failures: the daemon cannot be reached -2999, no answer in time -2998, the
-// connection broke during the exchange -2997, the service refused the request
-// -3017 (its own message), a limit -3016, any other answer -3099 with the HTTP
-// status and the service's message.
+// Failures, each naming this exchange's own cause: the daemon cannot be reached
+// (refused, unknown host, certificate or TLS failure, bad settings) -2999; no
+// connection within the connect time-out or no answer within the exchange
+// time-out -2998; the connection broke before the answer was whole -2997; the
+// token refused (401) -2996; the service refused the request -3017 (its own
+// message); a limit -3016; a malformed answer, or any other status, -3099.
 #ifndef AVQVL_TRANSPORT_INTERNAL_HTTPBACKEND_H
 #define AVQVL_TRANSPORT_INTERNAL_HTTPBACKEND_H
 
@@ -27,15 +30,19 @@ struct HttpSettings {
     std::string url;  // base URL of the daemon, e.g. "http://127.0.0.1:7070"
     long timeoutMs = 30000;
     long connectTimeoutMs = 5000;
+    // When not empty, every request carries "Authorization: Bearer <token>".
+    std::string token;
     // When not empty, every exchange fails with -2999 and this message (a
     // setting from the environment that cannot be used).
     std::string problem;
 };
 
-// QUORVEL_URL, QUORVEL_TIMEOUT_MS and QUORVEL_CONNECT_TIMEOUT_MS. Returns false
-// when QUORVEL_URL is unset or empty (the embedded service is then used).
+// QUORVEL_URL, QUORVEL_TIMEOUT_MS, QUORVEL_CONNECT_TIMEOUT_MS and QUORVEL_TOKEN.
+// Returns false when QUORVEL_URL is unset or empty (the embedded service is
+// then used).
 bool httpSettingsFromEnvironment(HttpSettings& settings);
 
+// The URL is checked here: a bad one makes every exchange fail with -2999.
 std::unique_ptr<Backend> makeHttpBackend(const HttpSettings& settings);
 
 }  // namespace Transport

@@ -1,0 +1,479 @@
+// The transport's HTTP backend against servers that misbehave on purpose (small
+// fake servers on loopback, plain and TLS) and against a real quorveld that is
+// stopped and started again: each failure gets its own code and its own words,
+// kept-alive connections closed by the server are replaced without the caller
+// noticing, and nothing is sent twice once an answer has begun.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/string_body.hpp>
+#include <cstdio>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "daemon/DaemonHarness.h"
+#include "transport/internal/DeadlineSocket.h"
+#include "transport/internal/HttpBackend.h"
+#include "transport/internal/HttpUrl.h"
+#include "wire/HttpWire.h"
+
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+namespace Transport = Arvant::Net::AvQuorvel::Transport;
+namespace Wire = Arvant::Net::AvQuorvel::Wire;
+using std::chrono::milliseconds;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using Request = http::request<http::string_body>;
+
+namespace {
+
+// One accepted connection, plain or TLS, as a fake server's script sees it. Every
+// read gives up after five seconds, so no script can hang the test.
+class Peer {
+public:
+    Peer(asio::io_context& io, asio::ip::tcp::socket&& accepted, asio::ssl::context* tls)
+        : socket(io) {
+        socket.adopt(std::move(accepted));
+        socket.setDeadline(Transport::DeadlineClock::now() + std::chrono::seconds(5));
+        if (tls != nullptr) {
+            secure.reset(new asio::ssl::stream<Transport::DeadlineSocket&>(socket, *tls));
+            boost::system::error_code ec;
+            secure->handshake(asio::ssl::stream_base::server, ec);
+            handshaken = !ec;
+        }
+    }
+    bool handshaken = true;
+
+    // False when the client closed the connection (or went silent).
+    bool read(Request& request) {
+        request = {};
+        boost::system::error_code ec;
+        secure ? http::read(*secure, buffer, request, ec) : http::read(socket, buffer, request, ec);
+        return !ec;
+    }
+    void send(const std::string& bytes) {
+        boost::system::error_code ec;
+        secure ? asio::write(*secure, asio::buffer(bytes), ec)
+               : asio::write(socket, asio::buffer(bytes), ec);
+    }
+
+private:
+    Transport::DeadlineSocket socket;
+    std::unique_ptr<asio::ssl::stream<Transport::DeadlineSocket&>> secure;
+    boost::beast::flat_buffer buffer;
+};
+
+std::string answer(const std::string& body, int status = 200) {
+    return "HTTP/1.1 " + std::to_string(status) +
+           " X\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+// A server on 127.0.0.1 and an ephemeral port that runs script on every
+// connection it accepts, each in a thread of its own, until it is destroyed.
+class FakeServer {
+public:
+    using Script = std::function<void(Peer&)>;
+
+    explicit FakeServer(Script script, asio::ssl::context* tls = nullptr)
+        : script(std::move(script)), tls(tls) {
+        acceptor.open(asio::ip::tcp::v4());
+        acceptor.bind({asio::ip::address_v4::loopback(), 0});
+        acceptor.listen();
+        acceptor.non_blocking(true);
+        accepting = std::thread([this] { acceptLoop(); });
+    }
+    ~FakeServer() {
+        stopping = true;
+        accepting.join();
+        {
+            // Wakes the scripts still waiting for a request on a kept-alive connection.
+            std::lock_guard<std::mutex> lock(mutex);
+            for (const int fd : open) {
+                ::shutdown(fd, SHUT_RDWR);
+            }
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    }
+
+    std::string url(const char* scheme = "http") const {
+        return std::string(scheme) + "://127.0.0.1:" + std::to_string(port());
+    }
+    int port() const { return acceptor.local_endpoint().port(); }
+    // Waits (two seconds at most) until count connections have ended.
+    bool waitEnded(int count) {
+        for (int i = 0; i < 1000 && ended < count; ++i) {
+            std::this_thread::sleep_for(milliseconds(2));
+        }
+        return ended >= count;
+    }
+
+    std::atomic<int> connections{0}, requests{0}, ended{0};
+
+private:
+    void acceptLoop() {
+        while (!stopping) {
+            pollfd entry{acceptor.native_handle(), POLLIN, 0};
+            if (::poll(&entry, 1, 20) <= 0) {
+                continue;
+            }
+            boost::system::error_code ec;
+            asio::ip::tcp::socket accepted = acceptor.accept(ec);
+            if (ec) {
+                continue;
+            }
+            ++connections;
+            const int fd = accepted.native_handle();
+            std::lock_guard<std::mutex> lock(mutex);
+            open.insert(fd);
+            threads.emplace_back(
+                [this, fd](asio::ip::tcp::socket socket) { serve(fd, std::move(socket)); },
+                std::move(accepted));
+        }
+    }
+    void serve(int fd, asio::ip::tcp::socket&& accepted) {
+        {
+            Peer peer(io, std::move(accepted), tls);
+            if (peer.handshaken) {
+                script(peer);
+            }
+            std::lock_guard<std::mutex> lock(mutex);
+            open.erase(fd);
+        }  // closed here, after it left the set the destructor shuts down
+        ++ended;
+    }
+
+    Script script;
+    asio::ssl::context* tls;
+    asio::io_context io;
+    asio::ip::tcp::acceptor acceptor{io};
+    std::atomic<bool> stopping{false};
+    std::thread accepting;
+    std::mutex mutex;
+    std::set<int> open;
+    std::vector<std::thread> threads;
+};
+
+struct Outcome {
+    bool ok;
+    int32_t code;
+    std::string text;  // the response, or the failure's message
+};
+
+Outcome exchange(Transport::Backend& backend, const std::string& body = "AvQVL Status check") {
+    std::string response;
+    Transport::BackendFailure failure;
+    const Transport::HeaderFields fields = {{"Service-Name", "AvQVLRequest"},
+                                            {"Operation-Name", "getStatus"}};
+    const bool ok = backend.exchange(fields, body, response, failure);
+    return {ok, ok ? 0 : failure.code, ok ? response : failure.message};
+}
+
+std::unique_ptr<Transport::Backend> backendFor(const std::string& url, long timeoutMs = 5000,
+                                               const std::string& token = "") {
+    Transport::HttpSettings settings;
+    settings.url = url;
+    settings.timeoutMs = timeoutMs;
+    settings.token = token;
+    return Transport::makeHttpBackend(settings);
+}
+
+}  // namespace
+
+TEST(HttpUrlTest, TakesApartWhatItCanUseAndNamesWhatItCannot) {
+    const struct {
+        const char* text;
+        bool secure;
+        const char *host, *port, *target;
+    } good[] = {
+        {"http://127.0.0.1:7070", false, "127.0.0.1", "7070", "/quorvel/v1/exchange"},
+        {"https://q.example.org/", true, "q.example.org", "443", "/quorvel/v1/exchange"},
+        {"http://[::1]:80/prefix//", false, "::1", "80", "/prefix/quorvel/v1/exchange"},
+        {"http://localhost", false, "localhost", "80", "/quorvel/v1/exchange"},
+    };
+    for (const auto& row : good) {
+        Transport::HttpUrl url;
+        std::string problem;
+        ASSERT_TRUE(Transport::parseHttpUrl(row.text, url, problem)) << row.text << problem;
+        EXPECT_EQ(url.secure, row.secure) << row.text;
+        EXPECT_EQ(url.host, row.host) << row.text;
+        EXPECT_EQ(url.port, row.port) << row.text;
+        EXPECT_EQ(url.target, row.target) << row.text;
+    }
+    for (const char* text :
+         {"ftp://h", "http://", "http://:80", "http://h:0", "http://h:65536", "http://h:8x",
+          "http://u@h", "http://h/?q", "http://[::1", "http://[1.2.3.4]", "http://h h"}) {
+        Transport::HttpUrl url;
+        std::string problem;
+        EXPECT_FALSE(Transport::parseHttpUrl(text, url, problem)) << text;
+        EXPECT_THAT(problem, HasSubstr("QUORVEL_URL")) << text;
+    }
+    // A bad URL or token is every exchange's failure, before anything is sent.
+    const Outcome bad = exchange(*backendFor("ftp://h"));
+    EXPECT_EQ(bad.code, AVQVL_UNREACHABLE);
+    EXPECT_THAT(bad.text, HasSubstr("http://"));
+    EXPECT_EQ(exchange(*backendFor("http://127.0.0.1:1", 5000, "a b")).code, AVQVL_UNREACHABLE);
+    EXPECT_EQ(Wire::transportCodeForStatus(Wire::kUnauthorizedStatus), AVQVL_TOKEN_REFUSED);
+}
+
+TEST(HttpBackendTest, ConnectionClosedWhileIdleIsReplacedTransparently) {
+    FakeServer server([&server](Peer& peer) {
+        Request request;
+        if (peer.read(request)) {  // one answer, kept alive, then closed as if idle too long
+            peer.send(answer("answer " + std::to_string(++server.requests)));
+        }
+    });
+    auto backend = backendFor(server.url());
+    EXPECT_EQ(exchange(*backend).text, "answer 1");
+    ASSERT_TRUE(server.waitEnded(1));
+    const Outcome second = exchange(*backend);
+    EXPECT_TRUE(second.ok) << second.text;
+    EXPECT_EQ(second.text, "answer 2");
+    EXPECT_EQ(server.connections, 2);
+    EXPECT_EQ(server.requests, 2) << "the request went out once on the new connection";
+}
+
+TEST(HttpBackendTest, ForkedChildOpensItsOwnConnection) {
+    FakeServer server([&server](Peer& peer) {
+        Request request;
+        while (peer.read(request)) {
+            peer.send(answer("answer " + std::to_string(++server.requests)));
+        }
+    });
+    auto backend = backendFor(server.url());
+    EXPECT_EQ(exchange(*backend).text, "answer 1");
+    // The parent's connection stays open; the child must not write into it.
+    Harness::Child child([&backend] { return exchange(*backend).text == "answer 2" ? 0 : 1; });
+    EXPECT_EQ(child.wait(10000), 0) << child.err();
+    EXPECT_EQ(exchange(*backend).text, "answer 3");
+    EXPECT_EQ(server.connections, 2);
+}
+
+// Each way an answer can go wrong, on a connection that had already served one
+// exchange (so a retry would be possible): its own code and words, and no retry.
+TEST(HttpBackendTest, EachBrokenAnswerIsNamedAndNeverRetried) {
+    const struct {
+        const char* name;
+        std::function<void(Peer&)> second;  // what the server does with the second request
+        int32_t code;
+        const char* words;
+        long timeoutMs = 10000;  // short only where the time-out is the point
+    } rows[] = {
+        {"silent",
+         [](Peer& peer) {
+             Request r;
+             peer.read(r);
+         },
+         AVQVL_TIMED_OUT, "within the time-out (500 ms)", 500},
+        {"garbage", [](Peer& peer) { peer.send("hello there\r\n\r\n"); }, AVQVL_OTHER_ANSWER,
+         "is malformed"},
+        {"cut short",
+         [](Peer& peer) { peer.send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc"); },
+         AVQVL_CONNECTION_LOST, "before the answer was complete"},
+        {"huge",
+         [](Peer& peer) { peer.send("HTTP/1.1 200 OK\r\nContent-Length: 99999999999\r\n\r\n"); },
+         AVQVL_LIMIT, "longer than"},
+    };
+    for (const auto& row : rows) {
+        FakeServer server([&](Peer& peer) {
+            Request request;
+            if (peer.read(request)) {
+                peer.send(answer("first"));
+            }
+            if (peer.read(request)) {
+                ++server.requests;
+                row.second(peer);
+            }
+        });
+        auto backend = backendFor(server.url(), row.timeoutMs);
+        ASSERT_EQ(exchange(*backend).text, "first") << row.name;
+        const Outcome broken = exchange(*backend);
+        EXPECT_FALSE(broken.ok) << row.name;
+        EXPECT_EQ(broken.code, row.code) << row.name << ": " << broken.text;
+        EXPECT_THAT(broken.text, HasSubstr(row.words)) << row.name;
+        EXPECT_THAT(broken.text, HasSubstr(server.url())) << row.name;
+        EXPECT_EQ(server.connections, 1) << row.name;
+        EXPECT_EQ(server.requests, 1) << row.name;
+    }
+}
+
+// Runs quorveld on 127.0.0.1:port (0: any free port) and returns the port, or 0.
+int startDaemon(std::unique_ptr<Harness::Child>& daemon, int port) {
+    daemon.reset(new Harness::Child(Harness::program(
+        {QUORVELD_BINARY, "--listen", "127.0.0.1:" + std::to_string(port), "--quiet"})));
+    int listening = 0;
+    char newline = 0;
+    for (int i = 0; i < 2000 && newline != '\n' && daemon->running(); ++i) {
+        std::this_thread::sleep_for(milliseconds(5));
+        std::sscanf(daemon->out().c_str(), "quorveld listening on 127.0.0.1:%d%c", &listening,
+                    &newline);
+    }
+    return newline == '\n' ? listening : 0;
+}
+
+TEST(HttpBackendTest, ClientRecoversAcrossADaemonRestart) {
+    std::unique_ptr<Harness::Child> daemon;
+    const int port = startDaemon(daemon, 0);
+    ASSERT_NE(port, 0) << daemon->err();
+    // The default time-out: a daemon built with a sanitizer answers slowly.
+    auto backend = backendFor("http://127.0.0.1:" + std::to_string(port), 30000);
+    const Outcome up = exchange(*backend);
+    EXPECT_TRUE(up.ok) << up.text;
+
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait(10000), 0);
+    // Down: the kept-alive connection is found closed, and the new one refused.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const Outcome down = exchange(*backend);
+        EXPECT_EQ(down.code, AVQVL_UNREACHABLE) << down.text;
+        EXPECT_THAT(down.text, HasSubstr("couldn't connect"));
+        EXPECT_THAT(down.text, Not(HasSubstr("reset")));
+    }
+
+    ASSERT_EQ(startDaemon(daemon, port), port) << daemon->err();
+    const Outcome back = exchange(*backend);
+    EXPECT_TRUE(back.ok) << back.text;
+    EXPECT_NE(back.text, "");
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait(10000), 0);
+}
+
+TEST(HttpBackendTest, EveryThreadKeepsItsOwnConnection) {
+    FakeServer server([&server](Peer& peer) {
+        Request request;
+        while (peer.read(request)) {
+            ++server.requests;
+            peer.send(answer(request.body()));  // echoes, so answers cannot cross
+        }
+    });
+    auto backend = backendFor(server.url());
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&backend, &wrong, t] {
+            for (int i = 0; i < 50; ++i) {
+                const std::string body = std::to_string(t) + "/" + std::to_string(i);
+                wrong += exchange(*backend, body).text != body;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(server.requests, 200);
+    EXPECT_EQ(server.connections, 4);
+}
+
+TEST(HttpBackendTest, TokenTravelsAsBearerAndRefusalIsNamed) {
+    FakeServer server([](Peer& peer) {
+        Request request;
+        while (peer.read(request)) {
+            peer.send(request[http::field::authorization] == "Bearer s3cret"
+                          ? answer("welcome")
+                          : answer("missing or wrong token", Wire::kUnauthorizedStatus));
+        }
+    });
+    const struct {
+        const char* token;
+        int32_t code;
+        const char* words;
+    } rows[] = {
+        {"s3cret", 0, "welcome"},
+        {"guess", AVQVL_TOKEN_REFUSED, "refused the token in QUORVEL_TOKEN: missing or wrong"},
+        {"", AVQVL_TOKEN_REFUSED, "without a token"},
+    };
+    for (const auto& row : rows) {
+        const Outcome outcome = exchange(*backendFor(server.url(), 5000, row.token));
+        EXPECT_EQ(outcome.code, row.code) << row.token;
+        EXPECT_THAT(outcome.text, HasSubstr(row.words)) << row.token;
+    }
+    // The client library raises the refusal as a connection failure.
+    const Harness::Result cli = Harness::quorvel(
+        {"register", "s", "c"}, {"QUORVEL_URL=" + server.url(), "QUORVEL_TOKEN=guess"});
+    EXPECT_EQ(cli.code, 1);
+    EXPECT_THAT(cli.err, HasSubstr("AvQVLConnectionException"));
+    EXPECT_THAT(cli.err, HasSubstr("refused the token"));
+}
+
+// A throwaway certificate authority made with the openssl tool: a self-signed
+// certificate for the names given, and its key.
+class Certificate {
+public:
+    Certificate(const std::string& directory, const std::string& name, const std::string& names)
+        : cert(directory + "/" + name + ".pem"), key(directory + "/" + name + ".key") {
+        const std::string command =
+            "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1"
+            " -subj /CN=" +
+            name + " -addext subjectAltName=" + names + " -keyout " + key + " -out " + cert +
+            " >/dev/null 2>&1";
+        made = std::system(command.c_str()) == 0;
+    }
+    bool made;
+    const std::string cert, key;
+};
+
+TEST(HttpBackendTest, TlsVerifiesTheCertificateAndTheName) {
+    char directory[] = "/tmp/avqvl-tls-XXXXXX";
+    ASSERT_NE(::mkdtemp(directory), nullptr);
+    const Certificate local(directory, "local", "DNS:localhost,IP:127.0.0.1");
+    const Certificate elsewhere(directory, "elsewhere", "DNS:elsewhere.invalid");
+    ASSERT_TRUE(local.made && elsewhere.made) << "the openssl tool failed";
+
+    const struct {
+        const char* name;
+        const Certificate& served;
+        const Certificate& trusted;
+        const char* host;
+        int32_t code;
+        const char* words;
+    } rows[] = {
+        {"trusted by address", local, local, "127.0.0.1", 0, "secret answer"},
+        {"trusted by name", local, local, "localhost", 0, "secret answer"},
+        {"unknown authority", local, elsewhere, "127.0.0.1", AVQVL_UNREACHABLE,
+         "certificate failed verification: self-signed certificate"},
+        {"other name", elsewhere, elsewhere, "127.0.0.1", AVQVL_UNREACHABLE,
+         "certificate failed verification: IP address mismatch"},
+    };
+    for (const auto& row : rows) {
+        asio::ssl::context serverTls(asio::ssl::context::tls_server);
+        serverTls.use_certificate_chain_file(row.served.cert);
+        serverTls.use_private_key_file(row.served.key, asio::ssl::context::pem);
+        // The client reads its authorities when the backend is made.
+        ::setenv("SSL_CERT_FILE", row.trusted.cert.c_str(), 1);
+        ::setenv("SSL_CERT_DIR", directory, 1);
+        FakeServer server(
+            [](Peer& peer) {
+                Request request;
+                while (peer.read(request)) {
+                    peer.send(answer("secret answer"));
+                }
+            },
+            &serverTls);
+        auto backend =
+            backendFor(std::string("https://") + row.host + ":" + std::to_string(server.port()));
+        ::unsetenv("SSL_CERT_FILE");
+        ::unsetenv("SSL_CERT_DIR");
+        const Outcome outcome = exchange(*backend);
+        EXPECT_EQ(outcome.code, row.code) << row.name << ": " << outcome.text;
+        EXPECT_THAT(outcome.text, HasSubstr(row.words)) << row.name;
+    }
+    for (const Certificate* made : {&local, &elsewhere}) {
+        std::remove(made->cert.c_str());
+        std::remove(made->key.c_str());
+    }
+    ::rmdir(directory);
+}

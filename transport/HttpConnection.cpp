@@ -1,0 +1,183 @@
+#include "transport/internal/HttpConnection.h"
+
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+
+#include <algorithm>
+#include <array>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/error.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/read.hpp>
+
+#include "transport/internal/HttpAnswer.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Transport {
+
+namespace {
+
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+using boost::system::error_code;
+using tcp = asio::ip::tcp;
+
+HttpOutcome faulted(HttpFault fault, const std::string& detail, bool answerStarted = false) {
+    HttpOutcome outcome;
+    outcome.fault = fault;
+    outcome.detail = detail;
+    outcome.answerStarted = answerStarted;
+    return outcome;
+}
+
+// What a failed write or read means for the exchange.
+HttpOutcome classify(const error_code& ec, bool answerStarted) {
+    if (ec == asio::error::timed_out) {
+        return faulted(HttpFault::timedOut, ec.message(), answerStarted);
+    }
+    if (ec == http::error::body_limit) {
+        return faulted(HttpFault::tooLarge, ec.message(), answerStarted);
+    }
+    if (ec == http::error::end_of_stream || ec == asio::error::eof ||
+        ec == asio::ssl::error::stream_truncated) {
+        return faulted(HttpFault::lost,
+                       answerStarted ? "the service closed the connection before the answer "
+                                       "was complete"
+                                     : "the service closed the connection without answering",
+                       answerStarted);
+    }
+    if (ec == http::error::partial_message) {
+        return faulted(HttpFault::lost,
+                       "the service closed the connection before the answer was complete",
+                       answerStarted);
+    }
+    if (ec.category() == http::make_error_code(http::error::bad_version).category()) {
+        return faulted(HttpFault::malformed, ec.message(), answerStarted);
+    }
+    return faulted(HttpFault::lost, ec.message(), answerStarted);
+}
+
+}  // namespace
+
+HttpConnection::HttpConnection(const HttpUrl& url, asio::ssl::context* tls)
+    : url(url), tls(tls), socket(io) {}
+
+HttpConnection::~HttpConnection() {
+    close();
+}
+
+void HttpConnection::close() {
+    // No TLS close_notify: the daemon reads a closed connection as the end
+    // either way, and waiting for its reply would only delay the caller.
+    tlsStream.reset();
+    socket.close();
+    readBuffer.clear();
+}
+
+HttpOutcome HttpConnection::exchange(const std::string& body, std::string& answerBody,
+                                     DeadlineClock::time_point exchangeBy,
+                                     DeadlineClock::duration connectTimeout,
+                                     std::uint64_t maxAnswerBytes) {
+    if (!isOpen()) {
+        const HttpOutcome connected =
+            connect(std::min(exchangeBy, DeadlineClock::now() + connectTimeout));
+        if (connected.fault != HttpFault::none) {
+            close();
+            return connected;
+        }
+    }
+    socket.setDeadline(exchangeBy);
+    HttpOutcome outcome = tlsStream ? transfer(*tlsStream, body, answerBody, maxAnswerBytes)
+                                    : transfer(socket, body, answerBody, maxAnswerBytes);
+    if (outcome.fault != HttpFault::none) {
+        close();
+    }
+    return outcome;
+}
+
+HttpOutcome HttpConnection::connect(DeadlineClock::time_point connectBy) {
+    error_code ec;
+    tcp::resolver resolver(io);
+    const tcp::resolver::results_type addresses =
+        resolver.resolve(url.host, url.port, tcp::resolver::numeric_service, ec);
+    if (ec) {
+        return faulted(HttpFault::unresolved,
+                       "cannot resolve the host name \"" + url.host + "\": " + ec.message());
+    }
+    std::string tried;
+    for (const auto& address : addresses) {
+        ec = socket.connect(address.endpoint(), connectBy);
+        if (!ec) {
+            return tls != nullptr ? handshake(connectBy) : HttpOutcome();
+        }
+        if (ec == asio::error::timed_out) {
+            return faulted(HttpFault::connectTimedOut, ec.message());
+        }
+        tried += (tried.empty() ? "" : "; ") + address.endpoint().address().to_string() + " port " +
+                 url.port + ": " + ec.message();
+    }
+    return faulted(HttpFault::refused, tried);
+}
+
+HttpOutcome HttpConnection::handshake(DeadlineClock::time_point connectBy) {
+    tlsStream.reset(new asio::ssl::stream<DeadlineSocket&>(socket, *tls));
+    SSL* const ssl = tlsStream->native_handle();
+    X509_VERIFY_PARAM* const checks = SSL_get0_param(ssl);
+    // The certificate must name the host of the URL: its address, or its name,
+    // which also travels as SNI so a server with several names picks the right one.
+    const bool named = url.hostIsAddress
+                           ? X509_VERIFY_PARAM_set1_ip_asc(checks, url.host.c_str()) == 1
+                           : X509_VERIFY_PARAM_set1_host(checks, url.host.c_str(), 0) == 1 &&
+                                 SSL_set_tlsext_host_name(ssl, url.host.c_str()) == 1;
+    if (!named) {
+        return faulted(HttpFault::tlsFailed, "cannot check certificates for \"" + url.host + "\"");
+    }
+    X509_VERIFY_PARAM_set_hostflags(checks, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    socket.setDeadline(connectBy);
+    error_code ec;
+    tlsStream->handshake(asio::ssl::stream_base::client, ec);
+    if (!ec) {
+        return HttpOutcome();
+    }
+    const long verified = SSL_get_verify_result(ssl);
+    if (verified != X509_V_OK) {
+        return faulted(HttpFault::untrusted, X509_verify_cert_error_string(verified));
+    }
+    if (ec == asio::error::timed_out) {
+        return faulted(HttpFault::connectTimedOut, ec.message());
+    }
+    return faulted(HttpFault::tlsFailed, ec.message());
+}
+
+template <typename Stream>
+HttpOutcome HttpConnection::transfer(Stream& stream, const std::string& body,
+                                     std::string& answerBody, std::uint64_t maxAnswerBytes) {
+    error_code ec;
+    const std::array<asio::const_buffer, 2> request = {asio::buffer(head), asio::buffer(body)};
+    asio::write(stream, request, ec);
+    if (ec) {
+        return classify(ec, false);
+    }
+    HttpAnswer answer(answerBody, maxAnswerBytes);
+    http::read(stream, readBuffer, answer, ec);
+    if (ec) {
+        return classify(ec, answer.got_some() || readBuffer.size() != 0);
+    }
+    // Bytes beyond the answer belong to no exchange of ours: the connection's
+    // state is unknown, so the next exchange starts on a new one.
+    if (!answer.keep_alive() || readBuffer.size() != 0) {
+        close();
+    }
+    HttpOutcome outcome;
+    outcome.answerStarted = true;
+    outcome.status = answer.status();
+    return outcome;
+}
+
+}  // namespace Transport
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
