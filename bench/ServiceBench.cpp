@@ -11,18 +11,28 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "OperationBench.h"
+#include "client/AvQVLConnection.h"
 #include "engine/ServiceEngine.h"
 
 namespace {
 
+using Arvant::Net::AvQuorvel::Client::AvQVLConnection;
 using Arvant::Net::AvQuorvel::Engine::RequestHeaders;
 using Arvant::Net::AvQuorvel::Engine::ServiceEngine;
 using Arvant::Net::AvQuorvel::Engine::ServiceFailure;
+
+constexpr int kFanOutClients = 16;
+// Posts between two fetches of a client's own queue: 15 x 200 events wait at
+// most, far below the daemon's queue limit.
+constexpr int kPostsPerFetch = 200;
 
 // Baseline: the engine's own work for a status check, without library or transport.
 void engineOnlyGetStatus(benchmark::State& state) {
@@ -102,6 +112,38 @@ void redisPing(benchmark::State& state, int port) {
     close(fd);
 }
 
+// Throughput: each of 16 threads is one client of the same server identifier
+// and posts 64-byte events, each queued for the 15 others; every client
+// fetches its queue now and then so the queues stay short. Items are posts.
+void fanOutPosts(benchmark::State& state) {
+    AvQVLConnection connection;
+    std::string server = "fan-out", locale, events, correlation;
+    std::string client = "client-" + std::to_string(state.thread_index());
+    std::vector<std::string> shared;
+    connection.registerClient(server, client, locale, shared);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (shared.size() < kFanOutClients && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        shared.clear();
+        connection.getSharedClients(shared);
+    }
+    if (shared.size() != kFanOutClients) {
+        state.SkipWithError("the 16 clients did not all register");
+        return;
+    }
+    const std::string text(64, 'e');
+    int posted = 0;
+    for (auto _ : state) {
+        std::string body = text;
+        connection.putEvents(body, shared, correlation);
+        if (++posted % kPostsPerFetch == 0) {
+            connection.getEvents(events, shared, correlation);
+        }
+    }
+    state.SetItemsProcessed(posted);
+    connection.getEvents(events, shared, correlation);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -113,6 +155,9 @@ int main(int argc, char** argv) {
         curl_global_init(CURL_GLOBAL_DEFAULT);
         OperationBench::registerOperations("daemon/", true);
         benchmark::RegisterBenchmark("daemon/curlPost", curlPost, std::string(url));
+        benchmark::RegisterBenchmark("daemon/fanOut16/putEvents", fanOutPosts)
+            ->Threads(kFanOutClients)
+            ->UseRealTime();
         const char* redisPort = std::getenv("REDIS_PORT");
         if (redisPort != nullptr && std::atoi(redisPort) > 0) {
             benchmark::RegisterBenchmark("daemon/redisPing", redisPing, std::atoi(redisPort));

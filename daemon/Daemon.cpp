@@ -29,7 +29,10 @@ void answer(HttpReply& reply, int status, const std::string& message) {
     reply.body = message + "\n";
 }
 
+// A client that got the protocol wrong (wrong path, method or field encoding)
+// is not one to keep a connection for; refusals of the service keep it.
 void wrongMethod(HttpReply& reply, const HttpRequest& request, const char* allowed) {
+    reply.close = true;
     reply.headers.emplace_back("Allow", allowed);
     answer(reply, 405,
            "Method " + std::string(request.method_string()) + " is not allowed on " +
@@ -148,6 +151,7 @@ void Daemon::Impl::handle(const HttpRequest& request, HttpReply& reply) {
         reply.contentType = "text/plain; version=0.0.4; charset=utf-8";
         reply.body = metrics.render(gauges);
     } else {
+        reply.close = true;
         answer(reply, 404,
                "There is nothing at " + path + "; an exchange is a POST to " + Wire::kExchangePath +
                    ".");
@@ -158,6 +162,7 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     RequestHeaders fields;
     std::string problem;
     if (!readFields(request, fields, problem)) {
+        reply.close = true;
         answer(reply, Wire::kMalformedStatus, problem);
         return;
     }
