@@ -159,7 +159,8 @@ int main(int argc, char** argv) {
         benchmark::RegisterBenchmark("daemon/curlPost", curlPost, std::string(url));
         benchmark::RegisterBenchmark("daemon/fanOut16/putEvents", fanOutPosts)
             ->Threads(kFanOutClients)
-            ->UseRealTime();
+            ->UseRealTime()
+            ->MinTime(1.0);  // a throughput on a shared machine needs more than a glimpse
         const char* redisPort = std::getenv("REDIS_PORT");
         if (redisPort != nullptr && std::atoi(redisPort) > 0) {
             benchmark::RegisterBenchmark("daemon/redisPing", redisPing, std::atoi(redisPort));
