@@ -12,19 +12,30 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "OperationBench.h"
+#include "client/AvQVLConnection.h"
 #include "engine/ServiceEngine.h"
 #include "wire/HttpWire.h"
 
 namespace {
 
+using Arvant::Net::AvQuorvel::Client::AvQVLConnection;
 using Arvant::Net::AvQuorvel::Engine::RequestHeaders;
 using Arvant::Net::AvQuorvel::Engine::ServiceEngine;
 using Arvant::Net::AvQuorvel::Engine::ServiceFailure;
+
+constexpr int kFanOutClients = 16;
+// Posts between two fetches of a client's own queue: 15 x 5000 events wait at
+// most, below the daemon's limit of 100 000. The figure is about posting (as
+// LPUSH beside it is), so the fetches stay rare; the last one is untimed.
+constexpr int kPostsPerFetch = 5000;
 
 // Baseline: the engine's own work for a status check, without library or transport.
 void engineOnlyGetStatus(benchmark::State& state) {
@@ -135,6 +146,39 @@ void redisPing(benchmark::State& state, int port) {
     close(fd);
 }
 
+// Throughput: each of 16 threads is one client of the same server identifier
+// and posts 64-byte events, each queued for the 15 others; every client
+// fetches its queue now and then so the queues stay within their limit.
+// Items are posts.
+void fanOutPosts(benchmark::State& state) {
+    AvQVLConnection connection;
+    std::string server = "fan-out", locale, events, correlation;
+    std::string client = "client-" + std::to_string(state.thread_index());
+    std::vector<std::string> shared;
+    connection.registerClient(server, client, locale, shared);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (shared.size() < kFanOutClients && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        shared.clear();
+        connection.getSharedClients(shared);
+    }
+    if (shared.size() != kFanOutClients) {
+        state.SkipWithError("the 16 clients did not all register");
+        return;
+    }
+    const std::string text(64, 'e');
+    int posted = 0;
+    for (auto _ : state) {
+        std::string body = text;
+        connection.putEvents(body, shared, correlation);
+        if (++posted % kPostsPerFetch == 0) {
+            connection.getEvents(events, shared, correlation);
+        }
+    }
+    state.SetItemsProcessed(posted);
+    connection.getEvents(events, shared, correlation);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -148,6 +192,10 @@ int main(int argc, char** argv) {
         if (std::sscanf(url, "http://127.0.0.1:%d", &port) == 1) {
             benchmark::RegisterBenchmark("daemon/rawPost", rawPost, port);
         }
+        benchmark::RegisterBenchmark("daemon/fanOut16/putEvents", fanOutPosts)
+            ->Threads(kFanOutClients)
+            ->UseRealTime()
+            ->MinTime(1.0);  // a throughput on a shared machine needs more than a glimpse
         const char* redisPort = std::getenv("REDIS_PORT");
         if (redisPort != nullptr && std::atoi(redisPort) > 0) {
             benchmark::RegisterBenchmark("daemon/redisPing", redisPing, std::atoi(redisPort));

@@ -1,10 +1,12 @@
-// quorveld's HTTP server: the reference service engine behind the protocol of
-// transport/HttpWire.h. One POST to /quorvel/v1/exchange is one exchange.
+// quorveld: the reference service engine behind the protocol of wire/HttpWire.h,
+// served by HttpServer.h. One POST to /quorvel/v1/exchange is one exchange;
+// GET /healthz answers "ok" (never asks for the token: a liveness probe needs
+// none and learns nothing), GET /metrics the Prometheus text of Metrics.h.
+// With a token, every other request must carry "Authorization: Bearer
+// <token>" (401 otherwise, before its body is read).
 //
-// Connections are kept alive and served by a fixed pool of worker threads, each
-// serving one connection at a time; GuardedServer.h bounds every request in size
-// and time. stop() lets the exchanges under way finish and closes idle
-// connections; run() then returns once the workers are done.
+// stop() lets the exchanges under way finish and closes idle connections;
+// run() then returns.
 #ifndef AVQVL_DAEMON_DAEMON_H
 #define AVQVL_DAEMON_DAEMON_H
 
@@ -13,6 +15,7 @@
 #include <memory>
 #include <string>
 
+#include "daemon/Log.h"
 #include "engine/ServiceEngine.h"
 
 namespace Arvant {
@@ -24,30 +27,37 @@ struct DaemonOptions {
     std::string host = "127.0.0.1";
     int port = 7070;  // 0 picks a free port
     Engine::ServiceLimits limits;
-    std::size_t workers = 32;
+    unsigned threads = 1;  // I/O threads
     long readTimeoutMs = 5000;
     long requestTimeoutMs = 30000;
     long keepAliveSeconds = 5;
     std::size_t keepAliveRequests = 1000;
     std::size_t maxHeadBytes = 64 * 1024;
-    bool quiet = false;
+    LogLevel logLevel = LogLevel::Info;
+    LogFormat logFormat = LogFormat::Text;
+    std::string token;               // empty: no Authorization asked for
+    std::string tlsCertificateFile;  // both set: HTTPS
+    std::string tlsKeyFile;
 };
 
 class Daemon {
 public:
-    // log receives one line per request unless options.quiet.
+    // Logs to log (not owned) at options.logLevel and above.
     Daemon(const DaemonOptions& options, std::FILE* log);
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 
-    // Opens the listening socket; false with error set when that fails.
+    // Loads the TLS files, opens the listening socket; false with error set
+    // when that fails.
     bool bind(std::string& error);
     int port() const;
-    // Serves until stop(); false when the listening socket failed.
+    // Serves until stop(); false when the daemon was not bound.
     bool run();
     // Safe from any thread, once run() has been entered or before.
     void stop();
+    // Log messages besides the request lines, in the daemon's log format.
+    Log& log();
 
 private:
     struct Impl;

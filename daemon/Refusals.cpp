@@ -1,6 +1,6 @@
 #include "daemon/Refusals.h"
 
-#include "daemon/GuardedServer.h"
+#include "daemon/HttpServer.h"
 #include "wire/HttpWire.h"
 
 namespace Arvant {
@@ -17,12 +17,18 @@ int refusalStatus(Unreadable why) {
             return Wire::kBodyTooLargeStatus;
         case Unreadable::Late:
         case Unreadable::Stalled:
+            return 408;
+        case Unreadable::NoLength:
+            return 411;
+        case Unreadable::BadFraming:
+        case Unreadable::BadChunk:
+        case Unreadable::Malformed:
             break;
     }
-    return 408;
+    return Wire::kMalformedStatus;
 }
 
-std::string refusalText(Unreadable why, const ConnectionLimits& limits) {
+std::string refusalText(Unreadable why, const ServerLimits& limits) {
     switch (why) {
         case Unreadable::HeadTooLong:
             return "The request head is longer than " + std::to_string(limits.maxHeadBytes) +
@@ -37,10 +43,19 @@ std::string refusalText(Unreadable why, const ConnectionLimits& limits) {
             return "The client sent nothing for " + std::to_string(limits.readTimeoutMs) +
                    " ms in the middle of its request.";
         case Unreadable::BodyTooLong:
+            return "The request body exceeds the limit of " + std::to_string(limits.maxBodyBytes) +
+                   " bytes.";
+        case Unreadable::BadFraming:
+            return "The request must give its body length as one decimal Content-Length or "
+                   "as Transfer-Encoding: chunked, not both.";
+        case Unreadable::BadChunk:
+            return "The chunked request body is malformed.";
+        case Unreadable::NoLength:
+            return "The request has a body but no Content-Length.";
+        case Unreadable::Malformed:
             break;
     }
-    return "The request body exceeds the limit of " + std::to_string(limits.maxBodyBytes) +
-           " bytes.";
+    return "The request is not a valid HTTP/1.1 request.";
 }
 
 }  // namespace Daemon

@@ -1,10 +1,12 @@
 // quorveld: the Quorvel service as a daemon over HTTP (protocol in
-// transport/HttpWire.h). Prints "quorveld listening on HOST:PORT" on standard
+// wire/HttpWire.h). Prints "quorveld listening on HOST:PORT" on standard
 // output once it accepts connections, logs one line per request on standard
 // error (unless --quiet), and on SIGINT or SIGTERM lets the exchanges under way
-// finish and exits 0.
+// finish and exits 0. Exits 1 when it cannot listen (a port in use: "address
+// already in use") or read its token or TLS files, 2 on a usage error.
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -12,17 +14,43 @@
 #include <thread>
 
 #include "daemon/Daemon.h"
+#include "daemon/Token.h"
 
-using Arvant::Net::AvQuorvel::Daemon::Daemon;
-using Arvant::Net::AvQuorvel::Daemon::DaemonOptions;
-using Arvant::Net::AvQuorvel::Daemon::parseListenAddress;
+using namespace Arvant::Net::AvQuorvel::Daemon;
+
+namespace {
+
+// Every connection is a descriptor: take as many as the hard limit allows.
+void raiseDescriptorLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     DaemonOptions options;
+    options.threads = std::max(1u, std::thread::hardware_concurrency());
     std::string listen = "127.0.0.1:7070";
+    std::size_t workers = 0;
+    std::string logLevel = "info";
+    std::string logFormat = "text";
+    bool quiet = false;
+    std::string tokenFile;
     CLI::App app{"quorveld: the Quorvel event service over HTTP/1.1 (POST /quorvel/v1/exchange)."};
+    app.set_version_flag("--version", std::string("quorveld ") + QUORVELD_VERSION);
     app.add_option("--listen", listen, "HOST:PORT to listen on; port 0 picks a free one")
         ->capture_default_str();
+    app.add_option("--threads", options.threads,
+                   "I/O threads serving every connection (default: the number of cores)")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 256));
+    app.add_option("--workers", workers,
+                   "Accepted for old command lines and ignored: connections hold no thread")
+        ->check(CLI::Range(1, 1024));
     app.add_option("--max-body", options.limits.maxBodyBytes, "Largest request body in bytes")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
@@ -38,28 +66,36 @@ int main(int argc, char** argv) {
                    "Most clients registered under one server identifier")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
-    app.add_option("--workers", options.workers,
-                   "Worker threads; each serves one connection at a time")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 1024));
     app.add_option("--read-timeout-ms", options.readTimeoutMs,
-                   "Close a connection that sends nothing for this long")
+                   "Answer 408 when a client is silent this long in the middle of a request")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
     app.add_option("--request-timeout-ms", options.requestTimeoutMs,
-                   "Answer 408 when a request body takes longer than this")
+                   "Answer 408 when a request (head and body) takes longer than this")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
     app.add_option("--keep-alive-s", options.keepAliveSeconds,
-                   "Close an idle kept-alive connection after this many seconds")
+                   "Close a connection idle between requests after this many seconds")
         ->capture_default_str()
         ->check(CLI::Range(1, 3600));
-    app.add_flag("--quiet", options.quiet, "No log line per request");
+    app.add_option("--token-file", tokenFile,
+                   "Every request but GET /healthz must carry Authorization: Bearer <the "
+                   "file's token>");
+    app.add_option("--tls-cert", options.tlsCertificateFile,
+                   "Serve HTTPS with this PEM certificate chain (with --tls-key)");
+    app.add_option("--tls-key", options.tlsKeyFile, "The PEM private key of --tls-cert");
+    app.add_option("--log-level", logLevel, "debug, info, warn, error or off")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"debug", "info", "warn", "error", "off"}));
+    app.add_option("--log-format", logFormat, "text or json (one object per line)")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"text", "json"}));
+    app.add_flag("--quiet", quiet, "No log at all (as --log-level off)");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         const int code = app.exit(e);
-        return code == 0 ? 0 : 2;  // --help, or a usage error like a bad --listen
+        return code == 0 ? 0 : 2;  // --help, --version, or a usage error
     }
 
     std::string error;
@@ -67,11 +103,22 @@ int main(int argc, char** argv) {
         std::cerr << "quorveld: " << error << "\n";
         return 2;
     }
+    if (options.tlsCertificateFile.empty() != options.tlsKeyFile.empty()) {
+        std::cerr << "quorveld: --tls-cert and --tls-key go together.\n";
+        return 2;
+    }
+    parseLogLevel(quiet ? "off" : logLevel, options.logLevel);
+    parseLogFormat(logFormat, options.logFormat);
+    if (!tokenFile.empty() && !readTokenFile(tokenFile, options.token, error)) {
+        std::cerr << "quorveld: " << error << "\n";
+        return 1;
+    }
+    raiseDescriptorLimit();
 
     // A peer that goes away mid-answer must not kill the daemon.
     signal(SIGPIPE, SIG_IGN);
     // SIGINT and SIGTERM are taken by one thread with sigwait; every other thread
-    // (the workers inherit this mask) leaves them alone.
+    // (the I/O threads inherit this mask) leaves them alone.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
@@ -79,6 +126,11 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     Daemon daemon(options, stderr);
+    if (workers != 0) {
+        daemon.log().message(LogLevel::Warn,
+                             "--workers is ignored: connections hold no thread; --threads sets "
+                             "the I/O threads.");
+    }
     if (!daemon.bind(error)) {
         std::cerr << "quorveld: " << error << "\n";
         return 1;
@@ -90,8 +142,14 @@ int main(int argc, char** argv) {
     });
     // An IPv6 address in brackets, as a URL wants it.
     const bool v6 = options.host.find(':') != std::string::npos;
-    std::cout << "quorveld listening on " << (v6 ? "[" : "") << options.host << (v6 ? "]" : "")
-              << ":" << daemon.port() << std::endl;
+    const std::string where =
+        (v6 ? "[" : "") + options.host + (v6 ? "]" : "") + ":" + std::to_string(daemon.port());
+    std::cout << "quorveld listening on " << where << std::endl;
+    daemon.log().message(LogLevel::Info,
+                         std::string("quorveld ") + QUORVELD_VERSION + " listening on " + where +
+                             (options.tlsCertificateFile.empty() ? "" : " (TLS)") + " with " +
+                             std::to_string(options.threads) + " I/O threads" +
+                             (options.token.empty() ? "" : ", token required"));
 
     const bool served = daemon.run();
     if (!served) {
@@ -100,8 +158,6 @@ int main(int argc, char** argv) {
         pthread_kill(signalWaiter.native_handle(), SIGTERM);
     }
     signalWaiter.join();
-    if (!options.quiet) {
-        std::cerr << "quorveld stopped\n";
-    }
+    daemon.log().message(LogLevel::Info, "quorveld stopped");
     return served ? 0 : 1;
 }

@@ -67,6 +67,19 @@ std::string quoted(const std::string& text) {
 
 ServiceEngine::ServiceEngine(const ServiceLimits& limits) : serviceLimits(limits) {}
 
+EngineStats ServiceEngine::stats() {
+    EngineStats stats;
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& server : servers) {
+        stats.registeredClients += server.second.clients.size();
+        for (const Client& client : server.second.clients) {
+            stats.waitingEvents += client.pending.size();
+            stats.waitingBytes += client.pendingBytes;
+        }
+    }
+    return stats;
+}
+
 bool ServiceEngine::handle(const RequestHeaders& headers, const std::string& body,
                            std::string& response, ServiceFailure& failure) {
     try {

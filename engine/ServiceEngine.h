@@ -65,6 +65,13 @@ struct ServiceFailure {
 
 using RequestHeaders = std::map<std::string, std::string>;
 
+// What the service holds at one moment, for monitoring.
+struct EngineStats {
+    std::size_t registeredClients = 0;
+    std::size_t waitingEvents = 0;
+    std::size_t waitingBytes = 0;  // event text waiting, counted once per recipient
+};
+
 class ServiceEngine {
 public:
     explicit ServiceEngine(const ServiceLimits& limits = ServiceLimits());
@@ -76,6 +83,9 @@ public:
     // True with the response filled, or false with the failure filled.
     bool handle(const RequestHeaders& headers, const std::string& body, std::string& response,
                 ServiceFailure& failure);
+
+    // Walks every client under the lock: for a scrape now and then, not per request.
+    EngineStats stats();
 
 private:
     struct Event {

@@ -7,7 +7,8 @@ packages=(
     cmake ninja-build g++ make pkg-config
     libxerces-c-dev libicu-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
-    libcli11-dev libcpp-httplib-dev libboost-dev libssl-dev openssl python3
+    libcli11-dev libboost-dev libssl-dev openssl python3 curl
+    redis-server redis-tools
     clang libclang-rt-14-dev valgrind
     doxygen
 )

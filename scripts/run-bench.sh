@@ -87,4 +87,27 @@ else
 fi
 QUORVEL_URL="http://127.0.0.1:$port" REDIS_PORT="$redis_port" \
     run daemon "$BENCH_DIR/bench/avqvl_bench_service"
+
+# Throughput beside Redis: daemon/fanOut16/putEvents (16 clients, each post
+# fanned out to 15) against redis-benchmark's LPUSH with 16 clients, same run.
+if [[ -n "$redis_port" ]] && command -v redis-benchmark >/dev/null; then
+    echo
+    echo "== redis-benchmark -c 16 -t lpush"
+    redis-benchmark -h 127.0.0.1 -p "$redis_port" -c 16 -t lpush -n 200000 --csv \
+        >"$OUT_DIR/redis-lpush.csv"
+    cat "$OUT_DIR/redis-lpush.csv"
+    python3 - "$OUT_DIR/daemon.json" "$OUT_DIR/redis-lpush.csv" <<'PY'
+import csv, json, sys
+posts = [b["items_per_second"] for b in json.load(open(sys.argv[1]))["benchmarks"]
+         if b["name"].startswith("daemon/fanOut16/putEvents") and "items_per_second" in b]
+rows = [r for r in csv.reader(open(sys.argv[2])) if r and r[0].startswith("LPUSH")]
+if posts and rows:
+    lpush = float(rows[0][1])
+    print(f"fan-out posts/s {posts[0]:.0f}, Redis LPUSH/s {lpush:.0f}: "
+          f"{posts[0] / lpush:.2f}x (target >= 0.5x)")
+PY
+else
+    echo "(redis-benchmark or redis-server missing: no LPUSH baseline)"
+fi
+
 draw

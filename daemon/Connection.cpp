@@ -1,0 +1,635 @@
+// One HTTP/1.1 connection, plain or TLS: reads requests through Beast's parser
+// fed by hand (so head lines, time-outs and framing are checked before the
+// parser or the handler sees anything), hands whole requests to the handler and
+// writes the replies, one after the other.
+#include "daemon/internal/Connection.h"
+
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/ssl/stream.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/stream_traits.hpp>
+#include <boost/beast/core/string.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/serializer.hpp>
+#include <boost/beast/http/write.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <optional>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "daemon/Refusals.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Daemon {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using tcp = asio::ip::tcp;
+using boost::system::error_code;
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+void ServerCore::add(ConnectionBase* connection) {
+    std::lock_guard<std::mutex> lock(mutex);
+    connections.insert(connection);
+    ++open;
+}
+
+void ServerCore::remove(ConnectionBase* connection) {
+    std::lock_guard<std::mutex> lock(mutex);
+    connections.erase(connection);
+    --open;
+}
+
+void ServerCore::stopAll() {
+    stopping = true;
+    // Asked outside the lock: the last reference may drop here, and the
+    // connection's destructor takes the lock.
+    std::vector<std::shared_ptr<ConnectionBase>> alive;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        alive.reserve(connections.size());
+        for (ConnectionBase* connection : connections) {
+            // Empty when the connection is being destroyed (it waits for the lock).
+            if (auto kept = connection->weak_from_this().lock()) {
+                alive.push_back(std::move(kept));
+            }
+        }
+    }
+    for (const auto& connection : alive) {
+        connection->stop();
+    }
+}
+
+namespace {
+
+using PlainStream = tcp::socket;
+using TlsStream = asio::ssl::stream<tcp::socket>;
+
+constexpr std::size_t kReadChunkBytes = 16 * 1024;
+// After a refusal the client may still be sending; reading that for a moment
+// before closing keeps the kernel from resetting the connection, which could
+// throw the refusal away before the client reads it.
+constexpr long kLingerMs = 1000;
+constexpr std::size_t kLingerBytes = 1024 * 1024;
+const char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
+
+std::string describePeer(const tcp::socket& socket) {
+    error_code ec;
+    const tcp::endpoint peer = socket.remote_endpoint(ec);
+    if (ec) {
+        return "-";
+    }
+    const std::string address = peer.address().to_string();
+    return (peer.address().is_v6() ? "[" + address + "]" : address) + ":" +
+           std::to_string(peer.port());
+}
+
+bool sendsBody(http::verb method) {
+    return method == http::verb::post || method == http::verb::put || method == http::verb::patch;
+}
+
+// The value of the one Content-Length line in head when it is a decimal number
+// too large for the parser; then the body is simply too long.
+bool hugeDecimalLength(beast::string_view head) {
+    std::size_t found = 0;
+    bool digitsOnly = false;
+    std::size_t start = 0;
+    while (start < head.size()) {
+        std::size_t end = head.find('\n', start);
+        if (end == beast::string_view::npos) {
+            end = head.size();
+        }
+        beast::string_view line = head.substr(start, end - start);
+        start = end + 1;
+        const std::size_t colon = line.find(':');
+        if (colon == beast::string_view::npos ||
+            !beast::iequals(line.substr(0, colon), "content-length")) {
+            continue;
+        }
+        beast::string_view value = line.substr(colon + 1);
+        while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) {
+            value.remove_prefix(1);
+        }
+        while (!value.empty() &&
+               (value.back() == ' ' || value.back() == '\t' || value.back() == '\r')) {
+            value.remove_suffix(1);
+        }
+        ++found;
+        digitsOnly = !value.empty() && value.size() > 18 &&
+                     value.find_first_not_of("0123456789") == beast::string_view::npos;
+    }
+    return found == 1 && digitsOnly;
+}
+
+template <class Stream>
+class Connection final : public ConnectionBase {
+public:
+    static constexpr bool kTls = std::is_same<Stream, TlsStream>::value;
+
+    template <class... StreamArgs>
+    Connection(ServerCore& core, StreamArgs&&... streamArgs)
+        : ConnectionBase(core),
+          stream(std::forward<StreamArgs>(streamArgs)...),
+          timer(socket().get_executor()),
+          limits(core.limits) {}
+
+    void start() override {
+        asio::dispatch(socket().get_executor(), [self = shared_from_this(), this] { begin(); });
+    }
+
+    void stop() override {
+        asio::post(socket().get_executor(), [self = shared_from_this(), this] {
+            // A connection between requests has nothing to finish.
+            if (phase == Phase::Idle || phase == Phase::Handshake) {
+                error_code ignored;
+                socket().cancel(ignored);
+            }
+        });
+    }
+
+private:
+    enum class Phase { Handshake, Idle, Reading, Handling, Writing, Closing, Closed };
+
+    tcp::socket& socket() { return beast::get_lowest_layer(stream); }
+
+    void begin() {
+        peer = describePeer(socket());
+        error_code ignored;
+        socket().set_option(tcp::no_delay(true), ignored);
+        if (core.stopping) {
+            closeNow();
+            return;
+        }
+        if constexpr (kTls) {
+            phase = Phase::Handshake;
+            setDeadline(Clock::now() + milliseconds(limits.readTimeoutMs));
+            stream.async_handshake(asio::ssl::stream_base::server,
+                                   [self = shared_from_this(), this](error_code ec) {
+                                       if (ec || timedOut || core.stopping) {
+                                           closeNow();
+                                       } else {
+                                           waitForRequest();
+                                       }
+                                   });
+        } else {
+            waitForRequest();
+        }
+    }
+
+    // ---- reading a request
+
+    void waitForRequest() {
+        if (core.stopping || served >= limits.keepAliveRequests) {
+            closeGracefully();
+            return;
+        }
+        phase = Phase::Idle;
+        request.reset();
+        parser.emplace();
+        parser->header_limit(
+            static_cast<std::uint32_t>(std::min<std::size_t>(limits.maxHeadBytes, UINT32_MAX)));
+        parser->body_limit(limits.maxBodyBytes);
+        headEnded = false;
+        headDone = false;
+        sawRequestLine = false;
+        scanned = 0;
+        lineBytes = 0;
+        if (buffer.size() > 0) {  // the client sent its next request already
+            beginRequest();
+            parse();
+            return;
+        }
+        // An idle connection holds no read buffer: there may be very many.
+        buffer.shrink_to_fit();
+        setDeadline(Clock::now() + milliseconds(limits.keepAliveMs));
+        if constexpr (kTls) {
+            read();
+        } else {
+            socket().async_wait(tcp::socket::wait_read,
+                                [self = shared_from_this(), this](error_code ec) {
+                                    if (ec || timedOut || phase == Phase::Closed) {
+                                        closeNow();
+                                    } else {
+                                        read();
+                                    }
+                                });
+        }
+    }
+
+    void beginRequest() {
+        phase = Phase::Reading;
+        started = Clock::now();
+        requestDeadline = started + milliseconds(limits.requestTimeoutMs);
+        setDeadline(std::min(requestDeadline, started + milliseconds(limits.readTimeoutMs)));
+    }
+
+    void read() {
+        stream.async_read_some(
+            buffer.prepare(kReadChunkBytes),
+            [self = shared_from_this(), this](error_code ec, std::size_t n) { onRead(ec, n); });
+    }
+
+    void onRead(error_code ec, std::size_t n) {
+        if (phase == Phase::Closed) {
+            return;
+        }
+        buffer.commit(n);
+        if (timedOut) {
+            timedOut = false;
+            if (phase == Phase::Idle) {
+                closeNow();
+            } else {
+                refuse(Clock::now() >= requestDeadline ? Unreadable::Late : Unreadable::Stalled);
+            }
+            return;
+        }
+        if (ec) {  // closed, reset or stopped: nobody waits for an answer
+            closeNow();
+            return;
+        }
+        if (phase == Phase::Idle) {
+            beginRequest();
+        } else {
+            setDeadline(
+                std::min(requestDeadline, Clock::now() + milliseconds(limits.readTimeoutMs)));
+        }
+        parse();
+    }
+
+    // Feeds what has arrived to the parser; reads more, refuses, or hands the
+    // request on.
+    void parse() {
+        for (;;) {
+            if (!headEnded && !scanHeadLines()) {
+                refuse(Unreadable::HeaderLineTooLong);
+                return;
+            }
+            error_code ec;
+            const std::size_t used = parser->put(buffer.data(), ec);
+            buffer.consume(used);
+            if (ec == http::error::need_more) {
+                ec = {};
+            }
+            if (ec) {
+                refuseUnparsable(ec);
+                return;
+            }
+            if (!headDone && parser->is_header_done()) {
+                headDone = true;
+                started = Clock::now();
+                if (!admitHead()) {
+                    return;
+                }
+            }
+            if (parser->is_done()) {
+                handleRequest();
+                return;
+            }
+            if (used == 0 || buffer.size() == 0) {
+                read();
+                return;
+            }
+        }
+    }
+
+    // Counts the length of each head line over what has arrived; false when
+    // one is too long. Stops at the empty line that ends the head.
+    bool scanHeadLines() {
+        const char* bytes = static_cast<const char*>(buffer.data().data());
+        const std::size_t size = buffer.size();
+        for (; scanned < size; ++scanned) {
+            if (++lineBytes > kHeaderLineBytes) {
+                return false;
+            }
+            if (bytes[scanned] == '\n') {
+                if (sawRequestLine && lineBytes <= 2) {
+                    headEnded = true;
+                    return true;
+                }
+                sawRequestLine = true;
+                lineBytes = 0;
+            }
+        }
+        return true;
+    }
+
+    // The head is read: framing, the handler's own checks, and a 100 Continue
+    // for a client that waits for one. False when the request was refused.
+    bool admitHead() {
+        const HttpRequest& head = parser->get();
+        const auto encoding = head.find(http::field::transfer_encoding);
+        const bool hasLength = head.find(http::field::content_length) != head.end();
+        if (encoding != head.end() &&
+            (hasLength || !beast::iequals(encoding->value(), "chunked"))) {
+            refuse(Unreadable::BadFraming);
+            return false;
+        }
+        if (!hasLength && encoding == head.end() && sendsBody(head.method())) {
+            refuse(Unreadable::NoLength);
+            return false;
+        }
+        HttpReply refusal;
+        bool admitted = false;
+        try {
+            admitted = core.handler.admitHead(head, refusal);
+        } catch (const std::exception&) {
+            refusal = HttpReply();
+            refusal.status = 500;
+            refusal.body = "The server failed to examine the request.\n";
+        }
+        if (!admitted) {
+            request.emplace(parser->release());
+            refusal.close = true;
+            sendReply(std::move(refusal));
+            return false;
+        }
+        parser->eager(true);
+        const auto expect = head.find(http::field::expect);
+        if (expect != head.end() && beast::iequals(expect->value(), "100-continue") &&
+            head.version() >= 11 && !parser->is_done() && buffer.size() == 0) {
+            asio::async_write(stream, asio::buffer(kContinue, sizeof kContinue - 1),
+                              [self = shared_from_this(), this](error_code ec, std::size_t) {
+                                  if (ec || timedOut || phase == Phase::Closed) {
+                                      closeNow();
+                                  } else {
+                                      read();  // the body comes now
+                                  }
+                              });
+            return false;
+        }
+        return true;
+    }
+
+    void refuseUnparsable(error_code ec) {
+        const beast::string_view pending(static_cast<const char*>(buffer.data().data()),
+                                         buffer.size());
+        if (ec == http::error::header_limit) {
+            refuse(Unreadable::HeadTooLong);
+        } else if (ec == http::error::body_limit) {
+            refuse(Unreadable::BodyTooLong);
+        } else if (ec == http::error::bad_content_length && !headDone &&
+                   hugeDecimalLength(pending)) {
+            refuse(Unreadable::BodyTooLong);
+        } else if (ec == http::error::bad_content_length ||
+                   ec == http::error::bad_transfer_encoding) {
+            refuse(Unreadable::BadFraming);
+        } else if (ec == http::error::bad_chunk || ec == http::error::bad_chunk_extension) {
+            refuse(Unreadable::BadChunk);
+        } else {
+            refuse(Unreadable::Malformed);
+        }
+    }
+
+    void handleRequest() {
+        phase = Phase::Handling;
+        ++served;
+        request.emplace(parser->release());
+        HttpReply reply;
+        try {
+            core.handler.handle(*request, reply);
+        } catch (const std::exception&) {
+            reply = HttpReply();
+            reply.status = 500;
+            reply.body = "The server failed to handle the request.\n";
+        }
+        reply.close = reply.close || !request->keep_alive();
+        sendReply(std::move(reply));
+    }
+
+    // ---- writing the reply
+
+    // A refusal of a request not read whole: what is left of it on the
+    // connection is no next request, so the connection closes after it.
+    void refuse(Unreadable why) {
+        timedOut = false;
+        if (headDone) {
+            request.emplace(parser->release());
+        } else {
+            request.reset();
+        }
+        HttpReply reply;
+        reply.status = refusalStatus(why);
+        reply.body = refusalText(why, limits) + "\n";
+        reply.close = true;
+        sendReply(std::move(reply));
+    }
+
+    void sendReply(HttpReply&& answer) {
+        phase = Phase::Writing;
+        reply = std::move(answer);
+        if (core.stopping || served >= limits.keepAliveRequests) {
+            reply.close = true;
+        }
+        response.emplace();
+        response->version(request && request->version() == 10 ? 10 : 11);
+        try {
+            response->result(static_cast<unsigned>(reply.status));
+        } catch (const std::exception&) {
+            response->result(http::status::internal_server_error);
+        }
+        response->set(http::field::content_type, reply.contentType);
+        for (const auto& header : reply.headers) {
+            response->insert(header.first, header.second);
+        }
+        response->keep_alive(!reply.close);
+        response->body() = std::move(reply.body);
+        response->prepare_payload();
+        serializer.emplace(*response);
+        setDeadline(Clock::now() + milliseconds(limits.readTimeoutMs));
+        writeSome();
+    }
+
+    void writeSome() {
+        http::async_write_some(
+            stream, *serializer,
+            [self = shared_from_this(), this](error_code ec, std::size_t) { onWrite(ec); });
+    }
+
+    void onWrite(error_code ec) {
+        if (phase == Phase::Closed) {
+            return;
+        }
+        if (ec || timedOut) {
+            finishReply(false);
+            closeNow();
+            return;
+        }
+        if (!serializer->is_done()) {
+            // The deadline counts from the last progress: a slow reader of a
+            // large answer is served, a reader that takes nothing is not.
+            setDeadline(Clock::now() + milliseconds(limits.readTimeoutMs));
+            writeSome();
+            return;
+        }
+        finishReply(true);
+        if (reply.close) {
+            closeGracefully();
+        } else {
+            waitForRequest();
+        }
+    }
+
+    void finishReply(bool delivered) {
+        if (!response) {
+            return;
+        }
+        if (reply.onComplete) {
+            const auto onComplete = std::move(reply.onComplete);
+            reply.onComplete = nullptr;
+            try {
+                onComplete(delivered);
+            } catch (const std::exception&) {
+                // The reply is gone either way; nothing else depends on it.
+            }
+        }
+        RequestOutcome outcome;
+        outcome.request = request ? &*request : nullptr;
+        reply.status = static_cast<int>(response->result_int());
+        outcome.reply = &reply;
+        outcome.peer = peer;
+        outcome.micros =
+            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started).count();
+        try {
+            core.handler.answered(outcome);
+        } catch (const std::exception&) {
+            // A log or metrics failure must not take the connection down.
+        }
+        serializer.reset();
+        response.reset();
+    }
+
+    // ---- closing
+
+    void closeGracefully() {
+        phase = Phase::Closing;
+        setDeadline(Clock::now() + milliseconds(std::min(limits.readTimeoutMs, kLingerMs)));
+        if constexpr (kTls) {
+            stream.async_shutdown([self = shared_from_this(), this](error_code) { closeNow(); });
+        } else {
+            error_code ignored;
+            socket().shutdown(tcp::socket::shutdown_send, ignored);
+            buffer.consume(buffer.size());
+            linger(0);
+        }
+    }
+
+    void linger(std::size_t drained) {
+        socket().async_read_some(
+            buffer.prepare(kReadChunkBytes),
+            [self = shared_from_this(), this, drained](error_code ec, std::size_t n) {
+                buffer.consume(buffer.size());
+                if (ec || timedOut || drained + n > kLingerBytes) {
+                    closeNow();
+                } else {
+                    linger(drained + n);
+                }
+            });
+    }
+
+    void closeNow() {
+        if (phase == Phase::Closed) {
+            return;
+        }
+        finishReply(false);  // when a write was under way
+        phase = Phase::Closed;
+        ++timerGeneration;
+        timer.cancel();
+        error_code ignored;
+        socket().shutdown(tcp::socket::shutdown_both, ignored);
+        socket().close(ignored);
+    }
+
+    // ---- the one timer: fires at the deadline of whatever the connection
+    // waits for; a later deadline only re-arms it when it fires.
+
+    void setDeadline(Clock::time_point when) {
+        deadline = when;
+        if (timerArmed && timer.expiry() <= when) {
+            return;
+        }
+        armTimer(when);
+    }
+
+    void armTimer(Clock::time_point when) {
+        timer.expires_at(when);
+        const unsigned generation = ++timerGeneration;
+        timerArmed = true;
+        timer.async_wait([self = shared_from_this(), this, generation](error_code ec) {
+            if (generation != timerGeneration) {
+                return;  // re-armed or closed since
+            }
+            timerArmed = false;
+            if (ec || phase == Phase::Closed) {
+                return;
+            }
+            if (Clock::now() < deadline) {
+                armTimer(deadline);
+                return;
+            }
+            // The pending read, write or handshake ends with an error and
+            // sees timedOut.
+            timedOut = true;
+            error_code ignored;
+            socket().cancel(ignored);
+        });
+    }
+
+    Stream stream;
+    asio::steady_timer timer;
+    const ServerLimits& limits;
+    std::string peer;
+    Phase phase = Phase::Idle;
+    beast::flat_buffer buffer;
+
+    std::optional<http::request_parser<http::string_body>> parser;
+    std::optional<HttpRequest> request;
+    bool headEnded = false;  // the head's empty line has arrived
+    bool headDone = false;   // the parser has the head
+    bool sawRequestLine = false;
+    std::size_t scanned = 0;  // head bytes whose line lengths are counted
+    std::size_t lineBytes = 0;
+    std::size_t served = 0;       // requests on this connection
+    Clock::time_point started{};  // end of the head, or the first byte
+    Clock::time_point requestDeadline{};
+
+    HttpReply reply;
+    std::optional<http::response<http::string_body>> response;
+    std::optional<http::response_serializer<http::string_body>> serializer;
+
+    Clock::time_point deadline{};
+    bool timerArmed = false;
+    bool timedOut = false;
+    unsigned timerGeneration = 0;
+};
+
+}  // namespace
+
+void startConnection(ServerCore& core, tcp::socket socket, asio::ssl::context* tls) {
+    std::shared_ptr<ConnectionBase> connection;
+    if (tls != nullptr) {
+        connection = std::make_shared<Connection<TlsStream>>(core, std::move(socket), *tls);
+    } else {
+        connection = std::make_shared<Connection<PlainStream>>(core, std::move(socket));
+    }
+    // Registered before it starts, so a stop() from now on reaches it; one
+    // that came just before is seen by start().
+    core.add(connection.get());
+    connection->start();
+}
+
+}  // namespace Daemon
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant

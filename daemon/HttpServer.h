@@ -1,0 +1,129 @@
+// quorveld's HTTP/1.1 server on Boost.Asio and Boost.Beast, plain or over TLS.
+//
+// Event-driven: a connection holds no thread. `threads` I/O threads run every
+// connection's reads, writes and time-outs, and the handler's work, which must
+// therefore be short. Every connection is bounded in size and time:
+//   - a request head holds at most maxHeadBytes and each of its lines at most
+//     kHeaderLineBytes (431), its body at most maxBodyBytes (413),
+//   - a request must arrive whole within requestTimeoutMs of its first byte,
+//     and the client may not fall silent for readTimeoutMs in the middle of it
+//     (408, then the connection closes),
+//   - a connection with no request under way closes after keepAliveMs,
+//   - an answer that makes no progress for readTimeoutMs is abandoned.
+// Framing is strict: a head with both Content-Length and Transfer-Encoding, a
+// malformed length or chunk, or a body without either is refused at once and
+// the connection closes, so no leftover byte is ever read as a request.
+//
+// Thread safety: stop() may be called from any thread; everything else from
+// the thread that owns the server. Handler calls happen on the I/O threads,
+// several at once for different connections.
+#ifndef AVQVL_DAEMON_HTTPSERVER_H
+#define AVQVL_DAEMON_HTTPSERVER_H
+
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/http/string_body.hpp>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Daemon {
+
+// The longest request head line, CR LF included.
+constexpr std::size_t kHeaderLineBytes = 8192;
+
+struct ServerLimits {
+    long readTimeoutMs = 5000;
+    long requestTimeoutMs = 30000;
+    long keepAliveMs = 5000;
+    std::size_t keepAliveRequests = 1000;
+    std::size_t maxHeadBytes = 64 * 1024;
+    std::size_t maxBodyBytes = 16 * 1024 * 1024;
+};
+
+struct ServerOptions {
+    ServerLimits limits;
+    unsigned threads = 1;
+    // Both set: HTTPS with this PEM certificate chain and private key.
+    std::string tlsCertificateFile;
+    std::string tlsKeyFile;
+};
+
+using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>;
+
+struct HttpReply {
+    int status = 200;
+    std::string contentType = "text/plain; charset=utf-8";
+    std::string body;
+    std::vector<std::pair<std::string, std::string>> headers;  // added as they are
+    bool close = false;  // the connection closes once the reply is written
+    // What the request was about, for the log line and the metrics.
+    std::string operation;
+    std::string serverId;
+    std::string clientId;
+    // Called once, on an I/O thread, when the reply has been written whole to the
+    // socket (true), or when that failed: the peer closed or reset the
+    // connection, it took nothing for the read time-out (false). Delivered means
+    // handed to the kernel, not read by the client.
+    std::function<void(bool delivered)> onComplete;
+};
+
+// One request as it ended, for logs and metrics.
+struct RequestOutcome {
+    const HttpRequest* request = nullptr;  // null when the head could not be read
+    const HttpReply* reply = nullptr;
+    std::string peer;      // "ADDRESS:PORT"
+    long long micros = 0;  // from the end of the head (or the first byte) to the reply written
+};
+
+class HttpHandler {
+public:
+    virtual ~HttpHandler() = default;
+    // Once the head is read, before the body: false with refusal filled
+    // answers it instead of reading the body, and the connection closes.
+    virtual bool admitHead(const HttpRequest& head, HttpReply& refusal) = 0;
+    // The whole request; fills reply.
+    virtual void handle(const HttpRequest& request, HttpReply& reply) = 0;
+    // Every request that got a reply, the server's own refusals included.
+    virtual void answered(const RequestOutcome& outcome) = 0;
+};
+
+class HttpServer {
+public:
+    // handler must outlive the server.
+    HttpServer(const ServerOptions& options, HttpHandler& handler);
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+    // Loads the TLS files when given and opens the listening socket (with
+    // SO_REUSEADDR, never SO_REUSEPORT: a second server on a port in use fails
+    // with "address already in use"). False with error set on failure.
+    bool bind(const std::string& host, int port, std::string& error);
+    int port() const;
+    // Serves on the calling thread and threads - 1 more until stop() and the
+    // last connection has closed. False when the server was never bound.
+    bool run();
+    // Listening ends; idle connections close at once, busy ones once their
+    // answer is written. Safe from any thread, before or during run().
+    void stop();
+
+    std::size_t openConnections() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl;
+};
+
+}  // namespace Daemon
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_DAEMON_HTTPSERVER_H
