@@ -9,6 +9,7 @@ packages=(
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     libcli11-dev libcpp-httplib-dev libcurl4-openssl-dev
     clang libclang-rt-14-dev valgrind
+    redis-server redis-tools libhiredis-dev
 )
 
 missing=()
