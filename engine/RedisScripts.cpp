@@ -42,9 +42,11 @@ if redis.call('ZREM', KEYS[1], ARGV[1]) == 1 then
 end
 return {0, redis.call('ZRANGE', KEYS[1], 0, -1)}
 )lua",
-    // Post: every recipient is checked before the first is written to, so the
-    // event reaches all of them or none. An event is "SEQUENCE SENDERLENGTH
-    // SENDERTEXT"; the bytes hash counts the text only.
+    // Post: the event goes to each recipient in turn; at the first one that
+    // would pass a limit, everything written is taken back. Redis runs nothing
+    // else meanwhile, so no one sees the difference from checking first, and
+    // the fan-out costs two commands per recipient. An event is "SEQUENCE
+    // SENDERLENGTH SENDERTEXT"; the bytes hash counts the text only.
     R"lua(
 if not redis.call('ZSCORE', KEYS[1], ARGV[2]) then
     return {1}
@@ -52,32 +54,38 @@ end
 local clients = redis.call('ZRANGE', KEYS[1], 0, -1)
 local size = string.len(ARGV[3])
 local mostEvents, mostBytes = tonumber(ARGV[4]), tonumber(ARGV[5])
-local bytes = {}
-local flat = redis.call('HGETALL', KEYS[3])
-for i = 1, #flat, 2 do
-    bytes[flat[i]] = tonumber(flat[i + 1])
-end
-for _, client in ipairs(clients) do
-    if client ~= ARGV[2] then
-        local waiting = redis.call('LLEN', ARGV[1] .. client)
-        if waiting >= mostEvents then
-            return {3, client, waiting}
-        end
-        local waitingBytes = bytes[client] or 0
-        if waitingBytes + size > mostBytes then
-            return {4, client, waitingBytes}
-        end
-    end
-end
 local sequence = redis.call('HINCRBY', KEYS[2], 'sequence', 1) - 1
 local event = string.format('%d %d ', sequence, string.len(ARGV[2])) .. ARGV[2] .. ARGV[3]
-for _, client in ipairs(clients) do
+local refusal, written = nil, 0
+for i, client in ipairs(clients) do
     if client ~= ARGV[2] then
-        redis.call('RPUSH', ARGV[1] .. client, event)
-        redis.call('HINCRBY', KEYS[3], client, size)
+        local waiting = redis.call('RPUSH', ARGV[1] .. client, event)
+        local waitingBytes = redis.call('HINCRBY', KEYS[3], client, size)
+        written = i
+        if waiting > mostEvents then
+            refusal = {3, client, waiting - 1}
+            break
+        end
+        if waitingBytes > mostBytes then
+            refusal = {4, client, waitingBytes - size}
+            break
+        end
     end
 end
-return {0, clients}
+if not refusal then
+    return {0, clients}
+end
+for i = 1, written do
+    local client = clients[i]
+    if client ~= ARGV[2] then
+        redis.call('RPOP', ARGV[1] .. client)
+        if redis.call('HINCRBY', KEYS[3], client, -size) == 0 then
+            redis.call('HDEL', KEYS[3], client)
+        end
+    end
+end
+redis.call('HINCRBY', KEYS[2], 'sequence', -1)
+return refusal
 )lua",
     // Take: the whole queue, oldest first.
     R"lua(
