@@ -10,6 +10,7 @@
 
 #include "daemon/GuardedServer.h"
 #include "daemon/Refusals.h"
+#include "engine/MemoryStore.h"
 #include "wire/HttpWire.h"
 
 namespace Arvant {
@@ -92,10 +93,10 @@ int statusForFailure(const ServiceFailure& failure) {
 }  // namespace
 
 struct Daemon::Impl {
-    Impl(const DaemonOptions& options, std::FILE* log)
+    Impl(const DaemonOptions& options, std::FILE* log, std::unique_ptr<Engine::Store> store)
         : options(options),
           log(options.quiet ? nullptr : log),
-          engine(options.limits),
+          engine(store ? std::move(store) : std::make_unique<Engine::MemoryStore>(options.limits)),
           server(connectionLimits(options), options.workers) {}
 
     static ConnectionLimits connectionLimits(const DaemonOptions& options) {
@@ -326,7 +327,8 @@ void Daemon::Impl::writeLog(const httplib::Request& req, const httplib::Response
     std::fflush(log);
 }
 
-Daemon::Daemon(const DaemonOptions& options, std::FILE* log) : impl(new Impl(options, log)) {
+Daemon::Daemon(const DaemonOptions& options, std::FILE* log, std::unique_ptr<Engine::Store> store)
+    : impl(new Impl(options, log, std::move(store))) {
     impl->configure();
 }
 

@@ -35,8 +35,10 @@ struct DaemonOptions {
 
 class Daemon {
 public:
-    // log receives one line per request unless options.quiet.
-    Daemon(const DaemonOptions& options, std::FILE* log);
+    // log receives one line per request unless options.quiet. The service's
+    // state lives in store, made with options.limits; none means a MemoryStore.
+    Daemon(const DaemonOptions& options, std::FILE* log,
+           std::unique_ptr<Engine::Store> store = nullptr);
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;

@@ -9,13 +9,16 @@
 
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <thread>
 
 #include "daemon/Daemon.h"
+#include "engine/RedisStore.h"
 
 using Arvant::Net::AvQuorvel::Daemon::Daemon;
 using Arvant::Net::AvQuorvel::Daemon::DaemonOptions;
 using Arvant::Net::AvQuorvel::Daemon::parseListenAddress;
+namespace Engine = Arvant::Net::AvQuorvel::Engine;
 
 int main(int argc, char** argv) {
     DaemonOptions options;
@@ -55,6 +58,10 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::Range(1, 3600));
     app.add_flag("--quiet", options.quiet, "No log line per request");
+    std::string redisUrl;
+    app.add_option("--redis", redisUrl,
+                   "Keep the state in Redis at redis://HOST[:PORT][/DB], shared by every daemon "
+                   "started with the same URL");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -68,6 +75,23 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    std::unique_ptr<Engine::Store> store;
+    if (!redisUrl.empty()) {
+        Engine::RedisAddress address;
+        if (!Engine::parseRedisUrl(redisUrl, address, error)) {
+            std::cerr << "quorveld: --redis: " << error << "\n";
+            return 2;
+        }
+        auto redis = std::make_unique<Engine::RedisStore>(address, options.limits);
+        try {
+            redis->ping();  // a wrong address shows now, not at the first request
+        } catch (const Engine::StoreFailure& failure) {
+            std::cerr << "quorveld: " << failure.message << "\n";
+            return 1;
+        }
+        store = std::move(redis);
+    }
+
     // A peer that goes away mid-answer must not kill the daemon.
     signal(SIGPIPE, SIG_IGN);
     // SIGINT and SIGTERM are taken by one thread with sigwait; every other thread
@@ -78,7 +102,7 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    Daemon daemon(options, stderr);
+    Daemon daemon(options, stderr, std::move(store));
     if (!daemon.bind(error)) {
         std::cerr << "quorveld: " << error << "\n";
         return 1;

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <new>
 
 #include "engine/internal/RedisConnectionPool.h"
@@ -116,7 +117,7 @@ private:
 // writes the same form).
 std::string encodeEvent(const StoredEvent& event) {
     return std::to_string(event.sequence) + " " + std::to_string(event.sender.size()) + " " +
-           event.sender + event.text;
+           event.sender + *event.text;
 }
 
 // Redis ends every string it returns with a NUL, so strtoull stops in time.
@@ -138,7 +139,8 @@ bool decodeEvent(const char* begin, std::size_t size, StoredEvent& event) {
     }
     event.sequence = sequence;
     event.sender.assign(begin + senderStart, senderLength);
-    event.text.assign(begin + senderStart + senderLength, size - senderStart - senderLength);
+    event.text = std::make_shared<const std::string>(begin + senderStart + senderLength,
+                                                     size - senderStart - senderLength);
     return true;
 }
 
@@ -157,8 +159,7 @@ auto outOfMemoryIsLimit(const Operation& operation) -> decltype(operation()) {
     try {
         return operation();
     } catch (const std::bad_alloc&) {
-        throw StoreFailure{FailureKind::Limit,
-                           "The Quorvel service ran out of memory while using its store."};
+        throw StoreFailure{FailureKind::Limit, outOfMemoryMessage()};
     }
 }
 
@@ -212,7 +213,7 @@ bool parseRedisUrl(const std::string& url, RedisAddress& address, std::string& e
 }
 
 RedisStore::RedisStore(const RedisAddress& address, const ServiceLimits& limits)
-    : limits(limits), pool(new RedisConnectionPool(address)), scripts(new RedisScripts) {}
+    : Store(limits), pool(new RedisConnectionPool(address)), scripts(new RedisScripts) {}
 
 RedisStore::~RedisStore() = default;
 
@@ -230,7 +231,7 @@ void RedisStore::registerClient(const std::string& serverId, const std::string& 
                                 ClientList& clients) {
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
-        const std::string most = std::to_string(limits.maxClientsPerServer);
+        const std::string most = std::to_string(limits().maxClientsPerServer);
         RedisReply reply = scripts->run(*pool, RedisScripts::Register,
                                         {&keys.clients, &keys.server, &clientId, &most}, 2);
         ReplyReader reader(*pool, *reply);
@@ -274,8 +275,8 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
                       const std::string& text, ClientList& clients) {
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
-        const std::string mostEvents = std::to_string(limits.maxQueuedEventsPerClient);
-        const std::string mostBytes = std::to_string(limits.maxQueuedBytesPerClient);
+        const std::string mostEvents = std::to_string(limits().maxQueuedEventsPerClient);
+        const std::string mostBytes = std::to_string(limits().maxQueuedBytesPerClient);
         RedisReply reply =
             scripts->run(*pool, RedisScripts::Post,
                          {&keys.clients, &keys.server, &keys.bytes, &keys.queuePrefix, &senderId,
@@ -298,7 +299,7 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
                     FailureKind::Limit,
                     tooManyBytesMessage(serverId, senderId, reader.text(1),
                                         static_cast<std::size_t>(reader.integer(2)), text.size(),
-                                        limits.maxQueuedBytesPerClient)};
+                                        limits().maxQueuedBytesPerClient)};
             default:
                 reader.unexpected(*reply);
         }
@@ -342,7 +343,7 @@ void RedisStore::restore(const std::string& serverId, const std::string& clientI
         std::size_t bytes = 0;
         for (auto event = events.rbegin(); event != events.rend(); ++event) {
             encoded.push_back(encodeEvent(*event));
-            bytes += event->text.size();
+            bytes += event->text->size();
         }
         const std::string byteCount = std::to_string(bytes);
         std::vector<const std::string*> arguments{&keys.clients, &keys.bytes, &queue, &clientId,

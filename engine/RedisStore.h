@@ -65,7 +65,6 @@ public:
     StoreStats stats() override;
 
 private:
-    const ServiceLimits limits;
     const std::unique_ptr<RedisConnectionPool> pool;
     const std::unique_ptr<RedisScripts> scripts;
 };

@@ -44,6 +44,10 @@ std::string tooManyBytesMessage(const std::string& serverId, const std::string& 
            " more would pass the limit of " + std::to_string(limit) + " bytes.";
 }
 
+std::string outOfMemoryMessage() {
+    return "The Quorvel service ran out of memory while handling the request.";
+}
+
 }  // namespace Engine
 }  // namespace AvQuorvel
 }  // namespace Net

@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -31,7 +32,8 @@ struct StoreFailure {
 struct StoredEvent {
     std::string sender;
     std::uint64_t sequence = 0;
-    std::string text;
+    // Shared, never null: the memory store keeps one copy for all recipients.
+    std::shared_ptr<const std::string> text;
 };
 
 // What the store holds, for metrics.
@@ -45,7 +47,13 @@ using ClientList = std::vector<std::string>;  // registration order
 
 class Store {
 public:
+    explicit Store(const ServiceLimits& limits) : storeLimits(limits) {}
     virtual ~Store() = default;
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    // The limits the store enforces; the engine reads the body limit here too.
+    const ServiceLimits& limits() const { return storeLimits; }
 
     // Adds the client (a known client keeps its place and its events; a server's
     // first client starts its sequence at 1). Limit: maxClientsPerServer.
@@ -76,6 +84,9 @@ public:
     virtual void restore(const std::string& serverId, const std::string& clientId,
                          const std::vector<StoredEvent>& events) = 0;
     virtual StoreStats stats() = 0;
+
+private:
+    const ServiceLimits storeLimits;
 };
 
 // The store's refusal texts, one home for every implementation.
@@ -87,6 +98,7 @@ std::string tooManyEventsMessage(const std::string& serverId, const std::string&
 std::string tooManyBytesMessage(const std::string& serverId, const std::string& senderId,
                                 const std::string& recipientId, std::size_t waitingBytes,
                                 std::size_t moreBytes, std::size_t limit);
+std::string outOfMemoryMessage();
 
 }  // namespace Engine
 }  // namespace AvQuorvel

@@ -51,7 +51,7 @@ protected:
         store.take(serverId, clientId, events);
         std::vector<std::string> seen;
         for (const StoredEvent& event : events) {
-            seen.push_back(event.sender + ":" + std::to_string(event.sequence) + ":" + event.text);
+            seen.push_back(event.sender + ":" + std::to_string(event.sequence) + ":" + *event.text);
         }
         return seen;
     }
@@ -108,114 +108,35 @@ TEST(RedisUrlTest, ReadsHostPortAndDatabase) {
     }
 }
 
-TEST_F(RedisStoreTest, KeepsRegistrationOrderAndFansOutInOrder) {
-    auto store = makeStore();
-    const std::string s = server();
-    EXPECT_EQ(registerAll(*store, s, {"c", "a", "b", "a"}), (Strings{"c", "a", "b"}));
-    ClientList clients;
-    store->post(s, "a", "one", clients);
-    store->post(s, "b", "two", clients);
-    store->post(s, "a", "three", clients);
-    EXPECT_EQ(clients, (Strings{"c", "a", "b"}));
-    EXPECT_EQ(takeAll(*store, s, "c"), (Strings{"a:1:one", "b:2:two", "a:3:three"}));
-    EXPECT_EQ(takeAll(*store, s, "a"), (Strings{"b:2:two"}));
-    EXPECT_EQ(takeAll(*store, s, "b"), (Strings{"a:1:one", "a:3:three"}));
-    EXPECT_EQ(takeAll(*store, s, "b"), Strings{});
-
-    // Re-registering keeps the place and the waiting events; leaving drops them.
-    store->post(s, "c", "four", clients);
-    EXPECT_EQ(registerAll(*store, s, {"a"}), (Strings{"c", "a", "b"}));
-    EXPECT_EQ(takeAll(*store, s, "a"), (Strings{"c:4:four"}));
-    store->unregisterClient(s, "b", clients);
-    EXPECT_EQ(clients, (Strings{"c", "a"}));
-    EXPECT_EQ(registerAll(*store, s, {"b"}), (Strings{"c", "a", "b"}));
-    EXPECT_EQ(takeAll(*store, s, "b"), Strings{});
-    store->unregisterClient(s, "nobody", clients);
-    EXPECT_EQ(clients, (Strings{"c", "a", "b"}));
-}
-
-TEST_F(RedisStoreTest, SequenceRestartsOnlyWhenTheLastClientLeaves) {
-    auto store = makeStore();
-    const std::string s = server();
-    registerAll(*store, s, {"a", "b"});
-    ClientList clients;
-    store->post(s, "a", "x", clients);
-    store->unregisterClient(s, "a", clients);
-    registerAll(*store, s, {"a"});
-    store->post(s, "a", "y", clients);
-    EXPECT_EQ(takeAll(*store, s, "b"), (Strings{"a:1:x", "a:2:y"}));
-    store->unregisterClient(s, "a", clients);
-    store->unregisterClient(s, "b", clients);
-    EXPECT_TRUE(clients.empty());
-    registerAll(*store, s, {"a", "b"});
-    store->post(s, "b", "z", clients);
-    EXPECT_EQ(takeAll(*store, s, "a"), (Strings{"b:1:z"}));
-}
-
-TEST_F(RedisStoreTest, RefusesWhatTheRulesDoNotAllow) {
+// A post refused at a later recipient takes back what it wrote to the earlier
+// ones: queues, byte counts and the sequence number are as before.
+TEST_F(RedisStoreTest, ARefusedPostIsTakenBackWhole) {
     ServiceLimits limits;
-    limits.maxClientsPerServer = 3;
     limits.maxQueuedEventsPerClient = 2;
-    limits.maxQueuedBytesPerClient = 10;
     auto store = makeStore(limits);
     const std::string s = server();
     registerAll(*store, s, {"a", "b", "c"});
     ClientList clients;
-    std::vector<StoredEvent> events;
-    StoreStats before = store->stats();
-    std::string message;
-    struct Case {
-        const char* what;
-        std::function<void()> operation;
-        FailureKind kind;
-        const char* inMessage;
-    } cases[] = {
-        {"a fourth client", [&] { store->registerClient(s, "d", clients); }, FailureKind::Limit,
-         "already has 3 clients"},
-        {"a post from a stranger", [&] { store->post(s, "x", "t", clients); }, FailureKind::Refused,
-         "\"x\" is not registered"},
-        {"a take by a stranger", [&] { store->take(s + "other", "a", events); },
-         FailureKind::Refused, "not registered"},
-        {"more bytes than b may hold", [&] { store->post(s, "a", "12345678901", clients); },
-         FailureKind::Limit, "more would pass the limit of 10 bytes"},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(failureOf(c.operation, &message), c.kind) << c.what;
-        EXPECT_NE(message.find(c.inMessage), std::string::npos) << c.what << ": " << message;
-    }
-    StoreStats after = store->stats();
+    store->post(s, "b", "1", clients);
+    store->post(s, "b", "2", clients);  // c is full, a (written before c) is not
+    const StoreStats before = store->stats();
+    EXPECT_EQ(failureOf([&] { store->post(s, "b", "345", clients); }), FailureKind::Limit);
+    const StoreStats after = store->stats();
     EXPECT_EQ(after.waitingEvents, before.waitingEvents);
-
-    // b is full, c is not: the post reaches neither.
-    store->post(s, "c", "1", clients);
-    store->post(s, "c", "2", clients);
-    EXPECT_EQ(failureOf([&] { store->post(s, "a", "3", clients); }, &message), FailureKind::Limit);
-    EXPECT_NE(message.find("client \"b\""), std::string::npos) << message;
-    EXPECT_EQ(takeAll(*store, s, "c"), Strings{});
-    EXPECT_EQ(takeAll(*store, s, "b"), (Strings{"c:1:1", "c:2:2"}));
-    // The refused post used no sequence number.
-    store->post(s, "a", "4", clients);
-    EXPECT_EQ(takeAll(*store, s, "b"), (Strings{"a:3:4"}));
+    EXPECT_EQ(after.waitingBytes, before.waitingBytes);
+    EXPECT_EQ(takeAll(*store, s, "a"), (Strings{"b:1:1", "b:2:2"}));
+    store->post(s, "c", "6", clients);  // the refused post used no number
+    EXPECT_EQ(takeAll(*store, s, "a"), (Strings{"c:3:6"}));
 }
 
-TEST_F(RedisStoreTest, RestorePutsEventsBackAtTheHeadInOrder) {
-    ServiceLimits limits;
-    limits.maxQueuedEventsPerClient = 3;
-    auto store = makeStore(limits);
+// Senders and texts holding the separators of the stored form come back whole.
+TEST_F(RedisStoreTest, EventsKeepSendersAndTextsThatLookLikeTheStoredForm) {
+    auto store = makeStore();
     const std::string s = server();
     registerAll(*store, s, {"a", "b"});
-    ClientList clients;
-    for (const char* text : {"1", "2", "3"}) {
-        store->post(s, "a", text, clients);
-    }
-    std::vector<StoredEvent> taken;
-    store->take(s, "b", taken);
-    store->post(s, "a", "4", clients);
-    store->restore(s, "b", taken);  // no limit: they were counted before
-    EXPECT_EQ(takeAll(*store, s, "b"), (Strings{"a:1:1", "a:2:2", "a:3:3", "a:4:4"}));
-
-    // Events with senders and texts that hold the separators come back whole.
-    std::vector<StoredEvent> odd{{"a b", 7, "x 9 y"}, {"", 8, ""}, {"12", 9, "3 4"}};
+    const auto text = [](const char* text) { return std::make_shared<const std::string>(text); };
+    const std::vector<StoredEvent> odd{
+        {"a b", 7, text("x 9 y")}, {"", 8, text("")}, {"12", 9, text("3 4")}};
     store->restore(s, "b", odd);
     std::vector<StoredEvent> back;
     store->take(s, "b", back);
@@ -223,13 +144,8 @@ TEST_F(RedisStoreTest, RestorePutsEventsBackAtTheHeadInOrder) {
     for (std::size_t i = 0; i < odd.size(); ++i) {
         EXPECT_EQ(back[i].sender, odd[i].sender);
         EXPECT_EQ(back[i].sequence, odd[i].sequence);
-        EXPECT_EQ(back[i].text, odd[i].text);
+        EXPECT_EQ(*back[i].text, *odd[i].text);
     }
-    // A client that left gets nothing back.
-    store->unregisterClient(s, "b", clients);
-    store->restore(s, "b", odd);
-    registerAll(*store, s, {"b"});
-    EXPECT_EQ(takeAll(*store, s, "b"), Strings{});
 }
 
 TEST_F(RedisStoreTest, IdentifiersThatLookLikeKeysStayApart) {
@@ -305,8 +221,8 @@ TEST_F(RedisStoreTest, TwoStoresShareOneStateUnderConcurrentPosts) {
     for (std::size_t i = 0; i < events.size(); ++i) {
         EXPECT_EQ(events[i].sequence, i + 1);  // no gap: refused posts take no number
         // Each writer's accepted events arrive in its order, none twice.
-        EXPECT_GT(std::stoi(events[i].text), nextOfSender[events[i].sender] - 1);
-        nextOfSender[events[i].sender] = std::stoi(events[i].text) + 1;
+        EXPECT_GT(std::stoi(*events[i].text), nextOfSender[events[i].sender] - 1);
+        nextOfSender[events[i].sender] = std::stoi(*events[i].text) + 1;
     }
 }
 

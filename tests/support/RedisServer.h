@@ -95,6 +95,13 @@ public:
                                  std::to_string(port));
     }
 
+    // Empties every database, for a test that wants a fresh store.
+    void flush() const {
+        if (command("FLUSHALL") != "+OK") {
+            throw std::runtime_error("RedisServer: FLUSHALL failed");
+        }
+    }
+
     // signal SIGTERM lets Redis finish its append-only file; SIGKILL does not.
     void stop(int signal = SIGTERM) {
         if (pid <= 0) {
@@ -123,25 +130,30 @@ private:
         return ntohs(address.sin_port);
     }
 
-    // True once Redis answers PING with PONG on its port.
-    bool answers() const {
+    bool answers() const { return command("PING") == "+PONG"; }
+
+    // Sends one inline command; the first line of the answer, or "" when none came.
+    std::string command(const std::string& line) const {
         const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         address.sin_port = htons(static_cast<uint16_t>(port));
-        bool pong = false;
+        std::string answer;
         if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-            timeval timeout{1, 0};
+            timeval timeout{5, 0};
             ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-            const char ping[] = "PING\r\n";
-            char answer[16] = {};
-            pong = ::write(fd, ping, sizeof ping - 1) == sizeof ping - 1 &&
-                   ::read(fd, answer, sizeof answer - 1) > 0 &&
-                   std::string(answer).compare(0, 5, "+PONG") == 0;
+            const std::string request = line + "\r\n";
+            char buffer[64] = {};
+            if (::write(fd, request.data(), request.size()) ==
+                    static_cast<ssize_t>(request.size()) &&
+                ::read(fd, buffer, sizeof buffer - 1) > 0) {
+                answer = buffer;
+                answer = answer.substr(0, answer.find('\r'));
+            }
         }
         ::close(fd);
-        return pong;
+        return answer;
     }
 
     pid_t pid = -1;
