@@ -2,20 +2,26 @@
 // transport/HttpWire.h). Prints "quorveld listening on HOST:PORT" on standard
 // output once it accepts connections, logs one line per request on standard
 // error (unless --quiet), and on SIGINT or SIGTERM lets the exchanges under way
-// finish and exits 0.
+// finish and exits 0. With --data DIR the state is kept in an SQLite database in
+// DIR and outlives the process; without it, in memory.
 #include <pthread.h>
 #include <signal.h>
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <thread>
 
 #include "daemon/Daemon.h"
+#include "engine/SqliteStore.h"
 
 using Arvant::Net::AvQuorvel::Daemon::Daemon;
 using Arvant::Net::AvQuorvel::Daemon::DaemonOptions;
 using Arvant::Net::AvQuorvel::Daemon::parseListenAddress;
+using Arvant::Net::AvQuorvel::Engine::SqliteStore;
+using Arvant::Net::AvQuorvel::Engine::Store;
+using Arvant::Net::AvQuorvel::Engine::StoreFailure;
 
 int main(int argc, char** argv) {
     DaemonOptions options;
@@ -54,6 +60,16 @@ int main(int argc, char** argv) {
                    "Close an idle kept-alive connection after this many seconds")
         ->capture_default_str()
         ->check(CLI::Range(1, 3600));
+    std::string dataDirectory;
+    app.add_option("--data", dataDirectory,
+                   "Keep registrations and waiting events in an SQLite database in this "
+                   "directory (made when missing); without it they are kept in memory");
+    std::string dataSync = "normal";
+    app.add_option("--data-sync", dataSync,
+                   "normal: a put answered survives the end of the daemon; full: also a "
+                   "power cut, at a far lower rate")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"normal", "full"}));
     app.add_flag("--quiet", options.quiet, "No log line per request");
     try {
         app.parse(argc, argv);
@@ -78,7 +94,18 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    Daemon daemon(options, stderr);
+    std::unique_ptr<Store> store;
+    if (!dataDirectory.empty()) {
+        try {
+            store = std::make_unique<SqliteStore>(
+                dataDirectory, options.limits,
+                dataSync == "full" ? SqliteStore::Sync::Full : SqliteStore::Sync::Normal);
+        } catch (const StoreFailure& failure) {
+            std::cerr << "quorveld: " << failure.message << "\n";
+            return 1;
+        }
+    }
+    Daemon daemon(options, stderr, std::move(store));
     if (!daemon.bind(error)) {
         std::cerr << "quorveld: " << error << "\n";
         return 1;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "engine/MemoryStore.h"
+#include "engine/SqliteStore.h"
 
 namespace StoreTests {
 
@@ -27,6 +28,10 @@ inline std::vector<StoreFactory> storeFactories() {
     factories.push_back({"Memory", [](const ServiceLimits& limits, const std::string&) {
                              return std::make_unique<Arvant::Net::AvQuorvel::Engine::MemoryStore>(
                                  limits);
+                         }});
+    factories.push_back({"Sqlite", [](const ServiceLimits& limits, const std::string& scratch) {
+                             return std::make_unique<Arvant::Net::AvQuorvel::Engine::SqliteStore>(
+                                 scratch, limits);
                          }});
     return factories;
 }

@@ -1,0 +1,478 @@
+#include "engine/SqliteStore.h"
+
+#include <sqlite3.h>
+
+#include <cstring>
+#include <filesystem>
+#include <new>
+#include <system_error>
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Engine {
+
+namespace {
+
+// Thrown inside the store when SQLite fails; a StoreFailure at its edge.
+struct SqliteError {
+    std::string cause;
+};
+
+std::string describe(sqlite3* db, int code) {
+    std::string cause = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(code);
+    const int systemError = db != nullptr ? sqlite3_system_errno(db) : 0;
+    if (systemError != 0) {
+        char buffer[256];
+        cause += std::string(" (") + strerror_r(systemError, buffer, sizeof buffer) + ")";
+    }
+    return cause;
+}
+
+// Clients are rows in registration order (a new row's id is above every id in
+// use). An event's text is stored once, with the count of queues holding it;
+// a queue entry's position orders a client's events: a posted event's id, or
+// below the client's lowest position for events given back.
+const char* const kSchema = R"(
+CREATE TABLE IF NOT EXISTS servers(
+    name TEXT PRIMARY KEY,
+    next_sequence INTEGER NOT NULL
+) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS clients(
+    id INTEGER PRIMARY KEY,
+    server TEXT NOT NULL,
+    name TEXT NOT NULL,
+    waiting_events INTEGER NOT NULL DEFAULT 0,
+    waiting_bytes INTEGER NOT NULL DEFAULT 0,
+    UNIQUE(server, name)
+);
+CREATE TABLE IF NOT EXISTS events(
+    id INTEGER PRIMARY KEY,
+    sender TEXT NOT NULL,
+    sequence INTEGER NOT NULL,
+    text BLOB NOT NULL,
+    queues INTEGER NOT NULL
+);
+CREATE TABLE IF NOT EXISTS queue(
+    client INTEGER NOT NULL,
+    position INTEGER NOT NULL,
+    event INTEGER NOT NULL,
+    PRIMARY KEY(client, position)
+) WITHOUT ROWID;
+)";
+
+// A prepared statement, kept for the life of the connection.
+class Statement {
+public:
+    Statement(sqlite3* db, const char* sql) : db(db) {
+        const int code =
+            sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+        if (code != SQLITE_OK) {
+            throw SqliteError{describe(db, code)};
+        }
+    }
+    ~Statement() { sqlite3_finalize(statement); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    sqlite3* const db;
+    sqlite3_stmt* statement = nullptr;
+};
+
+// One use of a statement: bind, step, read; reset when it goes, so that no
+// statement keeps a read open past its transaction. Strings bound must outlive
+// the use.
+class Query {
+public:
+    explicit Query(Statement& statement) : db(statement.db), statement(statement.statement) {}
+    ~Query() {
+        sqlite3_reset(statement);
+        sqlite3_clear_bindings(statement);
+    }
+    Query(const Query&) = delete;
+    Query& operator=(const Query&) = delete;
+
+    Query& text(int index, const std::string& value) {
+        check(sqlite3_bind_text(statement, index, value.data(), static_cast<int>(value.size()),
+                                SQLITE_STATIC));
+        return *this;
+    }
+    Query& blob(int index, const std::string& value) {
+        check(sqlite3_bind_blob64(statement, index, value.data(), value.size(), SQLITE_STATIC));
+        return *this;
+    }
+    Query& number(int index, std::int64_t value) {
+        check(sqlite3_bind_int64(statement, index, value));
+        return *this;
+    }
+    // True with a row to read, false when done.
+    bool step() {
+        const int code = sqlite3_step(statement);
+        if (code == SQLITE_ROW) {
+            return true;
+        }
+        if (code != SQLITE_DONE) {
+            throw SqliteError{describe(db, code)};
+        }
+        return false;
+    }
+    void run() {
+        while (step()) {
+        }
+    }
+    std::int64_t number(int column) { return sqlite3_column_int64(statement, column); }
+    std::string text(int column) {
+        const void* bytes = sqlite3_column_blob(statement, column);
+        const int size = sqlite3_column_bytes(statement, column);
+        return bytes == nullptr ? std::string()
+                                : std::string(static_cast<const char*>(bytes), size);
+    }
+
+private:
+    void check(int code) {
+        if (code != SQLITE_OK) {
+            throw SqliteError{describe(db, code)};
+        }
+    }
+
+    sqlite3* const db;
+    sqlite3_stmt* const statement;
+};
+
+void execute(sqlite3* db, const char* sql) {
+    char* message = nullptr;
+    const int code = sqlite3_exec(db, sql, nullptr, nullptr, &message);
+    if (code != SQLITE_OK) {
+        std::string cause = message != nullptr ? message : sqlite3_errstr(code);
+        sqlite3_free(message);
+        throw SqliteError{cause};
+    }
+}
+
+// Owns the connection; the last member to go, after every statement on it.
+struct Connection {
+    explicit Connection(sqlite3* handle) : handle(handle) {}
+    ~Connection() { sqlite3_close_v2(handle); }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    sqlite3* const handle;
+};
+
+sqlite3* openDatabase(const std::string& path) {
+    sqlite3* db = nullptr;
+    const int code = sqlite3_open_v2(
+        path.c_str(), &db,
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,  // SqliteStore locks
+        nullptr);
+    if (code != SQLITE_OK) {
+        const std::string cause = describe(db, code);
+        sqlite3_close(db);
+        throw SqliteError{cause};
+    }
+    sqlite3_extended_result_codes(db, 1);
+    return db;
+}
+
+}  // namespace
+
+struct SqliteStore::Database {
+    Database(const std::string& path, Sync sync)
+        : connection(openDatabase(path)),
+          handle(connection.handle),
+          ready(configure(handle, sync)),
+          begin(handle, "BEGIN IMMEDIATE"),
+          commit(handle, "COMMIT"),
+          findClient(handle,
+                     "SELECT id, waiting_events FROM clients WHERE server = ?1 AND name = ?2"),
+          listClients(handle, "SELECT name FROM clients WHERE server = ?1 ORDER BY id"),
+          countClients(handle, "SELECT count(*) FROM clients WHERE server = ?1"),
+          addServer(handle, "INSERT OR IGNORE INTO servers(name, next_sequence) VALUES(?1, 1)"),
+          addClient(handle, "INSERT INTO clients(server, name) VALUES(?1, ?2)"),
+          removeClient(handle, "DELETE FROM clients WHERE id = ?1"),
+          removeEmptyServer(handle,
+                            "DELETE FROM servers WHERE name = ?1 AND NOT EXISTS "
+                            "(SELECT 1 FROM clients WHERE server = ?1)"),
+          releaseEvents(handle,
+                        "UPDATE events SET queues = queues - 1 WHERE id IN "
+                        "(SELECT event FROM queue WHERE client = ?1)"),
+          dropReleasedEvents(handle,
+                             "DELETE FROM events WHERE queues <= 0 AND id IN "
+                             "(SELECT event FROM queue WHERE client = ?1)"),
+          emptyQueue(handle, "DELETE FROM queue WHERE client = ?1"),
+          resetWaiting(handle,
+                       "UPDATE clients SET waiting_events = 0, waiting_bytes = 0 WHERE id = ?1"),
+          fullRecipient(handle,
+                        "SELECT name, waiting_events, waiting_bytes FROM clients "
+                        "WHERE server = ?1 AND id <> ?2 AND "
+                        "(waiting_events >= ?3 OR waiting_bytes + ?4 > ?5) ORDER BY id LIMIT 1"),
+          nextSequence(handle, "SELECT next_sequence FROM servers WHERE name = ?1"),
+          advanceSequence(handle,
+                          "UPDATE servers SET next_sequence = next_sequence + 1 WHERE name = ?1"),
+          addEvent(handle,
+                   "INSERT INTO events(sender, sequence, text, queues) VALUES(?1, ?2, ?3, ?4)"),
+          queueForOthers(handle,
+                         "INSERT INTO queue(client, position, event) "
+                         "SELECT id, ?3, ?3 FROM clients WHERE server = ?1 AND id <> ?2"),
+          countForOthers(handle,
+                         "UPDATE clients SET waiting_events = waiting_events + 1, "
+                         "waiting_bytes = waiting_bytes + ?3 WHERE server = ?1 AND id <> ?2"),
+          queued(handle,
+                 "SELECT e.sender, e.sequence, e.text FROM queue q JOIN events e "
+                 "ON e.id = q.event WHERE q.client = ?1 ORDER BY q.position"),
+          headPosition(handle,
+                       "SELECT coalesce((SELECT min(position) FROM queue WHERE client = ?1), "
+                       "(SELECT coalesce(max(id), 0) + 1 FROM events))"),
+          queueAt(handle, "INSERT INTO queue(client, position, event) VALUES(?1, ?2, ?3)"),
+          addWaiting(handle,
+                     "UPDATE clients SET waiting_events = waiting_events + ?2, "
+                     "waiting_bytes = waiting_bytes + ?3 WHERE id = ?1"),
+          totals(handle,
+                 "SELECT count(*), coalesce(sum(waiting_events), 0), "
+                 "coalesce(sum(waiting_bytes), 0) FROM clients") {}
+    static bool configure(sqlite3* db, Sync sync) {
+        // Another process on the same file (a second daemon) waits its turn.
+        sqlite3_busy_timeout(db, 5000);
+        execute(db, "PRAGMA journal_mode = WAL");
+        execute(db,
+                sync == Sync::Full ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+        execute(db, kSchema);
+        return true;
+    }
+
+    // Waiting events of the client leave its queue; texts no queue holds go.
+    void dropQueue(std::int64_t client) {
+        Query(releaseEvents).number(1, client).run();
+        Query(dropReleasedEvents).number(1, client).run();
+        Query(emptyQueue).number(1, client).run();
+    }
+    void list(const std::string& serverId, ClientList& clients) {
+        ClientList names;
+        Query query(listClients);
+        query.text(1, serverId);
+        while (query.step()) {
+            names.push_back(query.text(0));
+        }
+        clients.swap(names);
+    }
+
+    Connection connection;
+    sqlite3* const handle;
+    const bool ready;
+    Statement begin, commit;
+    Statement findClient, listClients, countClients, addServer, addClient, removeClient,
+        removeEmptyServer;
+    Statement releaseEvents, dropReleasedEvents, emptyQueue, resetWaiting;
+    Statement fullRecipient, nextSequence, advanceSequence, addEvent, queueForOthers,
+        countForOthers;
+    Statement queued, headPosition, queueAt, addWaiting, totals;
+};
+
+std::string SqliteStore::databasePath(const std::string& directory) {
+    return (std::filesystem::path(directory) / "quorvel.sqlite3").string();
+}
+
+SqliteStore::SqliteStore(const std::string& directory, const ServiceLimits& limits, Sync sync)
+    : Store(limits) {
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    if (error) {
+        throw StoreFailure{FailureKind::Limit,
+                           storeFailedMessage("make the directory " + directory, error.message())};
+    }
+    const std::string path = databasePath(directory);
+    try {
+        db = std::make_unique<Database>(path, sync);
+    } catch (const SqliteError& failure) {
+        throw StoreFailure{FailureKind::Limit,
+                           storeFailedMessage("open the database " + path, failure.cause)};
+    }
+}
+
+SqliteStore::~SqliteStore() = default;
+
+// Runs operation in one transaction under the lock. Whatever leaves it (a
+// refusal, an SQLite failure, running out of memory) rolls everything back.
+template <typename Operation>
+void SqliteStore::transaction(const char* action, Operation operation) {
+    std::lock_guard<std::mutex> lock(mutex);
+    try {
+        Query(db->begin).run();
+        operation();
+        Query(db->commit).run();
+        return;
+    } catch (const StoreFailure&) {
+        sqlite3_exec(db->handle, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    } catch (const SqliteError& failure) {
+        // SQLite may have rolled back already (a full disk, an I/O error).
+        if (!sqlite3_get_autocommit(db->handle)) {
+            sqlite3_exec(db->handle, "ROLLBACK", nullptr, nullptr, nullptr);
+        }
+        throw StoreFailure{FailureKind::Limit, storeFailedMessage(action, failure.cause)};
+    } catch (const std::bad_alloc&) {
+        sqlite3_exec(db->handle, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw StoreFailure{FailureKind::Limit, outOfMemoryMessage()};
+    }
+}
+
+void SqliteStore::registerClient(const std::string& serverId, const std::string& clientId,
+                                 ClientList& clients) {
+    transaction("register the client", [&] {
+        Query known(db->findClient);
+        if (!known.text(1, serverId).text(2, clientId).step()) {
+            Query count(db->countClients);
+            count.text(1, serverId).step();
+            const auto registered = static_cast<std::size_t>(count.number(0));
+            if (registered >= limits().maxClientsPerServer) {
+                throw StoreFailure{FailureKind::Limit,
+                                   tooManyClientsMessage(serverId, clientId, registered)};
+            }
+            Query(db->addServer).text(1, serverId).run();
+            Query(db->addClient).text(1, serverId).text(2, clientId).run();
+        }
+        db->list(serverId, clients);
+    });
+}
+
+void SqliteStore::unregisterClient(const std::string& serverId, const std::string& clientId,
+                                   ClientList& remaining) {
+    transaction("unregister the client", [&] {
+        Query known(db->findClient);
+        if (known.text(1, serverId).text(2, clientId).step()) {
+            const std::int64_t client = known.number(0);
+            db->dropQueue(client);
+            Query(db->removeClient).number(1, client).run();
+            // The sequence restarts with the server's next first client.
+            Query(db->removeEmptyServer).text(1, serverId).run();
+        }
+        db->list(serverId, remaining);
+    });
+}
+
+void SqliteStore::clients(const std::string& serverId, ClientList& clients) {
+    transaction("list the clients", [&] { db->list(serverId, clients); });
+}
+
+void SqliteStore::post(const std::string& serverId, const std::string& senderId,
+                       const std::string& text, ClientList& clients) {
+    transaction("queue the event", [&] {
+        Query sender(db->findClient);
+        if (!sender.text(1, serverId).text(2, senderId).step()) {
+            throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
+        }
+        const std::int64_t senderRow = sender.number(0);
+        const ServiceLimits& limit = limits();
+        Query full(db->fullRecipient);
+        full.text(1, serverId)
+            .number(2, senderRow)
+            .number(3, static_cast<std::int64_t>(limit.maxQueuedEventsPerClient))
+            .number(4, static_cast<std::int64_t>(text.size()))
+            .number(5, static_cast<std::int64_t>(limit.maxQueuedBytesPerClient));
+        if (full.step()) {
+            const auto events = static_cast<std::size_t>(full.number(1));
+            const auto bytes = static_cast<std::size_t>(full.number(2));
+            throw StoreFailure{
+                FailureKind::Limit,
+                events >= limit.maxQueuedEventsPerClient
+                    ? tooManyEventsMessage(serverId, senderId, full.text(0), events)
+                    : tooManyBytesMessage(serverId, senderId, full.text(0), bytes, text.size(),
+                                          limit.maxQueuedBytesPerClient)};
+        }
+        ClientList after;
+        db->list(serverId, after);
+        Query sequence(db->nextSequence);
+        sequence.text(1, serverId).step();
+        if (after.size() > 1) {
+            Query(db->addEvent)
+                .text(1, senderId)
+                .number(2, sequence.number(0))
+                .blob(3, text)
+                .number(4, static_cast<std::int64_t>(after.size() - 1))
+                .run();
+            const std::int64_t event = sqlite3_last_insert_rowid(db->handle);
+            Query(db->queueForOthers).text(1, serverId).number(2, senderRow).number(3, event).run();
+            Query(db->countForOthers)
+                .text(1, serverId)
+                .number(2, senderRow)
+                .number(3, static_cast<std::int64_t>(text.size()))
+                .run();
+        }
+        Query(db->advanceSequence).text(1, serverId).run();
+        clients.swap(after);
+    });
+}
+
+void SqliteStore::take(const std::string& serverId, const std::string& clientId,
+                       std::vector<StoredEvent>& events) {
+    transaction("take the events", [&] {
+        Query known(db->findClient);
+        if (!known.text(1, serverId).text(2, clientId).step()) {
+            throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
+        }
+        std::vector<StoredEvent> taken;
+        if (known.number(1) > 0) {  // an empty queue, the usual poll, writes nothing
+            const std::int64_t client = known.number(0);
+            Query query(db->queued);
+            query.number(1, client);
+            while (query.step()) {
+                taken.push_back(StoredEvent{query.text(0),
+                                            static_cast<std::uint64_t>(query.number(1)),
+                                            std::make_shared<const std::string>(query.text(2))});
+            }
+            db->dropQueue(client);
+            Query(db->resetWaiting).number(1, client).run();
+        }
+        events.swap(taken);
+    });
+}
+
+void SqliteStore::restore(const std::string& serverId, const std::string& clientId,
+                          const std::vector<StoredEvent>& events) {
+    if (events.empty()) {
+        return;
+    }
+    transaction("give back the events", [&] {
+        Query known(db->findClient);
+        if (!known.text(1, serverId).text(2, clientId).step()) {
+            return;  // the client has left: its events went with it
+        }
+        const std::int64_t client = known.number(0);
+        Query head(db->headPosition);
+        head.number(1, client).step();
+        std::int64_t position = head.number(0) - static_cast<std::int64_t>(events.size());
+        std::int64_t bytes = 0;
+        for (const StoredEvent& event : events) {
+            Query(db->addEvent)
+                .text(1, event.sender)
+                .number(2, static_cast<std::int64_t>(event.sequence))
+                .blob(3, *event.text)
+                .number(4, 1)
+                .run();
+            const std::int64_t row = sqlite3_last_insert_rowid(db->handle);
+            Query(db->queueAt).number(1, client).number(2, position++).number(3, row).run();
+            bytes += static_cast<std::int64_t>(event.text->size());
+        }
+        Query(db->addWaiting)
+            .number(1, client)
+            .number(2, static_cast<std::int64_t>(events.size()))
+            .number(3, bytes)
+            .run();
+    });
+}
+
+StoreStats SqliteStore::stats() {
+    StoreStats stats;
+    transaction("read its statistics", [&] {
+        Query query(db->totals);
+        query.step();
+        stats.registeredClients = static_cast<std::uint64_t>(query.number(0));
+        stats.waitingEvents = static_cast<std::uint64_t>(query.number(1));
+        stats.waitingBytes = static_cast<std::uint64_t>(query.number(2));
+    });
+    return stats;
+}
+
+}  // namespace Engine
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
