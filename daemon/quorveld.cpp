@@ -86,6 +86,9 @@ int main(int argc, char** argv) {
 
     // A peer that goes away mid-answer must not kill the daemon.
     signal(SIGPIPE, SIG_IGN);
+    // A store file that reaches the file size limit fails that write, which the
+    // store reports, instead of ending the daemon.
+    signal(SIGXFSZ, SIG_IGN);
     // SIGINT and SIGTERM are taken by one thread with sigwait; every other thread
     // (the workers inherit this mask) leaves them alone.
     sigset_t stopSignals;

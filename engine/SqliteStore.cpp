@@ -19,9 +19,32 @@ struct SqliteError {
     std::string cause;
 };
 
+// What failed, in SQLite's words, with the step that failed for I/O errors and
+// the system's reason when SQLite kept it.
 std::string describe(sqlite3* db, int code) {
-    std::string cause = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(code);
-    const int systemError = db != nullptr ? sqlite3_system_errno(db) : 0;
+    if (db == nullptr) {
+        return sqlite3_errstr(code);
+    }
+    std::string cause = sqlite3_errmsg(db);
+    switch (sqlite3_extended_errcode(db)) {
+        case SQLITE_IOERR_WRITE:
+            cause += ", writing the file failed: is the disk full or the file too large?";
+            break;
+        case SQLITE_IOERR_FSYNC:
+        case SQLITE_IOERR_DIR_FSYNC:
+            cause += ", flushing the file to disk failed";
+            break;
+        case SQLITE_IOERR_READ:
+        case SQLITE_IOERR_SHORT_READ:
+            cause += ", reading the file failed";
+            break;
+        case SQLITE_IOERR_TRUNCATE:
+            cause += ", truncating the file failed";
+            break;
+        default:
+            break;
+    }
+    const int systemError = sqlite3_system_errno(db);
     if (systemError != 0) {
         char buffer[256];
         cause += std::string(" (") + strerror_r(systemError, buffer, sizeof buffer) + ")";
