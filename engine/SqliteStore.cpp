@@ -52,34 +52,53 @@ std::string describe(sqlite3* db, int code) {
     return cause;
 }
 
+// A post is one row, whatever the number of recipients: each client has a
+// cursor, the sequence number up to which it has taken the server's events,
+// and its queue is the server's events after its cursor that others posted,
+// preceded by the events given back to it (table returned, in position order).
+// Events every client's cursor has passed are deleted.
+//
+// The waiting counts come from running totals, so that a post writes the
+// server's row, the sender's row and the event, and no row of a recipient:
+// waiting = (posted - seen) - own + returned, where posted counts the
+// server's stored events since it began, seen is posted when the client's
+// cursor last moved, own counts the client's own posts since then. Bytes alike.
 // Clients are rows in registration order (a new row's id is above every id in
-// use). An event's text is stored once, with the count of queues holding it;
-// a queue entry's position orders a client's events: a posted event's id, or
-// below the client's lowest position for events given back.
+// use).
 const char* const kSchema = R"(
 CREATE TABLE IF NOT EXISTS servers(
     name TEXT PRIMARY KEY,
-    next_sequence INTEGER NOT NULL
+    next_sequence INTEGER NOT NULL,
+    posted_count INTEGER NOT NULL,
+    posted_bytes INTEGER NOT NULL
 ) WITHOUT ROWID;
 CREATE TABLE IF NOT EXISTS clients(
     id INTEGER PRIMARY KEY,
     server TEXT NOT NULL,
     name TEXT NOT NULL,
-    waiting_events INTEGER NOT NULL DEFAULT 0,
-    waiting_bytes INTEGER NOT NULL DEFAULT 0,
+    cursor INTEGER NOT NULL,
+    seen_count INTEGER NOT NULL,
+    seen_bytes INTEGER NOT NULL,
+    own_count INTEGER NOT NULL DEFAULT 0,
+    own_bytes INTEGER NOT NULL DEFAULT 0,
+    returned_count INTEGER NOT NULL DEFAULT 0,
+    returned_bytes INTEGER NOT NULL DEFAULT 0,
     UNIQUE(server, name)
 );
 CREATE TABLE IF NOT EXISTS events(
-    id INTEGER PRIMARY KEY,
-    sender TEXT NOT NULL,
+    server TEXT NOT NULL,
     sequence INTEGER NOT NULL,
+    sender INTEGER NOT NULL,
+    sender_name TEXT NOT NULL,
     text BLOB NOT NULL,
-    queues INTEGER NOT NULL
-);
-CREATE TABLE IF NOT EXISTS queue(
+    PRIMARY KEY(server, sequence)
+) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS returned(
     client INTEGER NOT NULL,
     position INTEGER NOT NULL,
-    event INTEGER NOT NULL,
+    sender_name TEXT NOT NULL,
+    sequence INTEGER NOT NULL,
+    text BLOB NOT NULL,
     PRIMARY KEY(client, position)
 ) WITHOUT ROWID;
 )";
@@ -205,56 +224,85 @@ struct SqliteStore::Database {
           ready(configure(handle, sync)),
           begin(handle, "BEGIN IMMEDIATE"),
           commit(handle, "COMMIT"),
+          // A client as the server sees it: its row, what waits for it, and the
+          // server's next sequence number.
           findClient(handle,
-                     "SELECT id, waiting_events FROM clients WHERE server = ?1 AND name = ?2"),
+                     "SELECT c.id, "
+                     "s.posted_count - c.seen_count - c.own_count + c.returned_count, "
+                     "s.posted_count - c.seen_count - c.own_count, "
+                     "s.next_sequence, c.cursor, c.returned_count "
+                     "FROM clients c JOIN servers s ON s.name = c.server "
+                     "WHERE c.server = ?1 AND c.name = ?2"),
           listClients(handle, "SELECT name FROM clients WHERE server = ?1 ORDER BY id"),
           countClients(handle, "SELECT count(*) FROM clients WHERE server = ?1"),
-          addServer(handle, "INSERT OR IGNORE INTO servers(name, next_sequence) VALUES(?1, 1)"),
-          addClient(handle, "INSERT INTO clients(server, name) VALUES(?1, ?2)"),
+          addServer(handle,
+                    "INSERT OR IGNORE INTO servers(name, next_sequence, posted_count, "
+                    "posted_bytes) VALUES(?1, 1, 0, 0)"),
+          addClient(handle,
+                    "INSERT INTO clients(server, name, cursor, seen_count, seen_bytes) "
+                    "SELECT ?1, ?2, next_sequence - 1, posted_count, posted_bytes "
+                    "FROM servers WHERE name = ?1"),
           removeClient(handle, "DELETE FROM clients WHERE id = ?1"),
+          removeReturned(handle, "DELETE FROM returned WHERE client = ?1"),
           removeEmptyServer(handle,
                             "DELETE FROM servers WHERE name = ?1 AND NOT EXISTS "
                             "(SELECT 1 FROM clients WHERE server = ?1)"),
-          releaseEvents(handle,
-                        "UPDATE events SET queues = queues - 1 WHERE id IN "
-                        "(SELECT event FROM queue WHERE client = ?1)"),
-          dropReleasedEvents(handle,
-                             "DELETE FROM events WHERE queues <= 0 AND id IN "
-                             "(SELECT event FROM queue WHERE client = ?1)"),
-          emptyQueue(handle, "DELETE FROM queue WHERE client = ?1"),
-          resetWaiting(handle,
-                       "UPDATE clients SET waiting_events = 0, waiting_bytes = 0 WHERE id = ?1"),
+          removeServerEvents(handle,
+                             "DELETE FROM events WHERE server = ?1 AND NOT EXISTS "
+                             "(SELECT 1 FROM servers WHERE name = ?1)"),
+          dropTakenEvents(handle,
+                          "DELETE FROM events WHERE server = ?1 AND sequence <= "
+                          "(SELECT min(cursor) FROM clients WHERE server = ?1)"),
           fullRecipient(handle,
-                        "SELECT name, waiting_events, waiting_bytes FROM clients "
-                        "WHERE server = ?1 AND id <> ?2 AND "
-                        "(waiting_events >= ?3 OR waiting_bytes + ?4 > ?5) ORDER BY id LIMIT 1"),
-          nextSequence(handle, "SELECT next_sequence FROM servers WHERE name = ?1"),
-          advanceSequence(handle,
-                          "UPDATE servers SET next_sequence = next_sequence + 1 WHERE name = ?1"),
+                        "SELECT c.name, "
+                        "s.posted_count - c.seen_count - c.own_count + c.returned_count AS n, "
+                        "s.posted_bytes - c.seen_bytes - c.own_bytes + c.returned_bytes AS b "
+                        "FROM clients c JOIN servers s ON s.name = c.server "
+                        "WHERE c.server = ?1 AND c.id <> ?2 AND (n >= ?3 OR b + ?4 > ?5) "
+                        "ORDER BY c.id LIMIT 1"),
           addEvent(handle,
-                   "INSERT INTO events(sender, sequence, text, queues) VALUES(?1, ?2, ?3, ?4)"),
-          queueForOthers(handle,
-                         "INSERT INTO queue(client, position, event) "
-                         "SELECT id, ?3, ?3 FROM clients WHERE server = ?1 AND id <> ?2"),
-          countForOthers(handle,
-                         "UPDATE clients SET waiting_events = waiting_events + 1, "
-                         "waiting_bytes = waiting_bytes + ?3 WHERE server = ?1 AND id <> ?2"),
-          queued(handle,
-                 "SELECT e.sender, e.sequence, e.text FROM queue q JOIN events e "
-                 "ON e.id = q.event WHERE q.client = ?1 ORDER BY q.position"),
-          headPosition(handle,
-                       "SELECT coalesce((SELECT min(position) FROM queue WHERE client = ?1), "
-                       "(SELECT coalesce(max(id), 0) + 1 FROM events))"),
-          queueAt(handle, "INSERT INTO queue(client, position, event) VALUES(?1, ?2, ?3)"),
-          addWaiting(handle,
-                     "UPDATE clients SET waiting_events = waiting_events + ?2, "
-                     "waiting_bytes = waiting_bytes + ?3 WHERE id = ?1"),
-          totals(handle,
-                 "SELECT count(*), coalesce(sum(waiting_events), 0), "
-                 "coalesce(sum(waiting_bytes), 0) FROM clients") {}
+                   "INSERT INTO events(server, sequence, sender, sender_name, text) "
+                   "VALUES(?1, ?2, ?3, ?4, ?5)"),
+          countPost(handle,
+                    "UPDATE servers SET next_sequence = next_sequence + 1, "
+                    "posted_count = posted_count + ?2, posted_bytes = posted_bytes + ?3 "
+                    "WHERE name = ?1"),
+          countOwnPost(handle,
+                       "UPDATE clients SET own_count = own_count + 1, "
+                       "own_bytes = own_bytes + ?2 WHERE id = ?1"),
+          // The cursor to the server's newest event: all taken, or none waiting.
+          catchUp(handle,
+                  "UPDATE clients SET (cursor, seen_count, seen_bytes, own_count, own_bytes) = "
+                  "(SELECT next_sequence - 1, posted_count, posted_bytes, 0, 0 FROM servers "
+                  "WHERE name = clients.server) WHERE id = ?1"),
+          clearReturned(handle,
+                        "UPDATE clients SET returned_count = 0, returned_bytes = 0 WHERE id = ?1"),
+          returnedEvents(handle,
+                         "SELECT sender_name, sequence, text FROM returned WHERE client = ?1 "
+                         "ORDER BY position"),
+          waitingEvents(handle,
+                        "SELECT sender_name, sequence, text FROM events WHERE server = ?1 AND "
+                        "sequence > ?2 AND sender <> ?3 ORDER BY sequence"),
+          headPosition(handle, "SELECT coalesce(min(position), 0) FROM returned WHERE client = ?1"),
+          addReturned(handle,
+                      "INSERT INTO returned(client, position, sender_name, sequence, text) "
+                      "VALUES(?1, ?2, ?3, ?4, ?5)"),
+          countReturned(handle,
+                        "UPDATE clients SET returned_count = returned_count + ?2, "
+                        "returned_bytes = returned_bytes + ?3 WHERE id = ?1"),
+          totals(
+              handle,
+              "SELECT count(*), "
+              "coalesce(sum(s.posted_count - c.seen_count - c.own_count + c.returned_count), 0), "
+              "coalesce(sum(s.posted_bytes - c.seen_bytes - c.own_bytes + c.returned_bytes), 0) "
+              "FROM clients c JOIN servers s ON s.name = c.server") {}
+
     static bool configure(sqlite3* db, Sync sync) {
-        // Another process on the same file (a second daemon) waits its turn.
-        sqlite3_busy_timeout(db, 5000);
+        // The file belongs to this connection until it closes: a second daemon
+        // on the same directory waits this long at its start, then fails; and
+        // SQLite takes no file lock per transaction.
+        sqlite3_busy_timeout(db, 2000);
+        execute(db, "PRAGMA locking_mode = EXCLUSIVE");
         execute(db, "PRAGMA journal_mode = WAL");
         execute(db,
                 sync == Sync::Full ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
@@ -262,12 +310,6 @@ struct SqliteStore::Database {
         return true;
     }
 
-    // Waiting events of the client leave its queue; texts no queue holds go.
-    void dropQueue(std::int64_t client) {
-        Query(releaseEvents).number(1, client).run();
-        Query(dropReleasedEvents).number(1, client).run();
-        Query(emptyQueue).number(1, client).run();
-    }
     void list(const std::string& serverId, ClientList& clients) {
         ClientList names;
         Query query(listClients);
@@ -283,11 +325,10 @@ struct SqliteStore::Database {
     const bool ready;
     Statement begin, commit;
     Statement findClient, listClients, countClients, addServer, addClient, removeClient,
-        removeEmptyServer;
-    Statement releaseEvents, dropReleasedEvents, emptyQueue, resetWaiting;
-    Statement fullRecipient, nextSequence, advanceSequence, addEvent, queueForOthers,
-        countForOthers;
-    Statement queued, headPosition, queueAt, addWaiting, totals;
+        removeReturned, removeEmptyServer, removeServerEvents, dropTakenEvents;
+    Statement fullRecipient, addEvent, countPost, countOwnPost, catchUp;
+    Statement clearReturned, returnedEvents, waitingEvents, headPosition, addReturned,
+        countReturned, totals;
 };
 
 std::string SqliteStore::databasePath(const std::string& directory) {
@@ -338,6 +379,9 @@ void SqliteStore::transaction(const char* action, Operation operation) {
     }
 }
 
+// Columns of findClient.
+enum ClientColumn { kRow, kWaiting, kWaitingFromOthers, kNextSequence, kCursor, kReturned };
+
 void SqliteStore::registerClient(const std::string& serverId, const std::string& clientId,
                                  ClientList& clients) {
     transaction("register the client", [&] {
@@ -362,11 +406,13 @@ void SqliteStore::unregisterClient(const std::string& serverId, const std::strin
     transaction("unregister the client", [&] {
         Query known(db->findClient);
         if (known.text(1, serverId).text(2, clientId).step()) {
-            const std::int64_t client = known.number(0);
-            db->dropQueue(client);
+            const std::int64_t client = known.number(kRow);
+            Query(db->removeReturned).number(1, client).run();
             Query(db->removeClient).number(1, client).run();
             // The sequence restarts with the server's next first client.
             Query(db->removeEmptyServer).text(1, serverId).run();
+            Query(db->removeServerEvents).text(1, serverId).run();
+            Query(db->dropTakenEvents).text(1, serverId).run();
         }
         db->list(serverId, remaining);
     });
@@ -383,13 +429,14 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
         if (!sender.text(1, serverId).text(2, senderId).step()) {
             throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
         }
-        const std::int64_t senderRow = sender.number(0);
+        const std::int64_t senderRow = sender.number(kRow);
+        const std::int64_t size = static_cast<std::int64_t>(text.size());
         const ServiceLimits& limit = limits();
         Query full(db->fullRecipient);
         full.text(1, serverId)
             .number(2, senderRow)
             .number(3, static_cast<std::int64_t>(limit.maxQueuedEventsPerClient))
-            .number(4, static_cast<std::int64_t>(text.size()))
+            .number(4, size)
             .number(5, static_cast<std::int64_t>(limit.maxQueuedBytesPerClient));
         if (full.step()) {
             const auto events = static_cast<std::size_t>(full.number(1));
@@ -403,24 +450,28 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
         }
         ClientList after;
         db->list(serverId, after);
-        Query sequence(db->nextSequence);
-        sequence.text(1, serverId).step();
-        if (after.size() > 1) {
+        const bool othersListen = after.size() > 1;  // else the number alone is used up
+        if (othersListen) {
             Query(db->addEvent)
-                .text(1, senderId)
-                .number(2, sequence.number(0))
-                .blob(3, text)
-                .number(4, static_cast<std::int64_t>(after.size() - 1))
-                .run();
-            const std::int64_t event = sqlite3_last_insert_rowid(db->handle);
-            Query(db->queueForOthers).text(1, serverId).number(2, senderRow).number(3, event).run();
-            Query(db->countForOthers)
                 .text(1, serverId)
-                .number(2, senderRow)
-                .number(3, static_cast<std::int64_t>(text.size()))
+                .number(2, sender.number(kNextSequence))
+                .number(3, senderRow)
+                .text(4, senderId)
+                .blob(5, text)
                 .run();
         }
-        Query(db->advanceSequence).text(1, serverId).run();
+        Query(db->countPost)
+            .text(1, serverId)
+            .number(2, othersListen ? 1 : 0)
+            .number(3, othersListen ? size : 0)
+            .run();
+        if (sender.number(kWaitingFromOthers) == 0) {
+            // Nothing of others waits for the sender: its cursor follows its own
+            // posts, so that a client that posts and never takes keeps no event.
+            Query(db->catchUp).number(1, senderRow).run();
+        } else {
+            Query(db->countOwnPost).number(1, senderRow).number(2, size).run();
+        }
         clients.swap(after);
     });
 }
@@ -433,17 +484,27 @@ void SqliteStore::take(const std::string& serverId, const std::string& clientId,
             throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
         }
         std::vector<StoredEvent> taken;
-        if (known.number(1) > 0) {  // an empty queue, the usual poll, writes nothing
-            const std::int64_t client = known.number(0);
-            Query query(db->queued);
-            query.number(1, client);
-            while (query.step()) {
-                taken.push_back(StoredEvent{query.text(0),
-                                            static_cast<std::uint64_t>(query.number(1)),
-                                            std::make_shared<const std::string>(query.text(2))});
+        if (known.number(kWaiting) > 0) {  // an empty queue, the usual poll, writes nothing
+            const std::int64_t client = known.number(kRow);
+            auto read = [&taken](Query& query) {
+                while (query.step()) {
+                    taken.push_back(
+                        StoredEvent{query.text(0), static_cast<std::uint64_t>(query.number(1)),
+                                    std::make_shared<const std::string>(query.text(2))});
+                }
+            };
+            if (known.number(kReturned) > 0) {
+                Query returned(db->returnedEvents);
+                returned.number(1, client);
+                read(returned);
+                Query(db->removeReturned).number(1, client).run();
+                Query(db->clearReturned).number(1, client).run();
             }
-            db->dropQueue(client);
-            Query(db->resetWaiting).number(1, client).run();
+            Query waiting(db->waitingEvents);
+            waiting.text(1, serverId).number(2, known.number(kCursor)).number(3, client);
+            read(waiting);
+            Query(db->catchUp).number(1, client).run();
+            Query(db->dropTakenEvents).text(1, serverId).run();
         }
         events.swap(taken);
     });
@@ -459,23 +520,22 @@ void SqliteStore::restore(const std::string& serverId, const std::string& client
         if (!known.text(1, serverId).text(2, clientId).step()) {
             return;  // the client has left: its events went with it
         }
-        const std::int64_t client = known.number(0);
+        const std::int64_t client = known.number(kRow);
         Query head(db->headPosition);
         head.number(1, client).step();
         std::int64_t position = head.number(0) - static_cast<std::int64_t>(events.size());
         std::int64_t bytes = 0;
         for (const StoredEvent& event : events) {
-            Query(db->addEvent)
-                .text(1, event.sender)
-                .number(2, static_cast<std::int64_t>(event.sequence))
-                .blob(3, *event.text)
-                .number(4, 1)
+            Query(db->addReturned)
+                .number(1, client)
+                .number(2, position++)
+                .text(3, event.sender)
+                .number(4, static_cast<std::int64_t>(event.sequence))
+                .blob(5, *event.text)
                 .run();
-            const std::int64_t row = sqlite3_last_insert_rowid(db->handle);
-            Query(db->queueAt).number(1, client).number(2, position++).number(3, row).run();
             bytes += static_cast<std::int64_t>(event.text->size());
         }
-        Query(db->addWaiting)
+        Query(db->countReturned)
             .number(1, client)
             .number(2, static_cast<std::int64_t>(events.size()))
             .number(3, bytes)

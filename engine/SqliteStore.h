@@ -9,10 +9,14 @@
 // take the last commits back (never a part of one). Sync::Full also waits for
 // the disk at each commit and survives those, at a far lower rate.
 //
-// A failure of the database (disk full, I/O error, another process holding it
-// past the busy time-out) is a FailureKind::Limit StoreFailure naming the
-// cause; the store serves again once the cause is gone. Thread-safe: one
-// connection, one operation at a time.
+// One store holds its database file alone (SQLite's exclusive locking mode): a
+// second one opened on the same directory fails to open it. A post writes one
+// row for the event whatever the number of recipients; each client's queue is
+// the server's events past its cursor (SqliteStore.cpp explains the tables).
+//
+// A failure of the database (disk full, I/O error) is a FailureKind::Limit
+// StoreFailure naming the cause; the store serves again once the cause is
+// gone. Thread-safe: one connection, one operation at a time.
 #ifndef AVQVL_ENGINE_SQLITESTORE_H
 #define AVQVL_ENGINE_SQLITESTORE_H
 
