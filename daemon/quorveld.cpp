@@ -2,7 +2,8 @@
 // transport/HttpWire.h). Prints "quorveld listening on HOST:PORT" on standard
 // output once it accepts connections, logs one line per request on standard
 // error (unless --quiet), and on SIGINT or SIGTERM lets the exchanges under way
-// finish and exits 0.
+// finish and exits 0. With --data DIR the state is kept in an SQLite database in
+// DIR and outlives the process; without it, in memory.
 #include <pthread.h>
 #include <signal.h>
 #include <CLI/CLI.hpp>
@@ -14,6 +15,7 @@
 
 #include "daemon/Daemon.h"
 #include "engine/RedisStore.h"
+#include "engine/SqliteStore.h"
 
 using Arvant::Net::AvQuorvel::Daemon::Daemon;
 using Arvant::Net::AvQuorvel::Daemon::DaemonOptions;
@@ -57,6 +59,16 @@ int main(int argc, char** argv) {
                    "Close an idle kept-alive connection after this many seconds")
         ->capture_default_str()
         ->check(CLI::Range(1, 3600));
+    std::string dataDirectory;
+    app.add_option("--data", dataDirectory,
+                   "Keep registrations and waiting events in an SQLite database in this "
+                   "directory (made when missing); without it they are kept in memory");
+    std::string dataSync = "normal";
+    app.add_option("--data-sync", dataSync,
+                   "normal: a put answered survives the end of the daemon; full: also a "
+                   "power cut, at a far lower rate")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"normal", "full"}));
     app.add_flag("--quiet", options.quiet, "No log line per request");
     std::string redisUrl;
     app.add_option("--redis", redisUrl,
@@ -75,7 +87,23 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    if (!dataDirectory.empty() && !redisUrl.empty()) {
+        std::cerr << "quorveld: --data and --redis exclude each other: the state lives in one "
+                     "store\n";
+        return 2;
+    }
     std::unique_ptr<Engine::Store> store;
+    if (!dataDirectory.empty()) {
+        try {
+            store = std::make_unique<Engine::SqliteStore>(dataDirectory, options.limits,
+                                                          dataSync == "full"
+                                                              ? Engine::SqliteStore::Sync::Full
+                                                              : Engine::SqliteStore::Sync::Normal);
+        } catch (const Engine::StoreFailure& failure) {
+            std::cerr << "quorveld: " << failure.message << "\n";
+            return 1;
+        }
+    }
     if (!redisUrl.empty()) {
         Engine::RedisAddress address;
         if (!Engine::parseRedisUrl(redisUrl, address, error)) {
@@ -94,6 +122,9 @@ int main(int argc, char** argv) {
 
     // A peer that goes away mid-answer must not kill the daemon.
     signal(SIGPIPE, SIG_IGN);
+    // A store file that reaches the file size limit fails that write, which the
+    // store reports, instead of ending the daemon.
+    signal(SIGXFSZ, SIG_IGN);
     // SIGINT and SIGTERM are taken by one thread with sigwait; every other thread
     // (the workers inherit this mask) leaves them alone.
     sigset_t stopSignals;

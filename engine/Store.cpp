@@ -48,6 +48,11 @@ std::string outOfMemoryMessage() {
     return "The Quorvel service ran out of memory while handling the request.";
 }
 
+std::string storeFailedMessage(const std::string& action, const std::string& cause) {
+    return "The Quorvel service could not " + action + ": its store failed (" + cause +
+           "); nothing was changed.";
+}
+
 }  // namespace Engine
 }  // namespace AvQuorvel
 }  // namespace Net

@@ -99,6 +99,9 @@ std::string tooManyBytesMessage(const std::string& serverId, const std::string& 
                                 const std::string& recipientId, std::size_t waitingBytes,
                                 std::size_t moreBytes, std::size_t limit);
 std::string outOfMemoryMessage();
+// A store that could not do its work: action says what ("queue the event"),
+// cause what went wrong, in the store's own words ("disk I/O error").
+std::string storeFailedMessage(const std::string& action, const std::string& cause);
 
 }  // namespace Engine
 }  // namespace AvQuorvel

@@ -8,6 +8,7 @@ packages=(
     libxerces-c-dev libicu-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     libcli11-dev libcpp-httplib-dev libcurl4-openssl-dev
+    libsqlite3-dev redis-server redis-tools libhiredis-dev
     clang libclang-rt-14-dev valgrind
     redis-server redis-tools libhiredis-dev
 )

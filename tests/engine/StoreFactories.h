@@ -11,6 +11,7 @@
 
 #include "engine/MemoryStore.h"
 #include "engine/RedisStore.h"
+#include "engine/SqliteStore.h"
 #include "support/RedisServer.h"
 
 namespace StoreTests {
@@ -29,6 +30,10 @@ inline std::vector<StoreFactory> storeFactories() {
     factories.push_back({"Memory", [](const ServiceLimits& limits, const std::string&) {
                              return std::make_unique<Arvant::Net::AvQuorvel::Engine::MemoryStore>(
                                  limits);
+                         }});
+    factories.push_back({"Sqlite", [](const ServiceLimits& limits, const std::string& scratch) {
+                             return std::make_unique<Arvant::Net::AvQuorvel::Engine::SqliteStore>(
+                                 scratch, limits);
                          }});
     // One redis-server for the whole program, emptied for each store.
     factories.push_back({"Redis", [](const ServiceLimits& limits, const std::string&) {
