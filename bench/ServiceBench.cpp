@@ -3,6 +3,9 @@
 // transport's own switch). Baselines in the same run: the engine called
 // directly (embedded), or a bare HTTP POST round trip to the same daemon and,
 // when REDIS_PORT names a Redis server on loopback, a PING round trip (daemon).
+// putEvents/16clients: 16 threads, each a client of one server of 16, post
+// 100-byte events and drain their queue every 16 posts; run against quorveld on
+// each store, it compares the stores where clients meet them.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
@@ -16,6 +19,7 @@
 #include <string>
 
 #include "OperationBench.h"
+#include "client/AvQVLConnection.h"
 #include "engine/ServiceEngine.h"
 
 namespace {
@@ -102,6 +106,30 @@ void redisPing(benchmark::State& state, int port) {
     close(fd);
 }
 
+void putEventsSixteenClients(benchmark::State& state) {
+    Arvant::Net::AvQuorvel::Client::AvQVLConnection connection;
+    std::string server = "bench16", client = "p" + std::to_string(state.thread_index()), locale;
+    std::string text, correlation = "bench.putEvents16";
+    std::vector<std::string> shared;
+    std::int64_t posts = 0;
+    try {
+        connection.registerClient(server, client, locale, shared);
+        for (auto _ : state) {
+            text.assign(100, 'e');
+            connection.putEvents(text, shared, correlation);
+            if (++posts % 16 == 0) {
+                connection.getEvents(text, shared, correlation);
+            }
+            shared.clear();
+        }
+        connection.unregisterClient(shared);
+    } catch (...) {
+        state.SkipWithError("an operation failed");
+    }
+    state.counters["posts/s"] =
+        benchmark::Counter(static_cast<double>(posts), benchmark::Counter::kIsRate);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -113,6 +141,9 @@ int main(int argc, char** argv) {
         curl_global_init(CURL_GLOBAL_DEFAULT);
         OperationBench::registerOperations("daemon/", true);
         benchmark::RegisterBenchmark("daemon/curlPost", curlPost, std::string(url));
+        benchmark::RegisterBenchmark("daemon/putEvents/16clients", putEventsSixteenClients)
+            ->Threads(16)
+            ->UseRealTime();
         const char* redisPort = std::getenv("REDIS_PORT");
         if (redisPort != nullptr && std::atoi(redisPort) > 0) {
             benchmark::RegisterBenchmark("daemon/redisPing", redisPing, std::atoi(redisPort));

@@ -91,3 +91,21 @@ fi
 REDIS_PORT="$redis_port" run store "$BENCH_DIR/bench/avqvl_bench_store"
 QUORVEL_URL="http://127.0.0.1:$port" REDIS_PORT="$redis_port" \
     run daemon "$BENCH_DIR/bench/avqvl_bench_service"
+
+# The same 16 clients against a second quorveld on the Redis store (the script's
+# Redis, no persistence): the stores compared where clients meet them.
+if [[ -n "$redis_port" ]]; then
+    "$daemon" --listen 127.0.0.1:0 --quiet --redis "redis://127.0.0.1:$redis_port" \
+        >"$work/quorveld-redis.log" 2>&1 &
+    pids+=($!)
+    redis_daemon_port=""
+    for _ in $(seq 1 100); do
+        redis_daemon_port=$(sed -n 's/^quorveld listening on .*:\([0-9][0-9]*\)$/\1/p' \
+            "$work/quorveld-redis.log")
+        [[ -n "$redis_daemon_port" ]] && break
+        sleep 0.05
+    done
+    QUORVEL_URL="http://127.0.0.1:$redis_daemon_port" \
+        run daemonRedis "$BENCH_DIR/bench/avqvl_bench_service" \
+        --benchmark_filter='16clients'
+fi
