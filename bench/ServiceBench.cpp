@@ -4,6 +4,8 @@
 // directly (embedded), or the same exchange written by hand on a bare socket to
 // the same daemon (when QUORVEL_URL is http://127.0.0.1:PORT) and, when
 // REDIS_PORT names a Redis server on loopback, a PING round trip (daemon).
+// daemon/fanOut16/putEvents, run against quorveld on each store, compares the
+// stores where clients meet them.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <netinet/in.h>

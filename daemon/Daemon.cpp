@@ -6,6 +6,7 @@
 #include "daemon/HttpServer.h"
 #include "daemon/Metrics.h"
 #include "daemon/Token.h"
+#include "engine/MemoryStore.h"
 #include "wire/HttpWire.h"
 
 namespace Arvant {
@@ -88,10 +89,10 @@ ServerOptions serverOptions(const DaemonOptions& options) {
 }  // namespace
 
 struct Daemon::Impl : HttpHandler {
-    Impl(const DaemonOptions& options, std::FILE* out)
+    Impl(const DaemonOptions& options, std::FILE* out, std::unique_ptr<Engine::Store> store)
         : options(options),
           log(out, options.logLevel, options.logFormat),
-          engine(options.limits),
+          engine(store ? std::move(store) : std::make_unique<Engine::MemoryStore>(options.limits)),
           server(serverOptions(options), *this) {}
 
     bool admitHead(const HttpRequest& head, HttpReply& refusal) override;
@@ -143,7 +144,7 @@ void Daemon::Impl::handle(const HttpRequest& request, HttpReply& reply) {
             return;
         }
         Gauges gauges;
-        const Engine::EngineStats stats = engine.stats();
+        const Engine::StoreStats stats = engine.stats();
         gauges.registeredClients = stats.registeredClients;
         gauges.waitingEvents = stats.waitingEvents;
         gauges.waitingBytes = stats.waitingBytes;
@@ -207,7 +208,8 @@ void Daemon::Impl::answered(const RequestOutcome& outcome) {
     log.request(line);
 }
 
-Daemon::Daemon(const DaemonOptions& options, std::FILE* log) : impl(new Impl(options, log)) {}
+Daemon::Daemon(const DaemonOptions& options, std::FILE* log, std::unique_ptr<Engine::Store> store)
+    : impl(new Impl(options, log, std::move(store))) {}
 
 Daemon::~Daemon() = default;
 

@@ -42,8 +42,10 @@ struct DaemonOptions {
 
 class Daemon {
 public:
-    // Logs to log (not owned) at options.logLevel and above.
-    Daemon(const DaemonOptions& options, std::FILE* log);
+    // Logs to log (not owned) at options.logLevel and above. The service's state
+    // lives in store, made with options.limits; none means a MemoryStore.
+    Daemon(const DaemonOptions& options, std::FILE* log,
+           std::unique_ptr<Engine::Store> store = nullptr);
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;

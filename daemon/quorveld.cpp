@@ -3,7 +3,9 @@
 // output once it accepts connections, logs one line per request on standard
 // error (unless --quiet), and on SIGINT or SIGTERM lets the exchanges under way
 // finish and exits 0. Exits 1 when it cannot listen (a port in use: "address
-// already in use") or read its token or TLS files, 2 on a usage error.
+// already in use") or read its token or TLS files, 2 on a usage error. With
+// --data DIR the state is kept in an SQLite database in DIR, with --redis URL in
+// Redis; either outlives the process. Without them it is kept in memory.
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -11,12 +13,16 @@
 
 #include <cstdio>
 #include <iostream>
+#include <memory>
 #include <thread>
 
 #include "daemon/Daemon.h"
 #include "daemon/Token.h"
+#include "engine/RedisStore.h"
+#include "engine/SqliteStore.h"
 
 using namespace Arvant::Net::AvQuorvel::Daemon;
+namespace Engine = Arvant::Net::AvQuorvel::Engine;
 
 namespace {
 
@@ -91,6 +97,20 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::IsMember({"text", "json"}));
     app.add_flag("--quiet", quiet, "No log at all (as --log-level off)");
+    std::string dataDirectory;
+    app.add_option("--data", dataDirectory,
+                   "Keep registrations and waiting events in an SQLite database in this "
+                   "directory (made when missing); without it they are kept in memory");
+    std::string dataSync = "normal";
+    app.add_option("--data-sync", dataSync,
+                   "normal: a put answered survives the end of the daemon; full: also a "
+                   "power cut, at a far lower rate")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"normal", "full"}));
+    std::string redisUrl;
+    app.add_option("--redis", redisUrl,
+                   "Keep the state in Redis at redis://HOST[:PORT][/DB], shared by every daemon "
+                   "started with the same URL");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -115,8 +135,44 @@ int main(int argc, char** argv) {
     }
     raiseDescriptorLimit();
 
+    if (!dataDirectory.empty() && !redisUrl.empty()) {
+        std::cerr << "quorveld: --data and --redis exclude each other: the state lives in one "
+                     "store\n";
+        return 2;
+    }
+    std::unique_ptr<Engine::Store> store;
+    if (!dataDirectory.empty()) {
+        try {
+            store = std::make_unique<Engine::SqliteStore>(dataDirectory, options.limits,
+                                                          dataSync == "full"
+                                                              ? Engine::SqliteStore::Sync::Full
+                                                              : Engine::SqliteStore::Sync::Normal);
+        } catch (const Engine::StoreFailure& failure) {
+            std::cerr << "quorveld: " << failure.message << "\n";
+            return 1;
+        }
+    }
+    if (!redisUrl.empty()) {
+        Engine::RedisAddress address;
+        if (!Engine::parseRedisUrl(redisUrl, address, error)) {
+            std::cerr << "quorveld: --redis: " << error << "\n";
+            return 2;
+        }
+        auto redis = std::make_unique<Engine::RedisStore>(address, options.limits);
+        try {
+            redis->ping();  // a wrong address shows now, not at the first request
+        } catch (const Engine::StoreFailure& failure) {
+            std::cerr << "quorveld: " << failure.message << "\n";
+            return 1;
+        }
+        store = std::move(redis);
+    }
+
     // A peer that goes away mid-answer must not kill the daemon.
     signal(SIGPIPE, SIG_IGN);
+    // A store file that reaches the file size limit fails that write, which the
+    // store reports, instead of ending the daemon.
+    signal(SIGXFSZ, SIG_IGN);
     // SIGINT and SIGTERM are taken by one thread with sigwait; every other thread
     // (the I/O threads inherit this mask) leaves them alone.
     sigset_t stopSignals;
@@ -125,7 +181,7 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    Daemon daemon(options, stderr);
+    Daemon daemon(options, stderr, std::move(store));
     if (workers != 0) {
         daemon.log().message(LogLevel::Warn,
                              "--workers is ignored: connections hold no thread; --threads sets "

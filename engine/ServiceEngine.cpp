@@ -4,10 +4,10 @@
 
 #include <algorithm>
 #include <new>
-#include <set>
 #include <utility>
 
 #include "engine/Documents.h"
+#include "engine/MemoryStore.h"
 
 namespace Arvant {
 namespace Net {
@@ -63,49 +63,74 @@ std::string quoted(const std::string& text) {
     return "\"" + text + "\"";
 }
 
-}  // namespace
-
-ServiceEngine::ServiceEngine(const ServiceLimits& limits) : serviceLimits(limits) {}
-
-EngineStats ServiceEngine::stats() {
-    EngineStats stats;
-    std::lock_guard<std::mutex> lock(mutex);
-    for (const auto& server : servers) {
-        stats.registeredClients += server.second.clients.size();
-        for (const Client& client : server.second.clients) {
-            stats.waitingEvents += client.pending.size();
-            stats.waitingBytes += client.pendingBytes;
-        }
+std::string sharedClientDocument(const ClientList& clients) {
+    SharedClientsDocument document;
+    for (const std::string& client : clients) {
+        document.add(client);
     }
-    return stats;
+    return document.finish();
 }
 
+}  // namespace
+
+ServiceEngine::ServiceEngine(const ServiceLimits& limits)
+    : store(std::make_unique<MemoryStore>(limits)) {}
+
+ServiceEngine::ServiceEngine(std::unique_ptr<Store> store) : store(std::move(store)) {}
+
+ServiceEngine::~ServiceEngine() = default;
+
 bool ServiceEngine::handle(const RequestHeaders& headers, const std::string& body,
-                           std::string& response, ServiceFailure& failure) {
+                           std::string& response, ServiceFailure& failure, Delivery* delivery) {
+    if (delivery != nullptr) {
+        *delivery = Delivery();
+    }
     try {
-        response = dispatch(headers, body);
+        response = dispatch(headers, body, delivery);
         return true;
     } catch (const Refusal& refusal) {
         failure.kind = refusal.kind;
         failure.message = refusal.message;
+    } catch (const StoreFailure& storeFailure) {
+        failure.kind = storeFailure.kind;
+        failure.message = storeFailure.message;
     } catch (const std::bad_alloc&) {
         failure.kind = FailureKind::Limit;
-        failure.message = "The Quorvel service ran out of memory while handling the request.";
+        failure.message = outOfMemoryMessage();
     }
     return false;
 }
 
-std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::string& body) {
+bool ServiceEngine::redeliver(Delivery& delivery, ServiceFailure& failure) {
+    Delivery returned;
+    returned.serverId.swap(delivery.serverId);
+    returned.clientId.swap(delivery.clientId);
+    returned.events.swap(delivery.events);
+    if (returned.events.empty()) {
+        return true;
+    }
+    try {
+        store->restore(returned.serverId, returned.clientId, returned.events);
+        return true;
+    } catch (const StoreFailure& storeFailure) {
+        failure.kind = storeFailure.kind;
+        failure.message = storeFailure.message;
+    }
+    return false;
+}
+
+std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::string& body,
+                                    Delivery* delivery) {
     const std::string& serviceName = requiredHeader(headers, "Service-Name");
     if (serviceName != kServiceName) {
         refuseProtocol("Unknown \"Service-Name\" " + quoted(serviceName) + "; expected " +
                        quoted(kServiceName) + ".");
     }
     const std::string& operation = requiredHeader(headers, "Operation-Name");
-    if (body.size() > serviceLimits.maxBodyBytes) {
+    const std::size_t maxBodyBytes = limits().maxBodyBytes;
+    if (body.size() > maxBodyBytes) {
         refuseLimit("The request body of " + std::to_string(body.size()) +
-                    " bytes exceeds the limit of " + std::to_string(serviceLimits.maxBodyBytes) +
-                    " bytes.");
+                    " bytes exceeds the limit of " + std::to_string(maxBodyBytes) + " bytes.");
     }
     if (operation == "getStatus") {
         return body;
@@ -119,7 +144,6 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
     const std::string& serverId = requiredHeader(headers, "Server-ID");
     const std::string& clientId = requiredHeader(headers, "Client-ID");
 
-    std::lock_guard<std::mutex> lock(mutex);
     if (operation == "registerClient") {
         return registerClient(serverId, clientId);
     }
@@ -130,7 +154,7 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
         return putEvents(serverId, clientId, body);
     }
     if (operation == "getEvents") {
-        return getEvents(serverId, clientId);
+        return getEvents(serverId, clientId, delivery);
     }
     return getSharedClients(serverId);
 }
@@ -146,152 +170,65 @@ std::string ServiceEngine::registerClient(const std::string& serverId,
             "Cannot register the client: \"Server-ID\" and \"Client-ID\" must not hold control "
             "characters, U+FFFE, U+FFFF or bytes that are not UTF-8.");
     }
-    auto group = servers.find(serverId);
-    std::size_t count = 0;
-    if (group != servers.end()) {
-        const auto& clients = group->second.clients;
-        if (std::any_of(clients.begin(), clients.end(),
-                        [&](const Client& client) { return client.id == clientId; })) {
-            return sharedClientDocument(serverId);  // already known: pending events stay
-        }
-        count = clients.size();
-    }
-    if (count >= serviceLimits.maxClientsPerServer) {
-        refuseLimit("Cannot register client " + quoted(clientId) + ": server " + quoted(serverId) +
-                    " already has " + std::to_string(count) +
-                    " clients, the most one server may have.");
-    }
-    std::string document;
-    ServerGroup& target = servers[serverId];
-    target.clients.push_back(Client{clientId, {}});
-    try {
-        document = sharedClientDocument(serverId);
-    } catch (...) {
-        target.clients.pop_back();  // nothing half-done
-        if (target.clients.empty()) {
-            servers.erase(serverId);
-        }
-        throw;
-    }
-    return document;
+    ClientList clients;
+    store->registerClient(serverId, clientId, clients);
+    return sharedClientDocument(clients);
 }
 
 std::string ServiceEngine::unregisterClient(const std::string& serverId,
                                             const std::string& clientId) {
-    std::string document = sharedClientDocument(serverId, &clientId);  // before any change
-    auto group = servers.find(serverId);
-    if (group != servers.end()) {
-        auto& clients = group->second.clients;
-        clients.erase(std::remove_if(clients.begin(), clients.end(),
-                                     [&](const Client& client) { return client.id == clientId; }),
-                      clients.end());
-        if (clients.empty()) {
-            servers.erase(group);  // the sequence restarts with the next client
-        }
-    }
-    return document;
+    ClientList remaining;
+    store->unregisterClient(serverId, clientId, remaining);
+    return sharedClientDocument(remaining);
 }
 
 std::string ServiceEngine::putEvents(const std::string& serverId, const std::string& clientId,
                                      const std::string& body) {
-    registeredClient(serverId, clientId);
     if (!fitsXmlDocument(body)) {
+        // A sender that is not registered hears that first, as it would had
+        // its event been fine.
+        ClientList clients;
+        store->clients(serverId, clients);
+        if (std::find(clients.begin(), clients.end(), clientId) == clients.end()) {
+            refuseProtocol(notRegisteredMessage(serverId, clientId));
+        }
         refuseProtocol("The event of client " + quoted(clientId) +
                        " holds control characters, U+FFFE, U+FFFF or bytes that are not "
                        "UTF-8, which an XML document cannot carry.");
     }
-    ServerGroup& group = servers.find(serverId)->second;  // exists: the caller is registered
-    for (const Client& recipient : group.clients) {
-        if (recipient.id == clientId) {
-            continue;
-        }
-        // The message is made only when a post is refused: puts are frequent.
-        auto refuseFull = [&](const std::string& waiting) {
-            refuseLimit("Cannot queue the event of client " + quoted(clientId) + ": client " +
-                        quoted(recipient.id) + " of server " + quoted(serverId) + " already has " +
-                        waiting);
-        };
-        if (recipient.pending.size() >= serviceLimits.maxQueuedEventsPerClient) {
-            refuseFull(std::to_string(recipient.pending.size()) +
-                       " events waiting, the most a client may have.");
-        }
-        if (recipient.pendingBytes + body.size() > serviceLimits.maxQueuedBytesPerClient) {
-            refuseFull(std::to_string(recipient.pendingBytes) + " bytes of events waiting; " +
-                       std::to_string(body.size()) + " more would pass the limit of " +
-                       std::to_string(serviceLimits.maxQueuedBytesPerClient) + " bytes.");
-        }
-    }
-    std::string document = sharedClientDocument(serverId);  // before any change
-    Event event{clientId, group.nextSequence, std::make_shared<const std::string>(body)};
-    std::size_t queued = 0;
-    try {
-        for (Client& recipient : group.clients) {
-            if (recipient.id != clientId) {
-                recipient.pending.push_back(event);
-                recipient.pendingBytes += body.size();
-                ++queued;
-            }
-        }
-    } catch (...) {
-        // Take the event back from the recipients that already got it.
-        for (Client& recipient : group.clients) {
-            if (queued == 0) {
-                break;
-            }
-            if (recipient.id != clientId) {
-                recipient.pending.pop_back();
-                recipient.pendingBytes -= body.size();
-                --queued;
-            }
-        }
-        throw;
-    }
-    ++group.nextSequence;
-    return document;
+    ClientList clients;
+    store->post(serverId, clientId, body, clients);
+    return sharedClientDocument(clients);
 }
 
-std::string ServiceEngine::getEvents(const std::string& serverId, const std::string& clientId) {
-    Client& client = registeredClient(serverId, clientId);
-    EventsDocument events;
-    for (const Event& event : client.pending) {
-        events.add(event.sender, event.sequence, *event.text);
+std::string ServiceEngine::getEvents(const std::string& serverId, const std::string& clientId,
+                                     Delivery* delivery) {
+    std::vector<StoredEvent> taken;
+    store->take(serverId, clientId, taken);
+    std::string document;
+    try {
+        EventsDocument events;
+        for (const StoredEvent& event : taken) {
+            events.add(event.sender, event.sequence, *event.text);
+        }
+        document = events.finish();
+        if (delivery != nullptr && !taken.empty()) {
+            delivery->serverId = serverId;
+            delivery->clientId = clientId;
+            delivery->events.swap(taken);
+        }
+    } catch (const std::bad_alloc&) {
+        // No answer leaves: the events go back where they were.
+        store->restore(serverId, clientId, taken);
+        throw;
     }
-    std::string document = events.finish();
-    client.pending.clear();  // only once the document is complete
-    client.pendingBytes = 0;
     return document;
 }
 
 std::string ServiceEngine::getSharedClients(const std::string& serverId) {
-    return sharedClientDocument(serverId);
-}
-
-ServiceEngine::Client& ServiceEngine::registeredClient(const std::string& serverId,
-                                                       const std::string& clientId) {
-    auto group = servers.find(serverId);
-    if (group != servers.end()) {
-        for (Client& client : group->second.clients) {
-            if (client.id == clientId) {
-                return client;
-            }
-        }
-    }
-    refuseProtocol("Client " + quoted(clientId) + " is not registered with server " +
-                   quoted(serverId) + ".");
-}
-
-std::string ServiceEngine::sharedClientDocument(const std::string& serverId,
-                                                const std::string* leaving) const {
-    SharedClientsDocument document;
-    auto group = servers.find(serverId);
-    if (group != servers.end()) {
-        for (const Client& client : group->second.clients) {
-            if (leaving == nullptr || client.id != *leaving) {
-                document.add(client.id);
-            }
-        }
-    }
-    return document.finish();
+    ClientList clients;
+    store->clients(serverId, clients);
+    return sharedClientDocument(clients);
 }
 
 }  // namespace Engine

@@ -21,42 +21,25 @@
 //
 // Identifiers registered and events posted must be UTF-8 that an XML document
 // can carry (no control character but tab, LF and CR, no U+FFFE or U+FFFF);
-// others are refused. Every failure leaves the state as it was. Thread-safe: one engine may serve
-// any number of transports at once.
+// others are refused. The state lives in a Store (Store.h), which applies each
+// operation whole or not at all and checks the limits; every failure leaves the
+// state as it was. Thread-safe: one engine may serve any number of transports
+// at once.
 #ifndef AVQVL_ENGINE_SERVICEENGINE_H
 #define AVQVL_ENGINE_SERVICEENGINE_H
 
-#include <cstddef>
-#include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "engine/ServiceLimits.h"
+#include "engine/Store.h"
 
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
 namespace Engine {
-
-struct ServiceLimits {
-    std::size_t maxBodyBytes = 16 * 1024 * 1024;
-    std::size_t maxQueuedEventsPerClient = 100000;
-    std::size_t maxClientsPerServer = 10000;
-    // Bytes of event text waiting for one client: one getEvents answer must stay
-    // deliverable (clients take at most 2 GiB, the HTTP transport 1 GiB, and
-    // escaping may make text up to six times longer); the count alone would
-    // allow 100 000 bodies of 16 MiB.
-    std::size_t maxQueuedBytesPerClient = 128 * 1024 * 1024;
-};
-
-// Why a request failed: those who carry the answer (the transport, the daemon)
-// turn the kind into their own codes.
-enum class FailureKind {
-    Refused,  // a malformed request, or one the service's rules do not allow
-    Limit     // a limit would be passed, or memory ran out
-};
 
 struct ServiceFailure {
     FailureKind kind = FailureKind::Refused;
@@ -65,60 +48,57 @@ struct ServiceFailure {
 
 using RequestHeaders = std::map<std::string, std::string>;
 
-// What the service holds at one moment, for monitoring.
-struct EngineStats {
-    std::size_t registeredClients = 0;
-    std::size_t waitingEvents = 0;
-    std::size_t waitingBytes = 0;  // event text waiting, counted once per recipient
+// What one getEvents answer took from the store, kept by whoever carries the
+// answer until it knows the answer arrived. Empty when the request was no
+// getEvents, failed, or found nothing waiting.
+struct Delivery {
+    std::string serverId;
+    std::string clientId;
+    std::vector<StoredEvent> events;
+
+    bool empty() const { return events.empty(); }
 };
 
 class ServiceEngine {
 public:
+    // An engine on a fresh MemoryStore with these limits.
     explicit ServiceEngine(const ServiceLimits& limits = ServiceLimits());
+    // An engine on the given store (never null), whose limits it follows.
+    explicit ServiceEngine(std::unique_ptr<Store> store);
+    ~ServiceEngine();
     ServiceEngine(const ServiceEngine&) = delete;
     ServiceEngine& operator=(const ServiceEngine&) = delete;
 
-    const ServiceLimits& limits() const { return serviceLimits; }
+    const ServiceLimits& limits() const { return store->limits(); }
+    StoreStats stats() { return store->stats(); }
 
-    // True with the response filled, or false with the failure filled.
+    // True with the response filled, or false with the failure filled. When
+    // delivery is given, a getEvents that succeeds records there the events its
+    // answer carries, so that the carrier can give them back with redeliver().
     bool handle(const RequestHeaders& headers, const std::string& body, std::string& response,
-                ServiceFailure& failure);
+                ServiceFailure& failure, Delivery* delivery = nullptr);
 
-    // Walks every client under the lock: for a scrape now and then, not per request.
-    EngineStats stats();
+    // The answer recorded in delivery did not reach its client (a write failed,
+    // or the connection closed before its end): its events go back to the head
+    // of the client's queue in their order, ahead of anything queued since, and
+    // the next getEvents answers them again. Events of a client that has left
+    // since are dropped. delivery is emptied. False with the failure filled when
+    // the store fails; the events are then lost. Loss that the carrier cannot
+    // see (the client dies after the last byte was written) stays at most once.
+    bool redeliver(Delivery& delivery, ServiceFailure& failure);
 
 private:
-    struct Event {
-        std::string sender;
-        uint64_t sequence;
-        std::shared_ptr<const std::string> text;  // one copy for all recipients
-    };
-    struct Client {
-        std::string id;
-        std::deque<Event> pending;
-        std::size_t pendingBytes = 0;  // event text in `pending`
-    };
-    struct ServerGroup {
-        std::vector<Client> clients;  // registration order
-        uint64_t nextSequence = 1;
-    };
-
-    std::string dispatch(const RequestHeaders& headers, const std::string& body);
+    std::string dispatch(const RequestHeaders& headers, const std::string& body,
+                         Delivery* delivery);
     std::string registerClient(const std::string& serverId, const std::string& clientId);
     std::string unregisterClient(const std::string& serverId, const std::string& clientId);
     std::string putEvents(const std::string& serverId, const std::string& clientId,
                           const std::string& body);
-    std::string getEvents(const std::string& serverId, const std::string& clientId);
+    std::string getEvents(const std::string& serverId, const std::string& clientId,
+                          Delivery* delivery);
     std::string getSharedClients(const std::string& serverId);
 
-    Client& registeredClient(const std::string& serverId, const std::string& clientId);
-    // Lists the clients of serverId, leaving out *leaving when given.
-    std::string sharedClientDocument(const std::string& serverId,
-                                     const std::string* leaving = nullptr) const;
-
-    const ServiceLimits serviceLimits;
-    std::mutex mutex;  // guards servers
-    std::map<std::string, ServerGroup> servers;
+    const std::unique_ptr<Store> store;
 };
 
 }  // namespace Engine

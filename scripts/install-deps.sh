@@ -8,7 +8,7 @@ packages=(
     libxerces-c-dev libicu-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     libcli11-dev libboost-dev libssl-dev openssl python3 curl
-    redis-server redis-tools
+    libsqlite3-dev redis-server redis-tools libhiredis-dev
     clang libclang-rt-14-dev valgrind
     doxygen
 )

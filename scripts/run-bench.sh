@@ -2,8 +2,9 @@
 # Builds the benchmark programs (Release, in build-bench/) and runs them: a
 # table on the terminal, one JSON file and one SVG picture (scripts/bench-svg.py)
 # per program in $BUILD_DIR/bench/.
-# The daemon figures need quorveld (built here) and, for the Redis baseline,
-# redis-server; without them those benchmarks are left out, with a note.
+# The daemon figures need quorveld (built here) and, for the Redis baselines,
+# redis-server and redis-benchmark; without them those benchmarks are left out,
+# with a note.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -14,7 +15,7 @@ mkdir -p "$OUT_DIR"
 
 cmake -S . -B "$BENCH_DIR" -G Ninja -DCMAKE_BUILD_TYPE=Release -DAVQVL_BENCH=ON \
     -DBUILD_TESTING=OFF >/dev/null
-targets=(avqvl_bench_text avqvl_bench_instant avqvl_bench_service)
+targets=(avqvl_bench_text avqvl_bench_instant avqvl_bench_service avqvl_bench_store)
 if cmake --build "$BENCH_DIR" --target help | grep -q '^quorveld:'; then
     targets+=(quorveld)
 fi
@@ -82,9 +83,17 @@ if command -v redis-server >/dev/null; then
         fi
         sleep 0.05
     done
+    # Beside the stores: Redis's own LPUSH rate from 16 connections.
+    if command -v redis-benchmark >/dev/null; then
+        echo
+        echo "== redis: LPUSH of 100-byte values, 16 connections (redis-benchmark)"
+        redis-benchmark -h 127.0.0.1 -p "$redis_port" -c 16 -n 200000 -d 100 -t lpush -q |
+            tr '\r' '\n' | grep -v '^$' | tail -n 1
+    fi
 else
-    echo "(redis-server is not installed: no Redis PING baseline)"
+    echo "(redis-server is not installed: no Redis store, PING or LPUSH baseline)"
 fi
+REDIS_PORT="$redis_port" run store "$BENCH_DIR/bench/avqvl_bench_store"
 QUORVEL_URL="http://127.0.0.1:$port" REDIS_PORT="$redis_port" \
     run daemon "$BENCH_DIR/bench/avqvl_bench_service"
 
@@ -108,6 +117,25 @@ if posts and rows:
 PY
 else
     echo "(redis-benchmark or redis-server missing: no LPUSH baseline)"
+fi
+
+
+# The same 16 clients against a second quorveld on the Redis store (the script's
+# Redis, no persistence): the stores compared where clients meet them.
+if [[ -n "$redis_port" ]]; then
+    "$daemon" --listen 127.0.0.1:0 --quiet --redis "redis://127.0.0.1:$redis_port" \
+        >"$work/quorveld-redis.log" 2>&1 &
+    pids+=($!)
+    redis_daemon_port=""
+    for _ in $(seq 1 100); do
+        redis_daemon_port=$(sed -n 's/^quorveld listening on .*:\([0-9][0-9]*\)$/\1/p' \
+            "$work/quorveld-redis.log")
+        [[ -n "$redis_daemon_port" ]] && break
+        sleep 0.05
+    done
+    QUORVEL_URL="http://127.0.0.1:$redis_daemon_port" \
+        run daemonRedis "$BENCH_DIR/bench/avqvl_bench_service" \
+        --benchmark_filter='fanOut16'
 fi
 
 draw

@@ -19,7 +19,7 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=thread" \
     -DCMAKE_SHARED_LINKER_FLAGS="-fsanitize=thread" >/dev/null
 cmake --build "$build" -j "$jobs" --target ThreadedConnectionTest ServiceEngineTest HttpBackendTest \
-    HttpServerTest quorveld quorvel
+    HttpServerTest StoreConformanceTest RedisStoreTest quorveld quorvel
 built=$(date +%s)
 
 export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/scripts/tsan.supp"

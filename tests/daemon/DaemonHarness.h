@@ -50,6 +50,7 @@ public:
         }
     }
 
+    pid_t id() const { return pid; }
     bool running() {
         ended = ended || pid < 0 || ::waitpid(pid, &status, WNOHANG) == pid;
         return !ended;

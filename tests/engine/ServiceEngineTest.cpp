@@ -215,4 +215,45 @@ TEST_F(ServiceEngineTest, ConcurrentPostersAndFetchersLoseNothing) {
     }
 }
 
+// An answer its carrier could not deliver goes back to the head of the queue,
+// ahead of what was posted since; a delivered one is simply dropped.
+TEST_F(ServiceEngineTest, RedeliveredAnswerComesBackFirst) {
+    add("S", {"a", "b"});
+    ok("putEvents", "S", "a", "one");
+    ok("putEvents", "S", "a", "two");
+    std::string response;
+    ServiceFailure failure;
+    Delivery delivery;
+    ASSERT_TRUE(engine.handle(req("getEvents", "S", "b"), "", response, failure, &delivery));
+    EXPECT_EQ(response, events({"a|1|one", "a|2|two"}));
+    ASSERT_EQ(delivery.events.size(), 2u);
+    ok("putEvents", "S", "a", "three");
+    ASSERT_TRUE(engine.redeliver(delivery, failure)) << failure.message;
+    EXPECT_TRUE(delivery.empty());
+    ASSERT_TRUE(engine.handle(req("getEvents", "S", "b"), "", response, failure, &delivery));
+    EXPECT_EQ(response, events({"a|1|one", "a|2|two", "a|3|three"}));
+    delivery = Delivery();  // delivered: nothing to give back
+    EXPECT_EQ(ok("getEvents", "S", "b"), events({}));
+
+    // Other operations, failures and empty answers record nothing.
+    struct Case {
+        const char* operation;
+        const char* client;
+    } cases[] = {
+        {"getEvents", "b"}, {"getEvents", "nobody"}, {"putEvents", "a"}, {"getSharedClients", "a"}};
+    for (const Case& c : cases) {
+        delivery.serverId = "stale";
+        engine.handle(req(c.operation, "S", c.client), "x", response, failure, &delivery);
+        EXPECT_TRUE(delivery.empty()) << c.operation;
+        EXPECT_TRUE(delivery.serverId.empty()) << c.operation;
+    }
+    // A client that left since the answer was taken does not come back with it.
+    ok("putEvents", "S", "a", "four");
+    ASSERT_TRUE(engine.handle(req("getEvents", "S", "b"), "", response, failure, &delivery));
+    ok("unregisterClient", "S", "b");
+    ASSERT_TRUE(engine.redeliver(delivery, failure));
+    ok("registerClient", "S", "b");
+    EXPECT_EQ(ok("getEvents", "S", "b"), events({}));
+}
+
 }  // namespace

@@ -1,0 +1,77 @@
+// A Store kept in Redis, so that several daemons (on one machine or many) serve
+// one set of clients. Each operation is one Lua script that checks membership
+// and limits and writes in the same step, so operations are atomic across
+// daemons and the limits hold for all of them together. Every key of one server
+// carries the server's identifier as its hash tag, so a server lives in one
+// Redis Cluster slot (the key layout is in README.md).
+//
+// Redis unreachable, timed out or failing: StoreFailure of kind Limit naming
+// Redis and the cause. A reply lost on the way back (the connection broke after
+// Redis ran the script) leaves the operation applied or not, as for any
+// request whose answer was lost. Thread-safe; connections are pooled and opened
+// again after Redis restarts.
+#ifndef AVQVL_ENGINE_REDISSTORE_H
+#define AVQVL_ENGINE_REDISSTORE_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engine/ServiceLimits.h"
+#include "engine/Store.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Engine {
+
+class RedisConnectionPool;
+class RedisScripts;
+
+struct RedisAddress {
+    std::string host = "127.0.0.1";
+    int port = 6379;
+    int database = 0;  // SELECTed on every connection
+    int connectTimeoutMs = 2000;
+    int commandTimeoutMs = 10000;  // a reply of 128 MiB of events must fit in it
+};
+
+// Reads "redis://HOST[:PORT][/DB]" (IPv6 as [::1]; port 6379 and database 0 by
+// default) into address, keeping its time-outs. False with error filled for
+// anything else.
+bool parseRedisUrl(const std::string& url, RedisAddress& address, std::string& error);
+
+class RedisStore : public Store {
+public:
+    // Connects lazily: constructing never fails, the first operation finds out.
+    RedisStore(const RedisAddress& address, const ServiceLimits& limits);
+    ~RedisStore() override;
+
+    // Throws StoreFailure unless Redis answers; for a daemon to check at start.
+    void ping();
+
+    void registerClient(const std::string& serverId, const std::string& clientId,
+                        ClientList& clients) override;
+    void unregisterClient(const std::string& serverId, const std::string& clientId,
+                          ClientList& remaining) override;
+    void clients(const std::string& serverId, ClientList& clients) override;
+    void post(const std::string& serverId, const std::string& senderId, const std::string& text,
+              ClientList& clients) override;
+    void take(const std::string& serverId, const std::string& clientId,
+              std::vector<StoredEvent>& events) override;
+    void restore(const std::string& serverId, const std::string& clientId,
+                 const std::vector<StoredEvent>& events) override;
+    // Scans every server in the database: meant for metrics, not for each request.
+    StoreStats stats() override;
+
+private:
+    const std::unique_ptr<RedisConnectionPool> pool;
+    const std::unique_ptr<RedisScripts> scripts;
+};
+
+}  // namespace Engine
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_ENGINE_REDISSTORE_H

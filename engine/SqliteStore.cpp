@@ -1,0 +1,561 @@
+#include "engine/SqliteStore.h"
+
+#include <sqlite3.h>
+
+#include <cstring>
+#include <filesystem>
+#include <new>
+#include <system_error>
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Engine {
+
+namespace {
+
+// Thrown inside the store when SQLite fails; a StoreFailure at its edge.
+struct SqliteError {
+    std::string cause;
+};
+
+// What failed, in SQLite's words, with the step that failed for I/O errors and
+// the system's reason when SQLite kept it.
+std::string describe(sqlite3* db, int code) {
+    if (db == nullptr) {
+        return sqlite3_errstr(code);
+    }
+    std::string cause = sqlite3_errmsg(db);
+    switch (sqlite3_extended_errcode(db)) {
+        case SQLITE_IOERR_WRITE:
+            cause += ", writing the file failed: is the disk full or the file too large?";
+            break;
+        case SQLITE_IOERR_FSYNC:
+        case SQLITE_IOERR_DIR_FSYNC:
+            cause += ", flushing the file to disk failed";
+            break;
+        case SQLITE_IOERR_READ:
+        case SQLITE_IOERR_SHORT_READ:
+            cause += ", reading the file failed";
+            break;
+        case SQLITE_IOERR_TRUNCATE:
+            cause += ", truncating the file failed";
+            break;
+        default:
+            break;
+    }
+    const int systemError = sqlite3_system_errno(db);
+    if (systemError != 0) {
+        char buffer[256];
+        cause += std::string(" (") + strerror_r(systemError, buffer, sizeof buffer) + ")";
+    }
+    return cause;
+}
+
+// A post is one row, whatever the number of recipients: each client has a
+// cursor, the sequence number up to which it has taken the server's events,
+// and its queue is the server's events after its cursor that others posted,
+// preceded by the events given back to it (table returned, in position order).
+// Events every client's cursor has passed are deleted.
+//
+// The waiting counts come from running totals, so that a post writes the
+// server's row, the sender's row and the event, and no row of a recipient:
+// waiting = (posted - seen) - own + returned, where posted counts the
+// server's stored events since it began, seen is posted when the client's
+// cursor last moved, own counts the client's own posts since then. Bytes alike.
+// Clients are rows in registration order (a new row's id is above every id in
+// use).
+const char* const kSchema = R"(
+CREATE TABLE IF NOT EXISTS servers(
+    name TEXT PRIMARY KEY,
+    next_sequence INTEGER NOT NULL,
+    posted_count INTEGER NOT NULL,
+    posted_bytes INTEGER NOT NULL
+) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS clients(
+    id INTEGER PRIMARY KEY,
+    server TEXT NOT NULL,
+    name TEXT NOT NULL,
+    cursor INTEGER NOT NULL,
+    seen_count INTEGER NOT NULL,
+    seen_bytes INTEGER NOT NULL,
+    own_count INTEGER NOT NULL DEFAULT 0,
+    own_bytes INTEGER NOT NULL DEFAULT 0,
+    returned_count INTEGER NOT NULL DEFAULT 0,
+    returned_bytes INTEGER NOT NULL DEFAULT 0,
+    UNIQUE(server, name)
+);
+CREATE TABLE IF NOT EXISTS events(
+    server TEXT NOT NULL,
+    sequence INTEGER NOT NULL,
+    sender INTEGER NOT NULL,
+    sender_name TEXT NOT NULL,
+    text BLOB NOT NULL,
+    PRIMARY KEY(server, sequence)
+) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS returned(
+    client INTEGER NOT NULL,
+    position INTEGER NOT NULL,
+    sender_name TEXT NOT NULL,
+    sequence INTEGER NOT NULL,
+    text BLOB NOT NULL,
+    PRIMARY KEY(client, position)
+) WITHOUT ROWID;
+)";
+
+// A prepared statement, kept for the life of the connection.
+class Statement {
+public:
+    Statement(sqlite3* db, const char* sql) : db(db) {
+        const int code =
+            sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+        if (code != SQLITE_OK) {
+            throw SqliteError{describe(db, code)};
+        }
+    }
+    ~Statement() { sqlite3_finalize(statement); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    sqlite3* const db;
+    sqlite3_stmt* statement = nullptr;
+};
+
+// One use of a statement: bind, step, read; reset when it goes, so that no
+// statement keeps a read open past its transaction. Strings bound must outlive
+// the use.
+class Query {
+public:
+    explicit Query(Statement& statement) : db(statement.db), statement(statement.statement) {}
+    ~Query() {
+        sqlite3_reset(statement);
+        sqlite3_clear_bindings(statement);
+    }
+    Query(const Query&) = delete;
+    Query& operator=(const Query&) = delete;
+
+    Query& text(int index, const std::string& value) {
+        check(sqlite3_bind_text(statement, index, value.data(), static_cast<int>(value.size()),
+                                SQLITE_STATIC));
+        return *this;
+    }
+    Query& blob(int index, const std::string& value) {
+        check(sqlite3_bind_blob64(statement, index, value.data(), value.size(), SQLITE_STATIC));
+        return *this;
+    }
+    Query& number(int index, std::int64_t value) {
+        check(sqlite3_bind_int64(statement, index, value));
+        return *this;
+    }
+    // True with a row to read, false when done.
+    bool step() {
+        const int code = sqlite3_step(statement);
+        if (code == SQLITE_ROW) {
+            return true;
+        }
+        if (code != SQLITE_DONE) {
+            throw SqliteError{describe(db, code)};
+        }
+        return false;
+    }
+    void run() {
+        while (step()) {
+        }
+    }
+    std::int64_t number(int column) { return sqlite3_column_int64(statement, column); }
+    std::string text(int column) {
+        const void* bytes = sqlite3_column_blob(statement, column);
+        const int size = sqlite3_column_bytes(statement, column);
+        return bytes == nullptr ? std::string()
+                                : std::string(static_cast<const char*>(bytes), size);
+    }
+
+private:
+    void check(int code) {
+        if (code != SQLITE_OK) {
+            throw SqliteError{describe(db, code)};
+        }
+    }
+
+    sqlite3* const db;
+    sqlite3_stmt* const statement;
+};
+
+void execute(sqlite3* db, const char* sql) {
+    char* message = nullptr;
+    const int code = sqlite3_exec(db, sql, nullptr, nullptr, &message);
+    if (code != SQLITE_OK) {
+        std::string cause = message != nullptr ? message : sqlite3_errstr(code);
+        sqlite3_free(message);
+        throw SqliteError{cause};
+    }
+}
+
+// Owns the connection; the last member to go, after every statement on it.
+struct Connection {
+    explicit Connection(sqlite3* handle) : handle(handle) {}
+    ~Connection() { sqlite3_close_v2(handle); }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    sqlite3* const handle;
+};
+
+sqlite3* openDatabase(const std::string& path) {
+    sqlite3* db = nullptr;
+    const int code = sqlite3_open_v2(
+        path.c_str(), &db,
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,  // SqliteStore locks
+        nullptr);
+    if (code != SQLITE_OK) {
+        const std::string cause = describe(db, code);
+        sqlite3_close(db);
+        throw SqliteError{cause};
+    }
+    sqlite3_extended_result_codes(db, 1);
+    return db;
+}
+
+}  // namespace
+
+struct SqliteStore::Database {
+    Database(const std::string& path, Sync sync)
+        : connection(openDatabase(path)),
+          handle(connection.handle),
+          ready(configure(handle, sync)),
+          begin(handle, "BEGIN IMMEDIATE"),
+          commit(handle, "COMMIT"),
+          // A client as the server sees it: its row, what waits for it, and the
+          // server's next sequence number.
+          findClient(handle,
+                     "SELECT c.id, "
+                     "s.posted_count - c.seen_count - c.own_count + c.returned_count, "
+                     "s.posted_count - c.seen_count - c.own_count, "
+                     "s.next_sequence, c.cursor, c.returned_count "
+                     "FROM clients c JOIN servers s ON s.name = c.server "
+                     "WHERE c.server = ?1 AND c.name = ?2"),
+          listClients(handle, "SELECT name FROM clients WHERE server = ?1 ORDER BY id"),
+          countClients(handle, "SELECT count(*) FROM clients WHERE server = ?1"),
+          addServer(handle,
+                    "INSERT OR IGNORE INTO servers(name, next_sequence, posted_count, "
+                    "posted_bytes) VALUES(?1, 1, 0, 0)"),
+          addClient(handle,
+                    "INSERT INTO clients(server, name, cursor, seen_count, seen_bytes) "
+                    "SELECT ?1, ?2, next_sequence - 1, posted_count, posted_bytes "
+                    "FROM servers WHERE name = ?1"),
+          removeClient(handle, "DELETE FROM clients WHERE id = ?1"),
+          removeReturned(handle, "DELETE FROM returned WHERE client = ?1"),
+          removeEmptyServer(handle,
+                            "DELETE FROM servers WHERE name = ?1 AND NOT EXISTS "
+                            "(SELECT 1 FROM clients WHERE server = ?1)"),
+          removeServerEvents(handle,
+                             "DELETE FROM events WHERE server = ?1 AND NOT EXISTS "
+                             "(SELECT 1 FROM servers WHERE name = ?1)"),
+          dropTakenEvents(handle,
+                          "DELETE FROM events WHERE server = ?1 AND sequence <= "
+                          "(SELECT min(cursor) FROM clients WHERE server = ?1)"),
+          fullRecipient(handle,
+                        "SELECT c.name, "
+                        "s.posted_count - c.seen_count - c.own_count + c.returned_count AS n, "
+                        "s.posted_bytes - c.seen_bytes - c.own_bytes + c.returned_bytes AS b "
+                        "FROM clients c JOIN servers s ON s.name = c.server "
+                        "WHERE c.server = ?1 AND c.id <> ?2 AND (n >= ?3 OR b + ?4 > ?5) "
+                        "ORDER BY c.id LIMIT 1"),
+          addEvent(handle,
+                   "INSERT INTO events(server, sequence, sender, sender_name, text) "
+                   "VALUES(?1, ?2, ?3, ?4, ?5)"),
+          countPost(handle,
+                    "UPDATE servers SET next_sequence = next_sequence + 1, "
+                    "posted_count = posted_count + ?2, posted_bytes = posted_bytes + ?3 "
+                    "WHERE name = ?1"),
+          countOwnPost(handle,
+                       "UPDATE clients SET own_count = own_count + 1, "
+                       "own_bytes = own_bytes + ?2 WHERE id = ?1"),
+          // The cursor to the server's newest event: all taken, or none waiting.
+          catchUp(handle,
+                  "UPDATE clients SET (cursor, seen_count, seen_bytes, own_count, own_bytes) = "
+                  "(SELECT next_sequence - 1, posted_count, posted_bytes, 0, 0 FROM servers "
+                  "WHERE name = clients.server) WHERE id = ?1"),
+          clearReturned(handle,
+                        "UPDATE clients SET returned_count = 0, returned_bytes = 0 WHERE id = ?1"),
+          returnedEvents(handle,
+                         "SELECT sender_name, sequence, text FROM returned WHERE client = ?1 "
+                         "ORDER BY position"),
+          waitingEvents(handle,
+                        "SELECT sender_name, sequence, text FROM events WHERE server = ?1 AND "
+                        "sequence > ?2 AND sender <> ?3 ORDER BY sequence"),
+          headPosition(handle, "SELECT coalesce(min(position), 0) FROM returned WHERE client = ?1"),
+          addReturned(handle,
+                      "INSERT INTO returned(client, position, sender_name, sequence, text) "
+                      "VALUES(?1, ?2, ?3, ?4, ?5)"),
+          countReturned(handle,
+                        "UPDATE clients SET returned_count = returned_count + ?2, "
+                        "returned_bytes = returned_bytes + ?3 WHERE id = ?1"),
+          totals(
+              handle,
+              "SELECT count(*), "
+              "coalesce(sum(s.posted_count - c.seen_count - c.own_count + c.returned_count), 0), "
+              "coalesce(sum(s.posted_bytes - c.seen_bytes - c.own_bytes + c.returned_bytes), 0) "
+              "FROM clients c JOIN servers s ON s.name = c.server") {}
+
+    static bool configure(sqlite3* db, Sync sync) {
+        // The file belongs to this connection until it closes: a second daemon
+        // on the same directory waits this long at its start, then fails; and
+        // SQLite takes no file lock per transaction.
+        sqlite3_busy_timeout(db, 2000);
+        execute(db, "PRAGMA locking_mode = EXCLUSIVE");
+        execute(db, "PRAGMA journal_mode = WAL");
+        execute(db,
+                sync == Sync::Full ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
+        execute(db, kSchema);
+        return true;
+    }
+
+    void list(const std::string& serverId, ClientList& clients) {
+        ClientList names;
+        Query query(listClients);
+        query.text(1, serverId);
+        while (query.step()) {
+            names.push_back(query.text(0));
+        }
+        clients.swap(names);
+    }
+
+    Connection connection;
+    sqlite3* const handle;
+    const bool ready;
+    Statement begin, commit;
+    Statement findClient, listClients, countClients, addServer, addClient, removeClient,
+        removeReturned, removeEmptyServer, removeServerEvents, dropTakenEvents;
+    Statement fullRecipient, addEvent, countPost, countOwnPost, catchUp;
+    Statement clearReturned, returnedEvents, waitingEvents, headPosition, addReturned,
+        countReturned, totals;
+};
+
+std::string SqliteStore::databasePath(const std::string& directory) {
+    return (std::filesystem::path(directory) / "quorvel.sqlite3").string();
+}
+
+SqliteStore::SqliteStore(const std::string& directory, const ServiceLimits& limits, Sync sync)
+    : Store(limits) {
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    if (error) {
+        throw StoreFailure{FailureKind::Limit,
+                           storeFailedMessage("make the directory " + directory, error.message())};
+    }
+    const std::string path = databasePath(directory);
+    try {
+        db = std::make_unique<Database>(path, sync);
+    } catch (const SqliteError& failure) {
+        throw StoreFailure{FailureKind::Limit,
+                           storeFailedMessage("open the database " + path, failure.cause)};
+    }
+}
+
+SqliteStore::~SqliteStore() = default;
+
+// Runs operation in one transaction under the lock. Whatever leaves it (a
+// refusal, an SQLite failure, running out of memory) rolls everything back.
+template <typename Operation>
+void SqliteStore::transaction(const char* action, Operation operation) {
+    std::lock_guard<std::mutex> lock(mutex);
+    try {
+        Query(db->begin).run();
+        operation();
+        Query(db->commit).run();
+        return;
+    } catch (const StoreFailure&) {
+        sqlite3_exec(db->handle, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    } catch (const SqliteError& failure) {
+        // SQLite may have rolled back already (a full disk, an I/O error).
+        if (!sqlite3_get_autocommit(db->handle)) {
+            sqlite3_exec(db->handle, "ROLLBACK", nullptr, nullptr, nullptr);
+        }
+        throw StoreFailure{FailureKind::Limit, storeFailedMessage(action, failure.cause)};
+    } catch (const std::bad_alloc&) {
+        sqlite3_exec(db->handle, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw StoreFailure{FailureKind::Limit, outOfMemoryMessage()};
+    }
+}
+
+// Columns of findClient.
+enum ClientColumn { kRow, kWaiting, kWaitingFromOthers, kNextSequence, kCursor, kReturned };
+
+void SqliteStore::registerClient(const std::string& serverId, const std::string& clientId,
+                                 ClientList& clients) {
+    transaction("register the client", [&] {
+        Query known(db->findClient);
+        if (!known.text(1, serverId).text(2, clientId).step()) {
+            Query count(db->countClients);
+            count.text(1, serverId).step();
+            const auto registered = static_cast<std::size_t>(count.number(0));
+            if (registered >= limits().maxClientsPerServer) {
+                throw StoreFailure{FailureKind::Limit,
+                                   tooManyClientsMessage(serverId, clientId, registered)};
+            }
+            Query(db->addServer).text(1, serverId).run();
+            Query(db->addClient).text(1, serverId).text(2, clientId).run();
+        }
+        db->list(serverId, clients);
+    });
+}
+
+void SqliteStore::unregisterClient(const std::string& serverId, const std::string& clientId,
+                                   ClientList& remaining) {
+    transaction("unregister the client", [&] {
+        Query known(db->findClient);
+        if (known.text(1, serverId).text(2, clientId).step()) {
+            const std::int64_t client = known.number(kRow);
+            Query(db->removeReturned).number(1, client).run();
+            Query(db->removeClient).number(1, client).run();
+            // The sequence restarts with the server's next first client.
+            Query(db->removeEmptyServer).text(1, serverId).run();
+            Query(db->removeServerEvents).text(1, serverId).run();
+            Query(db->dropTakenEvents).text(1, serverId).run();
+        }
+        db->list(serverId, remaining);
+    });
+}
+
+void SqliteStore::clients(const std::string& serverId, ClientList& clients) {
+    transaction("list the clients", [&] { db->list(serverId, clients); });
+}
+
+void SqliteStore::post(const std::string& serverId, const std::string& senderId,
+                       const std::string& text, ClientList& clients) {
+    transaction("queue the event", [&] {
+        Query sender(db->findClient);
+        if (!sender.text(1, serverId).text(2, senderId).step()) {
+            throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
+        }
+        const std::int64_t senderRow = sender.number(kRow);
+        const std::int64_t size = static_cast<std::int64_t>(text.size());
+        const ServiceLimits& limit = limits();
+        Query full(db->fullRecipient);
+        full.text(1, serverId)
+            .number(2, senderRow)
+            .number(3, static_cast<std::int64_t>(limit.maxQueuedEventsPerClient))
+            .number(4, size)
+            .number(5, static_cast<std::int64_t>(limit.maxQueuedBytesPerClient));
+        if (full.step()) {
+            const auto events = static_cast<std::size_t>(full.number(1));
+            const auto bytes = static_cast<std::size_t>(full.number(2));
+            throw StoreFailure{
+                FailureKind::Limit,
+                events >= limit.maxQueuedEventsPerClient
+                    ? tooManyEventsMessage(serverId, senderId, full.text(0), events)
+                    : tooManyBytesMessage(serverId, senderId, full.text(0), bytes, text.size(),
+                                          limit.maxQueuedBytesPerClient)};
+        }
+        ClientList after;
+        db->list(serverId, after);
+        const bool othersListen = after.size() > 1;  // else the number alone is used up
+        if (othersListen) {
+            Query(db->addEvent)
+                .text(1, serverId)
+                .number(2, sender.number(kNextSequence))
+                .number(3, senderRow)
+                .text(4, senderId)
+                .blob(5, text)
+                .run();
+        }
+        Query(db->countPost)
+            .text(1, serverId)
+            .number(2, othersListen ? 1 : 0)
+            .number(3, othersListen ? size : 0)
+            .run();
+        if (sender.number(kWaitingFromOthers) == 0) {
+            // Nothing of others waits for the sender: its cursor follows its own
+            // posts, so that a client that posts and never takes keeps no event.
+            Query(db->catchUp).number(1, senderRow).run();
+        } else {
+            Query(db->countOwnPost).number(1, senderRow).number(2, size).run();
+        }
+        clients.swap(after);
+    });
+}
+
+void SqliteStore::take(const std::string& serverId, const std::string& clientId,
+                       std::vector<StoredEvent>& events) {
+    transaction("take the events", [&] {
+        Query known(db->findClient);
+        if (!known.text(1, serverId).text(2, clientId).step()) {
+            throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
+        }
+        std::vector<StoredEvent> taken;
+        if (known.number(kWaiting) > 0) {  // an empty queue, the usual poll, writes nothing
+            const std::int64_t client = known.number(kRow);
+            auto read = [&taken](Query& query) {
+                while (query.step()) {
+                    taken.push_back(
+                        StoredEvent{query.text(0), static_cast<std::uint64_t>(query.number(1)),
+                                    std::make_shared<const std::string>(query.text(2))});
+                }
+            };
+            if (known.number(kReturned) > 0) {
+                Query returned(db->returnedEvents);
+                returned.number(1, client);
+                read(returned);
+                Query(db->removeReturned).number(1, client).run();
+                Query(db->clearReturned).number(1, client).run();
+            }
+            Query waiting(db->waitingEvents);
+            waiting.text(1, serverId).number(2, known.number(kCursor)).number(3, client);
+            read(waiting);
+            Query(db->catchUp).number(1, client).run();
+            Query(db->dropTakenEvents).text(1, serverId).run();
+        }
+        events.swap(taken);
+    });
+}
+
+void SqliteStore::restore(const std::string& serverId, const std::string& clientId,
+                          const std::vector<StoredEvent>& events) {
+    if (events.empty()) {
+        return;
+    }
+    transaction("give back the events", [&] {
+        Query known(db->findClient);
+        if (!known.text(1, serverId).text(2, clientId).step()) {
+            return;  // the client has left: its events went with it
+        }
+        const std::int64_t client = known.number(kRow);
+        Query head(db->headPosition);
+        head.number(1, client).step();
+        std::int64_t position = head.number(0) - static_cast<std::int64_t>(events.size());
+        std::int64_t bytes = 0;
+        for (const StoredEvent& event : events) {
+            Query(db->addReturned)
+                .number(1, client)
+                .number(2, position++)
+                .text(3, event.sender)
+                .number(4, static_cast<std::int64_t>(event.sequence))
+                .blob(5, *event.text)
+                .run();
+            bytes += static_cast<std::int64_t>(event.text->size());
+        }
+        Query(db->countReturned)
+            .number(1, client)
+            .number(2, static_cast<std::int64_t>(events.size()))
+            .number(3, bytes)
+            .run();
+    });
+}
+
+StoreStats SqliteStore::stats() {
+    StoreStats stats;
+    transaction("read its statistics", [&] {
+        Query query(db->totals);
+        query.step();
+        stats.registeredClients = static_cast<std::uint64_t>(query.number(0));
+        stats.waitingEvents = static_cast<std::uint64_t>(query.number(1));
+        stats.waitingBytes = static_cast<std::uint64_t>(query.number(2));
+    });
+    return stats;
+}
+
+}  // namespace Engine
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant

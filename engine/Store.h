@@ -1,0 +1,111 @@
+// Where the service keeps its state: the clients of each server in registration
+// order, the events waiting for each client (oldest first), and each server's
+// next sequence number. The engine checks the request (headers, identifiers,
+// texts) and writes the documents; the store applies each operation atomically
+// and checks the limits within the same step, so that several daemons sharing
+// one store never pass a limit together.
+//
+// Every operation applies fully or throws StoreFailure and changes nothing; no
+// other exception leaves a store (running out of memory is a Limit failure).
+// Implementations are safe for concurrent use from any number of threads.
+#ifndef AVQVL_ENGINE_STORE_H
+#define AVQVL_ENGINE_STORE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engine/ServiceLimits.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Engine {
+
+struct StoreFailure {
+    FailureKind kind = FailureKind::Refused;
+    std::string message;
+};
+
+struct StoredEvent {
+    std::string sender;
+    std::uint64_t sequence = 0;
+    // Shared, never null: the memory store keeps one copy for all recipients.
+    std::shared_ptr<const std::string> text;
+};
+
+// What the store holds, for metrics.
+struct StoreStats {
+    std::uint64_t registeredClients = 0;
+    std::uint64_t waitingEvents = 0;  // counted once per recipient
+    std::uint64_t waitingBytes = 0;
+};
+
+using ClientList = std::vector<std::string>;  // registration order
+
+class Store {
+public:
+    explicit Store(const ServiceLimits& limits) : storeLimits(limits) {}
+    virtual ~Store() = default;
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    // The limits the store enforces; the engine reads the body limit here too.
+    const ServiceLimits& limits() const { return storeLimits; }
+
+    // Adds the client (a known client keeps its place and its events; a server's
+    // first client starts its sequence at 1). Limit: maxClientsPerServer.
+    // clients receives the server's clients afterwards.
+    virtual void registerClient(const std::string& serverId, const std::string& clientId,
+                                ClientList& clients) = 0;
+    // Removes the client and its waiting events (an unknown client is no error);
+    // the server goes with its last client, and its sequence restarts. remaining
+    // receives the clients afterwards.
+    virtual void unregisterClient(const std::string& serverId, const std::string& clientId,
+                                  ClientList& remaining) = 0;
+    // The server's clients; empty for an unknown server.
+    virtual void clients(const std::string& serverId, ClientList& clients) = 0;
+    // Queues text for every client of the server but the sender, under the
+    // server's next sequence number, all or none. Refused when the sender is not
+    // registered; a Limit when any recipient would pass maxQueuedEventsPerClient
+    // or maxQueuedBytesPerClient. clients receives the server's clients.
+    virtual void post(const std::string& serverId, const std::string& senderId,
+                      const std::string& text, ClientList& clients) = 0;
+    // Removes and returns the client's waiting events, oldest first. Refused when
+    // the client is not registered.
+    virtual void take(const std::string& serverId, const std::string& clientId,
+                      std::vector<StoredEvent>& events) = 0;
+    // Puts events taken earlier, whose answer never reached the client, back at
+    // the head of its queue in their order, ahead of anything queued since. No
+    // limit applies (they were counted before); events of a client that has left
+    // since are dropped.
+    virtual void restore(const std::string& serverId, const std::string& clientId,
+                         const std::vector<StoredEvent>& events) = 0;
+    virtual StoreStats stats() = 0;
+
+private:
+    const ServiceLimits storeLimits;
+};
+
+// The store's refusal texts, one home for every implementation.
+std::string notRegisteredMessage(const std::string& serverId, const std::string& clientId);
+std::string tooManyClientsMessage(const std::string& serverId, const std::string& clientId,
+                                  std::size_t count);
+std::string tooManyEventsMessage(const std::string& serverId, const std::string& senderId,
+                                 const std::string& recipientId, std::size_t waiting);
+std::string tooManyBytesMessage(const std::string& serverId, const std::string& senderId,
+                                const std::string& recipientId, std::size_t waitingBytes,
+                                std::size_t moreBytes, std::size_t limit);
+std::string outOfMemoryMessage();
+// A store that could not do its work: action says what ("queue the event"),
+// cause what went wrong, in the store's own words ("disk I/O error").
+std::string storeFailedMessage(const std::string& action, const std::string& cause);
+
+}  // namespace Engine
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_ENGINE_STORE_H

@@ -1,0 +1,66 @@
+// The Lua scripts of the Redis store, each one operation done atomically in
+// Redis: the membership and limit checks come first, then every write, so a
+// refused operation writes nothing. Scripts run by their SHA1 (EVALSHA); when
+// Redis does not know one (after a restart or SCRIPT FLUSH) it is sent in full
+// once (EVAL), which also loads it again. Thread-safe.
+//
+// Replies are arrays whose first element is a status (RedisStatus); what
+// follows depends on the script (RedisStore.cpp reads them).
+#ifndef AVQVL_ENGINE_INTERNAL_REDISSCRIPTS_H
+#define AVQVL_ENGINE_INTERNAL_REDISSCRIPTS_H
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "engine/internal/RedisConnectionPool.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Engine {
+
+enum class RedisStatus {
+    Done = 0,
+    NotRegistered = 1,   // the caller is not a client of the server
+    TooManyClients = 2,  // then the count
+    TooManyEvents = 3,   // then the recipient and its waiting events
+    TooManyBytes = 4     // then the recipient and its waiting bytes
+};
+
+class RedisScripts {
+public:
+    enum Script {
+        // KEYS clients, server; ARGV client, most clients -> {status, clients | count}
+        Register,
+        // KEYS clients, server, bytes, queue; ARGV client -> {status, remaining clients}
+        Unregister,
+        // KEYS clients, server, bytes; ARGV queue prefix, sender, text, most events,
+        // most bytes -> {status, clients | recipient, waiting}
+        Post,
+        // KEYS clients, bytes, queue; ARGV client -> {status, events}
+        Take,
+        // KEYS clients, bytes, queue; ARGV client, bytes, events newest first -> {status}
+        Restore,
+        // KEYS clients, bytes; ARGV queue prefix -> {clients, events, bytes}
+        Count,
+        kScriptCount
+    };
+
+    // Runs script with keys (the first keyCount of keysAndArguments) and
+    // arguments. An error reply (Redis out of memory, a script error) throws
+    // StoreFailure of kind Limit naming Redis.
+    RedisReply run(RedisConnectionPool& pool, Script script,
+                   const std::vector<const std::string*>& keysAndArguments, int keyCount);
+
+private:
+    std::mutex mutex;               // guards sha
+    std::string sha[kScriptCount];  // as Redis named each script, once loaded
+};
+
+}  // namespace Engine
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
+
+#endif  // AVQVL_ENGINE_INTERNAL_REDISSCRIPTS_H

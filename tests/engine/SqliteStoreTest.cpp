@@ -1,0 +1,94 @@
+// The SQLite store keeps its state across closing and reopening: clients in
+// their order, waiting events in theirs (given-back ones first), sequences.
+#include "engine/SqliteStore.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+
+namespace {
+
+using namespace Arvant::Net::AvQuorvel::Engine;
+using Lines = std::vector<std::string>;
+
+class SqliteStoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/quorvel-sqlite-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        directory = pattern;
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        std::filesystem::permissions(directory, std::filesystem::perms::owner_all, ignored);
+        std::filesystem::remove_all(directory, ignored);
+    }
+    Lines take(Store& store, const std::string& client) {
+        std::vector<StoredEvent> events;
+        store.take("S", client, events);
+        Lines shown;
+        for (const StoredEvent& event : events) {
+            shown.push_back(event.sender + "|" + std::to_string(event.sequence) + "|" +
+                            *event.text);
+        }
+        return shown;
+    }
+
+    std::string directory;
+};
+
+TEST_F(SqliteStoreTest, StateSurvivesReopening) {
+    ServiceLimits limits;
+    limits.maxQueuedEventsPerClient = 4;
+    Lines clients;
+    std::vector<StoredEvent> taken;
+    {
+        SqliteStore store(directory, limits);
+        for (const char* client : {"c", "a", "b"}) {
+            store.registerClient("S", client, clients);
+        }
+        store.post("S", "a", "one", clients);
+        store.post("S", "c", "two", clients);
+        store.take("S", "b", taken);  // an answer that will not arrive
+        store.post("S", "a", "three", clients);
+        store.post("S", "a", "four", clients);
+        store.post("S", "a", "five", clients);
+    }
+    {
+        SqliteStore store(directory, limits);
+        store.clients("S", clients);
+        EXPECT_EQ(clients, (Lines{"c", "a", "b"}));
+        store.restore("S", "b", taken);
+        EXPECT_EQ(store.stats().waitingEvents, 5u + 4u + 1u);
+        Lines none;
+        EXPECT_THROW(store.post("S", "a", "over", none), StoreFailure);  // b's limit held
+    }
+    SqliteStore store(directory, limits);
+    EXPECT_EQ(take(store, "b"), (Lines{"a|1|one", "c|2|two", "a|3|three", "a|4|four", "a|5|five"}));
+    EXPECT_EQ(take(store, "c"), (Lines{"a|1|one", "a|3|three", "a|4|four", "a|5|five"}));
+    store.post("S", "b", "six", clients);  // the sequence goes on
+    EXPECT_EQ(take(store, "a"), (Lines{"c|2|two", "b|6|six"}));
+    const StoreStats stats = store.stats();
+    EXPECT_EQ(stats.registeredClients, 3u);
+    EXPECT_EQ(stats.waitingEvents, 1u);  // c: six
+}
+
+// A directory that cannot be made is a Limit failure naming the cause.
+TEST_F(SqliteStoreTest, AFileInTheWayIsAClearFailure) {
+    const std::string file = directory + "/file";
+    {
+        FILE* f = fopen(file.c_str(), "w");
+        ASSERT_NE(f, nullptr);
+        fclose(f);
+    }
+    try {
+        SqliteStore store(file, ServiceLimits{});
+        ADD_FAILURE() << "a store in place of a file";
+    } catch (const StoreFailure& failure) {
+        EXPECT_EQ(failure.kind, FailureKind::Limit);
+        EXPECT_NE(failure.message.find("its store failed"), std::string::npos) << failure.message;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,272 @@
+// What every store must do, run over each store of StoreFactories.h: the
+// order of clients and events, sequences, all-or-nothing fan-out, the limits,
+// restore at the head, and unregistering dropping events.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "engine/StoreFactories.h"
+
+namespace {
+
+using namespace Arvant::Net::AvQuorvel::Engine;
+using StoreTests::StoreFactory;
+using Lines = std::vector<std::string>;
+
+class StoreConformance : public ::testing::TestWithParam<StoreFactory> {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/quorvel-store-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        scratch = pattern;
+        open(ServiceLimits{});
+    }
+    void TearDown() override {
+        store.reset();
+        std::error_code ignored;
+        std::filesystem::remove_all(scratch, ignored);
+    }
+    void open(const ServiceLimits& limits) {
+        store.reset();
+        std::filesystem::remove_all(scratch);
+        std::filesystem::create_directory(scratch);
+        store = GetParam().make(limits, scratch);
+    }
+
+    Lines add(const std::string& server, const Lines& clients) {
+        Lines after;
+        for (const std::string& client : clients) {
+            store->registerClient(server, client, after);
+        }
+        return after;
+    }
+    Lines post(const std::string& server, const std::string& sender, const std::string& text) {
+        Lines clients;
+        store->post(server, sender, text, clients);
+        return clients;
+    }
+    // The client's events as "sender|sequence|text".
+    Lines take(const std::string& server, const std::string& client) {
+        std::vector<StoredEvent> events;
+        store->take(server, client, events);
+        Lines shown;
+        for (const StoredEvent& event : events) {
+            shown.push_back(event.sender + "|" + std::to_string(event.sequence) + "|" +
+                            *event.text);
+        }
+        return shown;
+    }
+    // The failure the operation throws: its kind, and a message holding part.
+    template <typename Operation>
+    void fails(FailureKind kind, const std::string& part, Operation operation) {
+        try {
+            operation();
+            ADD_FAILURE() << "no failure; expected one holding " << part;
+        } catch (const StoreFailure& failure) {
+            EXPECT_EQ(failure.kind, kind);
+            EXPECT_NE(failure.message.find(part), std::string::npos) << failure.message;
+        }
+    }
+
+    std::string scratch;
+    std::unique_ptr<Store> store;
+};
+
+TEST_P(StoreConformance, ClientsKeepRegistrationOrderAndServersAreApart) {
+    EXPECT_EQ(add("S", {"c", "a", "b", "a"}), (Lines{"c", "a", "b"}));
+    add("T", {"a"});
+    Lines clients;
+    store->clients("S", clients);
+    EXPECT_EQ(clients, (Lines{"c", "a", "b"}));
+    store->clients("nowhere", clients);
+    EXPECT_TRUE(clients.empty());
+    store->unregisterClient("S", "a", clients);
+    EXPECT_EQ(clients, (Lines{"c", "b"}));
+    store->unregisterClient("S", "unknown", clients);
+    EXPECT_EQ(clients, (Lines{"c", "b"}));
+    store->clients("T", clients);
+    EXPECT_EQ(clients, (Lines{"a"}));
+    EXPECT_EQ(add("S", {"a"}), (Lines{"c", "b", "a"}));  // back, at the end
+    EXPECT_EQ(store->stats().registeredClients, 4u);
+}
+
+TEST_P(StoreConformance, PostsReachEveryOtherClientInOrderUnderOneSequence) {
+    add("S", {"a", "b", "c"});
+    add("T", {"a", "z"});
+    EXPECT_EQ(post("S", "a", "one"), (Lines{"a", "b", "c"}));
+    post("T", "z", "elsewhere");
+    post("S", "b", "two");
+    post("S", "a", "");               // an empty event is an event
+    post("S", "c", "x&<\xC3\xA9\n");  // text comes back byte for byte
+    EXPECT_EQ(take("S", "a"), (Lines{"b|2|two", "c|4|x&<\xC3\xA9\n"}));
+    EXPECT_EQ(take("S", "b"), (Lines{"a|1|one", "a|3|", "c|4|x&<\xC3\xA9\n"}));
+    EXPECT_EQ(take("S", "c"), (Lines{"a|1|one", "b|2|two", "a|3|"}));
+    EXPECT_EQ(take("S", "c"), Lines{});
+    EXPECT_EQ(take("T", "a"), (Lines{"z|1|elsewhere"}));
+    StoreStats stats = store->stats();
+    EXPECT_EQ(stats.waitingEvents, 0u);
+    EXPECT_EQ(stats.waitingBytes, 0u);
+}
+
+TEST_P(StoreConformance, UnregisteringDropsEventsAndALastClientEndsTheSequence) {
+    add("S", {"a", "b"});
+    post("S", "a", "one");
+    post("S", "a", "two");
+    Lines clients;
+    store->unregisterClient("S", "b", clients);
+    add("S", {"b"});
+    EXPECT_EQ(take("S", "b"), Lines{});  // a new registration starts empty
+    post("S", "a", "three");
+    EXPECT_EQ(take("S", "b"), (Lines{"a|3|three"}));  // the server's sequence went on
+    store->unregisterClient("S", "a", clients);
+    store->unregisterClient("S", "b", clients);
+    EXPECT_EQ(store->stats().registeredClients, 0u);
+    add("S", {"a", "b"});
+    post("S", "b", "again");
+    EXPECT_EQ(take("S", "a"), (Lines{"b|1|again"}));
+}
+
+TEST_P(StoreConformance, UnregisteredCallersAreRefusedAndChangeNothing) {
+    add("S", {"a", "b"});
+    struct Case {
+        const char* what;
+        std::function<void(Store&)> operation;
+    } cases[] = {
+        {"post",
+         [](Store& s) {
+             Lines c;
+             s.post("S", "x", "t", c);
+         }},
+        {"post to unknown server",
+         [](Store& s) {
+             Lines c;
+             s.post("U", "a", "t", c);
+         }},
+        {"take",
+         [](Store& s) {
+             std::vector<StoredEvent> e;
+             s.take("S", "x", e);
+         }},
+        {"take from unknown server",
+         [](Store& s) {
+             std::vector<StoredEvent> e;
+             s.take("U", "a", e);
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        fails(FailureKind::Refused, " is not registered with server ",
+              [&] { c.operation(*store); });
+    }
+    EXPECT_EQ(take("S", "b"), Lines{});
+    post("S", "a", "first");
+    EXPECT_EQ(take("S", "b"), (Lines{"a|1|first"}));  // the refused posts took no number
+}
+
+// Each limit, once reached, refuses the whole post: no recipient gets it, no
+// number is used up.
+TEST_P(StoreConformance, LimitsRefuseTheWholePost) {
+    ServiceLimits limits;
+    limits.maxQueuedEventsPerClient = 2;
+    limits.maxQueuedBytesPerClient = 10;
+    limits.maxClientsPerServer = 3;
+    open(limits);
+    add("S", {"a", "b", "c"});
+    fails(FailureKind::Limit, "already has 3 clients", [&] { add("S", {"d"}); });
+    EXPECT_EQ(add("S", {"a"}), (Lines{"a", "b", "c"}));  // a known client is no new one
+
+    post("S", "c", "1234");  // a: 1 event, 4 bytes; b: the same
+    post("S", "a", "12");    // b: 2 events, 6 bytes
+    fails(FailureKind::Limit, "client \"b\" of server \"S\" already has 2 events waiting",
+          [&] { post("S", "c", "x"); });
+    EXPECT_EQ(take("S", "b"), (Lines{"c|1|1234", "a|2|12"}));
+    // a holds 4 bytes: 7 more would pass 10, though b would take them.
+    fails(FailureKind::Limit,
+          "client \"a\" of server \"S\" already has 4 bytes of events waiting; 7 more would pass "
+          "the limit of 10 bytes",
+          [&] { post("S", "b", "1234567"); });
+    EXPECT_EQ(take("S", "c"), (Lines{"a|2|12"}));
+    post("S", "b", "123456");  // exactly 10 bytes for a
+    EXPECT_EQ(take("S", "a"), (Lines{"c|1|1234", "b|3|123456"}));
+    EXPECT_EQ(take("S", "c"), (Lines{"b|3|123456"}));
+}
+
+TEST_P(StoreConformance, RestorePutsEventsBackAtTheHead) {
+    ServiceLimits limits;
+    limits.maxQueuedEventsPerClient = 3;
+    open(limits);
+    add("S", {"a", "b"});
+    post("S", "a", "one");
+    post("S", "a", "two");
+    std::vector<StoredEvent> taken;
+    store->take("S", "b", taken);
+    post("S", "a", "three");
+    post("S", "a", "four");
+    post("S", "a", "five");
+    store->restore("S", "b", taken);  // past the limit: they were counted before
+    EXPECT_EQ(store->stats().waitingEvents, 5u);
+    EXPECT_EQ(take("S", "b"), (Lines{"a|1|one", "a|2|two", "a|3|three", "a|4|four", "a|5|five"}));
+    post("S", "a", "six");  // the count went back to what take left
+    EXPECT_EQ(take("S", "b"), (Lines{"a|6|six"}));
+
+    // Events of a client that left are dropped; restoring nothing is nothing.
+    post("S", "a", "seven");
+    store->take("S", "b", taken);
+    Lines clients;
+    store->unregisterClient("S", "b", clients);
+    store->restore("S", "b", taken);
+    store->restore("S", "a", {});
+    add("S", {"b"});
+    EXPECT_EQ(take("S", "b"), Lines{});
+    EXPECT_EQ(store->stats().waitingEvents, 0u);
+}
+
+// Posters and takers on several threads: every event arrives once, in order.
+TEST_P(StoreConformance, ConcurrentPostsAndTakesLoseNothing) {
+    const int clients = 4, posts = 100;
+    for (int i = 0; i < clients; ++i) {
+        add("S", {std::to_string(i)});
+    }
+    std::vector<Lines> received(clients);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < clients; ++i) {
+        threads.emplace_back([&, i] {
+            const std::string me = std::to_string(i);
+            for (int n = 0; n < posts; ++n) {
+                post("S", me, me + ":" + std::to_string(n));
+                if (n % 10 == 9) {
+                    Lines got = take("S", me);
+                    received[i].insert(received[i].end(), got.begin(), got.end());
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (int i = 0; i < clients; ++i) {
+        Lines got = take("S", std::to_string(i));
+        received[i].insert(received[i].end(), got.begin(), got.end());
+        ASSERT_EQ(received[i].size(), std::size_t((clients - 1) * posts));
+        std::vector<int> next(clients, 0);
+        unsigned long last = 0;
+        for (const std::string& event : received[i]) {
+            const int sender = std::stoi(event);
+            const unsigned long sequence = std::stoul(event.substr(event.find('|') + 1));
+            EXPECT_GT(sequence, last);
+            last = sequence;
+            EXPECT_EQ(event.substr(event.rfind('|') + 1),
+                      std::to_string(sender) + ":" + std::to_string(next[sender]++));
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Stores, StoreConformance,
+                         ::testing::ValuesIn(StoreTests::storeFactories()),
+                         [](const ::testing::TestParamInfo<StoreFactory>& info) {
+                             return info.param.name;
+                         });
+
+}  // namespace
