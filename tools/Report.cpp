@@ -1,5 +1,6 @@
 #include "Report.h"
 
+#include <cstdio>
 #include <iostream>
 
 #include "Failure.h"
@@ -10,7 +11,8 @@ namespace Quorvel {
 namespace {
 
 int print(const char* command, bool json, const Failure& failure) {
-    if (json) {
+    // Once standard output has failed, the failure goes where it can be read.
+    if (json && !std::ferror(stdout)) {
         std::cout << JsonObject(command).flag("ok", false).raw("error", failure.toJson()).str()
                   << std::endl;
     } else {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <vector>
 
@@ -62,9 +63,12 @@ private:
 // Throws ToolError (kExitInternal) when standard output is gone, so a watch
 // whose reader has stopped ends instead of fetching events no one sees.
 void flushOrThrow() {
+    errno = 0;
     std::cout.flush();
     if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
-        throw ToolError(kExitInternal, "IOError", "cannot write standard output");
+        throw ToolError(kExitInternal, "IOError",
+                        std::string("cannot write standard output: ") +
+                            std::strerror(errno != 0 ? errno : EIO));
     }
 }
 

@@ -126,8 +126,8 @@ int finishOutput(int code) {
         failed = true;
         error = errno;
     }
-    if (!failed) {
-        return code;
+    if (!failed || code == Quorvel::kExitInternal) {
+        return code;  // a command that stopped on failing output has said so already
     }
     std::cerr << "error: cannot write standard output: " << std::strerror(error != 0 ? error : EIO)
               << std::endl;

@@ -319,6 +319,8 @@ TEST(CliDaemonTest, InputAndOutputFailuresExitThree) {
         const std::string full = "error: cannot write standard output: No space left on device\n";
         EXPECT_EQ(runWith("/dev/full", 1, {"status"}), std::make_pair(3, full));
         EXPECT_EQ(runWith("/dev/full", 1, {"--json", "status"}), std::make_pair(3, full));
+        // watch stops at its first line that cannot be written.
+        EXPECT_EQ(runWith("/dev/full", 1, as({"watch"})), std::make_pair(3, full));
     }
 }
 
