@@ -1,6 +1,7 @@
 #include "daemon/Daemon.h"
 
 #include <cstdlib>
+#include <memory>
 #include <utility>
 
 #include "daemon/HttpServer.h"
@@ -169,7 +170,8 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     }
     std::string response;
     ServiceFailure failure;
-    if (!engine.handle(fields, request.body(), response, failure)) {
+    auto delivery = std::make_shared<Engine::Delivery>();
+    if (!engine.handle(fields, request.body(), response, failure, delivery.get())) {
         answer(reply,
                Wire::statusForFailure(failure.kind == FailureKind::Limit ? AVQVL_LIMIT
                                                                          : AVQVL_REFUSED),
@@ -179,6 +181,19 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     reply.status = 200;
     reply.contentType = "application/octet-stream";
     reply.body = std::move(response);
+    if (!delivery->empty()) {
+        // A getEvents answer that the connection could not carry to its end puts
+        // its events back at the head of the client's queue. An answer written
+        // whole but lost after that (the client dies before reading it) is not
+        // seen here: that loss stays at most once.
+        reply.onComplete = [this, delivery](bool delivered) {
+            ServiceFailure lost;
+            if (!delivered && !engine.redeliver(*delivery, lost)) {
+                log.message(LogLevel::Error,
+                            "events of an undelivered answer were lost: " + lost.message);
+            }
+        };
+    }
 }
 
 // The log line and the metrics of every answered request. An exchange's

@@ -2,7 +2,11 @@
 // fetch while the daemon is killed with SIGKILL and started again on the same
 // directory; every event counted. And a store that cannot write (a file size
 // limit on the daemon) is a clear failure that passes when the limit goes.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <sys/resource.h>
 
 #include <cstdio>
@@ -16,6 +20,7 @@
 #include "client/AvQVLConnection.h"
 #include "client/Exception.h"
 #include "daemon/DaemonHarness.h"
+#include "wire/HttpWire.h"
 
 using namespace Harness;
 using Arvant::Net::AvQuorvel::Client::AvQVLConnection;
@@ -349,6 +354,109 @@ TEST(DaemonFullDisk, AStoreThatCannotWriteFailsClearlyAndRecovers) {
     EXPECT_EQ(step("put"), "posted");
     EXPECT_EQ(step("get"), "#2 ");  // none of the refused ones, and no number used up
     EXPECT_TRUE(daemon.running());
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.wait(10000), 0);
+}
+
+// A client killed while a large getEvents answer is on its way: the daemon sees
+// the connection break before the answer's end and gives the events back, so
+// the next getEvents answers every one of them, in order.
+TEST(DaemonRedelivery, EventsOfAnAnswerCutShortComeBack) {
+    Scratch scratch;
+    Daemon daemon(scratch.path + "/data");
+    const int events = 80;  // of 256 KiB: 20 MiB, far more than the socket buffers hold
+    Child poster(
+        [&] {
+            AvQVLConnection connection;
+            std::string server = "S", reader = "b", poster = "a", locale, text, correlation;
+            std::vector<std::string> shared;
+            {
+                AvQVLConnection readerConnection;
+                readerConnection.registerClient(server, reader, locale, shared);
+            }
+            connection.registerClient(server, poster, locale, shared);
+            for (int i = 0; i < events; ++i) {
+                text.assign(256 * 1024, static_cast<char>('a' + i % 26));
+                connection.putEvents(text, shared, correlation);
+            }
+            return 0;
+        },
+        Strings{daemon.url()});
+    ASSERT_EQ(poster.wait(60000), 0) << poster.err();
+
+    // Asks for b's events over a bare socket, reads the first bytes of the
+    // answer, says so, and waits to be killed.
+    Child reader([&] {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(daemon.port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+            return 1;
+        }
+        namespace Wire = Arvant::Net::AvQuorvel::Wire;
+        std::string request = std::string("POST ") + Wire::kExchangePath +
+                              " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\n";
+        for (const auto& field : {std::make_pair("Service-Name", "AvQVLRequest"),
+                                  std::make_pair("Operation-Name", "getEvents"),
+                                  std::make_pair("Server-ID", "S"), std::make_pair("Client-ID", "b")}) {
+            request += std::string(Wire::kFieldHeaderName) + ": " +
+                       Wire::encodeField(field.first, field.second) + "\r\n";
+        }
+        request += "\r\n";
+        if (::write(fd, request.data(), request.size()) != static_cast<ssize_t>(request.size())) {
+            return 2;
+        }
+        char head[1024];
+        if (::read(fd, head, sizeof head) <= 0) {
+            return 3;
+        }
+        std::printf("reading\n");
+        std::fflush(stdout);
+        ::pause();
+        return 0;
+    });
+    const auto deadline = Clock::now() + std::chrono::seconds(30);
+    while (reader.out().find("reading") == std::string::npos && reader.running() &&
+           Clock::now() < deadline) {
+        std::this_thread::sleep_for(milliseconds(10));
+    }
+    ASSERT_NE(reader.out().find("reading"), std::string::npos) << reader.err();
+    reader.signal(SIGKILL);
+    EXPECT_EQ(reader.wait(), -1);
+
+    // The daemon notices the broken connection when its next write fails; a
+    // fetch may come first and find nothing, so fetch until all have come back.
+    std::string numbers;
+    for (int attempt = 0; attempt < 100 && numbers.empty(); ++attempt) {
+        Child fetch(
+            [&] {
+                AvQVLConnection connection;
+                std::string server = "S", client = "b", locale, text, correlation;
+                std::vector<std::string> shared;
+                connection.registerClient(server, client, locale, shared);
+                connection.getEvents(text, shared, correlation);
+                const std::string mark = "sequence=\"";
+                for (std::size_t at = text.find(mark); at != std::string::npos;
+                     at = text.find(mark, at + 1)) {
+                    const std::size_t from = at + mark.size();
+                    std::printf("%s ", text.substr(from, text.find('"', from) - from).c_str());
+                }
+                return 0;
+            },
+            Strings{daemon.url()});
+        EXPECT_EQ(fetch.wait(60000), 0) << fetch.err();
+        numbers = fetch.out();
+        if (numbers.empty()) {
+            std::this_thread::sleep_for(milliseconds(50));
+        }
+    }
+    std::string expected;
+    for (int i = 1; i <= events; ++i) {
+        expected += std::to_string(i) + " ";
+    }
+    EXPECT_EQ(numbers, expected);
     daemon.signal(SIGTERM);
     EXPECT_EQ(daemon.wait(10000), 0);
 }
