@@ -5,9 +5,9 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <sys/resource.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -398,9 +398,10 @@ TEST(DaemonRedelivery, EventsOfAnAnswerCutShortComeBack) {
         namespace Wire = Arvant::Net::AvQuorvel::Wire;
         std::string request = std::string("POST ") + Wire::kExchangePath +
                               " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 0\r\n";
-        for (const auto& field : {std::make_pair("Service-Name", "AvQVLRequest"),
-                                  std::make_pair("Operation-Name", "getEvents"),
-                                  std::make_pair("Server-ID", "S"), std::make_pair("Client-ID", "b")}) {
+        for (const auto& field :
+             {std::make_pair("Service-Name", "AvQVLRequest"),
+              std::make_pair("Operation-Name", "getEvents"), std::make_pair("Server-ID", "S"),
+              std::make_pair("Client-ID", "b")}) {
             request += std::string(Wire::kFieldHeaderName) + ": " +
                        Wire::encodeField(field.first, field.second) + "\r\n";
         }

@@ -217,6 +217,15 @@ TEST(ServerTest, TokenGuardsEverythingButHealth) {
             EXPECT_THAT(answer, HasSubstr("WWW-Authenticate: Bearer"));
         }
     }
+    // Through the client library: the token from QUORVEL_TOKEN, or its refusal named.
+    const std::string url = "QUORVEL_URL=http://127.0.0.1:" + std::to_string(daemon.port);
+    EXPECT_EQ(quorvel({"status"}, {url, "QUORVEL_TOKEN=s3cret-token"}).code, 0);
+    for (const std::string& token : {"QUORVEL_TOKEN=wrong", "QUORVEL_TOKEN="}) {
+        const Result refused = quorvel({"register", "s", "k"}, {url, token});
+        EXPECT_EQ(refused.code, 1) << token;
+        EXPECT_THAT(refused.err, HasSubstr("AvQVLConnectionException")) << token;
+        EXPECT_THAT(refused.err, HasSubstr("token")) << token;
+    }
     EXPECT_EQ(daemon.stop(), 0);
     for (const std::string& bad : {dir.path + "/missing", dir.file("empty", "\n")}) {
         const Result refused =
@@ -282,6 +291,15 @@ TEST(ServerTest, TlsServesClientsThatTrustTheCertificate) {
     const Result refused = run(untrusted);
     EXPECT_EQ(refused.code, 60) << "curl: the peer's certificate cannot be verified";
     EXPECT_EQ(refused.out, "");
+    // Through the client library: the authority trusted through SSL_CERT_FILE,
+    // then a certificate that does not verify, refused with the reason.
+    const std::string url = "QUORVEL_URL=" + base;
+    const Result registered = quorvel({"register", "s", "k"}, {url, "SSL_CERT_FILE=" + ca});
+    EXPECT_EQ(registered.code, 0) << registered.err;
+    const Result unverified = quorvel({"register", "s", "k"}, {url, "SSL_CERT_FILE=" + other});
+    EXPECT_EQ(unverified.code, 1);
+    EXPECT_THAT(unverified.err, HasSubstr("AvQVLConnectionException"));
+    EXPECT_THAT(unverified.err, HasSubstr("certificate"));
     // Plain HTTP on the TLS port gets no answer either.
     EXPECT_THAT(get(daemon.port, "/healthz"), ::testing::Not(StartsWith("HTTP/1.1 200")));
     EXPECT_EQ(daemon.stop(), 0);
