@@ -253,13 +253,12 @@ struct SqliteStore::Database {
           dropTakenEvents(handle,
                           "DELETE FROM events WHERE server = ?1 AND sequence <= "
                           "(SELECT min(cursor) FROM clients WHERE server = ?1)"),
-          fullRecipient(handle,
-                        "SELECT c.name, "
-                        "s.posted_count - c.seen_count - c.own_count + c.returned_count AS n, "
-                        "s.posted_bytes - c.seen_bytes - c.own_bytes + c.returned_bytes AS b "
-                        "FROM clients c JOIN servers s ON s.name = c.server "
-                        "WHERE c.server = ?1 AND c.id <> ?2 AND (n >= ?3 OR b + ?4 > ?5) "
-                        "ORDER BY c.id LIMIT 1"),
+          clientsWaiting(handle,
+                         "SELECT c.id, c.name, "
+                         "s.posted_count - c.seen_count - c.own_count + c.returned_count, "
+                         "s.posted_bytes - c.seen_bytes - c.own_bytes + c.returned_bytes "
+                         "FROM clients c JOIN servers s ON s.name = c.server "
+                         "WHERE c.server = ?1 ORDER BY c.id"),
           addEvent(handle,
                    "INSERT INTO events(server, sequence, sender, sender_name, text) "
                    "VALUES(?1, ?2, ?3, ?4, ?5)"),
@@ -326,7 +325,7 @@ struct SqliteStore::Database {
     Statement begin, commit;
     Statement findClient, listClients, countClients, addServer, addClient, removeClient,
         removeReturned, removeEmptyServer, removeServerEvents, dropTakenEvents;
-    Statement fullRecipient, addEvent, countPost, countOwnPost, catchUp;
+    Statement clientsWaiting, addEvent, countPost, countOwnPost, catchUp;
     Statement clearReturned, returnedEvents, waitingEvents, headPosition, addReturned,
         countReturned, totals;
 };
@@ -431,25 +430,28 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
         }
         const std::int64_t senderRow = sender.number(kRow);
         const std::int64_t size = static_cast<std::int64_t>(text.size());
+        // The clients in their order, each recipient checked against the limits.
         const ServiceLimits& limit = limits();
-        Query full(db->fullRecipient);
-        full.text(1, serverId)
-            .number(2, senderRow)
-            .number(3, static_cast<std::int64_t>(limit.maxQueuedEventsPerClient))
-            .number(4, size)
-            .number(5, static_cast<std::int64_t>(limit.maxQueuedBytesPerClient));
-        if (full.step()) {
-            const auto events = static_cast<std::size_t>(full.number(1));
-            const auto bytes = static_cast<std::size_t>(full.number(2));
-            throw StoreFailure{
-                FailureKind::Limit,
-                events >= limit.maxQueuedEventsPerClient
-                    ? tooManyEventsMessage(serverId, senderId, full.text(0), events)
-                    : tooManyBytesMessage(serverId, senderId, full.text(0), bytes, text.size(),
-                                          limit.maxQueuedBytesPerClient)};
-        }
         ClientList after;
-        db->list(serverId, after);
+        Query listed(db->clientsWaiting);
+        listed.text(1, serverId);
+        while (listed.step()) {
+            after.push_back(listed.text(1));
+            if (listed.number(0) == senderRow) {
+                continue;
+            }
+            const auto events = static_cast<std::size_t>(listed.number(2));
+            const auto bytes = static_cast<std::size_t>(listed.number(3));
+            if (events >= limit.maxQueuedEventsPerClient) {
+                throw StoreFailure{FailureKind::Limit,
+                                   tooManyEventsMessage(serverId, senderId, after.back(), events)};
+            }
+            if (bytes + text.size() > limit.maxQueuedBytesPerClient) {
+                throw StoreFailure{FailureKind::Limit,
+                                   tooManyBytesMessage(serverId, senderId, after.back(), bytes,
+                                                       text.size(), limit.maxQueuedBytesPerClient)};
+            }
+        }
         const bool othersListen = after.size() > 1;  // else the number alone is used up
         if (othersListen) {
             Query(db->addEvent)

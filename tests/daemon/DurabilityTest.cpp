@@ -113,7 +113,9 @@ int crashClient(std::string client, const std::string& drainFlag) {
             std::printf("P %d ok\n", i);
         } catch (const Exception&) {
             std::printf("P %d unsure\n", i);
-            std::this_thread::sleep_for(milliseconds(10));
+            // The daemon is likely down: leave it time to come back before
+            // this client runs out of posts.
+            std::this_thread::sleep_for(milliseconds(50));
         }
         if (i % 8 == 7) {
             fetch();
