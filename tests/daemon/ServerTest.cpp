@@ -220,7 +220,7 @@ TEST(ServerTest, TokenGuardsEverythingButHealth) {
     // Through the client library: the token from QUORVEL_TOKEN, or its refusal named.
     const std::string url = "QUORVEL_URL=http://127.0.0.1:" + std::to_string(daemon.port);
     EXPECT_EQ(quorvel({"status"}, {url, "QUORVEL_TOKEN=s3cret-token"}).code, 0);
-    for (const std::string& token : {"QUORVEL_TOKEN=wrong", "QUORVEL_TOKEN="}) {
+    for (const char* token : {"QUORVEL_TOKEN=wrong", "QUORVEL_TOKEN="}) {
         const Result refused = quorvel({"register", "s", "k"}, {url, token});
         EXPECT_EQ(refused.code, 1) << token;
         EXPECT_THAT(refused.err, HasSubstr("AvQVLConnectionException")) << token;
