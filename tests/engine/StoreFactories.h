@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,12 @@ struct StoreFactory {
     std::function<std::unique_ptr<Store>(const ServiceLimits& limits, const std::string& scratch)>
         make;
 };
+
+// The test framework names each instance by printing its parameter; without
+// this it would dump the factory's bytes, padding included.
+inline void PrintTo(const StoreFactory& factory, std::ostream* out) {
+    *out << factory.name;
+}
 
 inline std::vector<StoreFactory> storeFactories() {
     std::vector<StoreFactory> factories;
