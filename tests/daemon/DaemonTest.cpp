@@ -17,7 +17,7 @@
 #include <regex>
 
 #include "client/AvQVLConnection.h"
-#include "daemon/DaemonHarness.h"
+#include "daemon/DaemonProcess.h"
 #include "wire/HttpWire.h"
 
 using namespace Harness;
@@ -28,52 +28,9 @@ namespace Wire = Arvant::Net::AvQuorvel::Wire;
 
 namespace {
 
-// quorveld on an ephemeral loopback port, logging to err(); always stopped.
-class Daemon : public Child {
-public:
-    explicit Daemon(const Strings& options = {})
-        : Child(program({QUORVELD_BINARY, "--listen", "127.0.0.1:0"}, options)) {
-        char newline = 0;
-        for (int i = 0; i < 2000 && newline != '\n' && running(); ++i) {
-            std::this_thread::sleep_for(milliseconds(5));
-            std::sscanf(out().c_str(), "quorveld listening on 127.0.0.1:%d%c", &port, &newline);
-        }
-        EXPECT_EQ(newline, '\n') << "quorveld did not start: " << err();
-    }
-    int stop() {  // SIGTERM, SIGKILL after 10 s; the exit code
-        signal(SIGTERM);
-        return wait(10000);
-    }
-    std::string url() const { return "QUORVEL_URL=http://127.0.0.1:" + std::to_string(port); }
-    int port = 0;
-};
-
-// A raw loopback connection, for requests no client of the library sends.
-class Connection {
-public:
-    explicit Connection(int port) {
-        sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-        EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    }
-    ~Connection() { ::close(fd); }
-    void send(const std::string& bytes) { ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-    // What arrives until the peer closes (closed is set) or is silent for timeoutMs.
-    std::string receive(int timeoutMs) {
-        std::string received;
-        char buffer[4096];
-        pollfd entry{fd, POLLIN, 0};
-        while (!closed && ::poll(&entry, 1, timeoutMs) > 0) {
-            const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-            closed = n <= 0;
-            received.append(buffer, closed ? 0 : n);
-        }
-        return received;
-    }
-    bool closed = false;
-
-private:
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-};
+// The daemon and raw connections of the server tests (DaemonProcess.h).
+using Daemon = DaemonProcess;
+using Connection = RawConnection;
 
 // What quorvel prints against the daemon at url: standard output on success, else
 // standard error.
