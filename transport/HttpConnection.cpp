@@ -179,7 +179,9 @@ HttpOutcome HttpConnection::transfer(Stream& stream, const std::string& body,
     HttpAnswer answer(answerBody, maxAnswerBytes);
     http::read(stream, readBuffer, answer, ec);
     const bool answerStarted = answer.got_some() || readBuffer.size() != 0;
-    if (ec && tls == nullptr && !answer.got_some() && isTlsRecord(readBuffer)) {
+    // Until the head is whole the parser consumes nothing, so the buffer then
+    // starts with the first byte that came back.
+    if (ec && tls == nullptr && !answer.is_header_done() && isTlsRecord(readBuffer)) {
         return faulted(HttpFault::speaksTls, "the service speaks TLS: use https://", true);
     }
     if (ec) {
