@@ -141,7 +141,10 @@ public:
         if (outcome.status == 200) {
             return true;
         }
-        const std::string message = trimmed(response);
+        std::string message = trimmed(response);
+        if (outcome.bodyBytes > response.size()) {
+            message += " ... (cut: " + std::to_string(outcome.bodyBytes) + " bytes in all)";
+        }
         response.clear();
         return failWithStatus(outcome.status, message, failure);
     }
@@ -204,6 +207,9 @@ private:
             case HttpFault::tlsFailed:
                 return fail(failure, AVQVL_UNREACHABLE,
                             "Cannot reach " + where + ": the TLS handshake failed: " + detail);
+            // A setting to change, like a bad URL: not worth trying again as it is.
+            case HttpFault::speaksTls:
+                return fail(failure, AVQVL_UNREACHABLE, "Cannot reach " + where + ": " + detail);
             case HttpFault::connectTimedOut:
                 return fail(failure, AVQVL_TIMED_OUT,
                             "Cannot reach " + where + ": couldn't connect within the time-out (" +

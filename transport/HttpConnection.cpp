@@ -60,6 +60,20 @@ HttpOutcome classify(const error_code& ec, bool answerStarted) {
     return faulted(HttpFault::lost, ec.message(), answerStarted);
 }
 
+// A write the daemon broke by closing: its answer may be waiting to be read.
+bool peerClosed(const error_code& ec) {
+    return ec == asio::error::broken_pipe || ec == asio::error::connection_reset;
+}
+
+// Whether the bytes that came back start with a TLS record header: a handshake
+// (22) or an alert (21), then major version 3. A server speaking TLS sends one
+// of them, or just closes, when a plain HTTP request reaches it.
+bool isTlsRecord(const boost::beast::flat_buffer& bytes) {
+    const auto* start = static_cast<const unsigned char*>(bytes.data().data());
+    const std::size_t size = bytes.size();
+    return size != 0 && (start[0] == 0x16 || start[0] == 0x15) && (size < 2 || start[1] == 0x03);
+}
+
 }  // namespace
 
 HttpConnection::HttpConnection(const HttpUrl& url, asio::ssl::context* tls)
@@ -155,25 +169,39 @@ HttpOutcome HttpConnection::handshake(DeadlineClock::time_point connectBy) {
 template <typename Stream>
 HttpOutcome HttpConnection::transfer(Stream& stream, const std::string& body,
                                      std::string& answerBody, std::uint64_t maxAnswerBytes) {
-    error_code ec;
+    error_code writeFailed;
     const std::array<asio::const_buffer, 2> request = {asio::buffer(head), asio::buffer(body)};
-    asio::write(stream, request, ec);
-    if (ec) {
-        return classify(ec, false);
+    asio::write(stream, request, writeFailed);
+    if (writeFailed && !peerClosed(writeFailed)) {
+        return classify(writeFailed, false);
     }
+    error_code ec;
     HttpAnswer answer(answerBody, maxAnswerBytes);
     http::read(stream, readBuffer, answer, ec);
-    if (ec) {
-        return classify(ec, answer.got_some() || readBuffer.size() != 0);
+    const bool answerStarted = answer.got_some() || readBuffer.size() != 0;
+    // Until the head is whole the parser consumes nothing, so the buffer then
+    // starts with the first byte that came back.
+    if (ec && tls == nullptr && !answer.is_header_done() && isTlsRecord(readBuffer)) {
+        return faulted(HttpFault::speaksTls, "the service speaks TLS: use https://", true);
     }
-    // Bytes beyond the answer belong to no exchange of ours: the connection's
-    // state is unknown, so the next exchange starts on a new one.
-    if (!answer.keep_alive() || readBuffer.size() != 0) {
+    if (ec) {
+        return classify(writeFailed ? writeFailed : ec, answerStarted);
+    }
+    // Only a refusal answers a request that did not go out whole; anything
+    // else after a broken write cannot be this request's answer.
+    if (writeFailed && answer.status() < 400) {
+        return classify(writeFailed, true);
+    }
+    // After a broken write the connection is done. Bytes beyond the answer
+    // belong to no exchange of ours: the connection's state is unknown, so the
+    // next exchange starts on a new one.
+    if (writeFailed || !answer.keep_alive() || readBuffer.size() != 0) {
         close();
     }
     HttpOutcome outcome;
     outcome.answerStarted = true;
     outcome.status = answer.status();
+    outcome.bodyBytes = answer.bodyBytes();
     return outcome;
 }
 

@@ -156,10 +156,16 @@ TEST(DaemonTest, FailuresReachTheClient) {
 TEST(DaemonTest, BadAndSlowRequestsAreRefusedWhileOthersAreServed) {
     Daemon daemon(
         {"--max-body=1000", "--threads=2", "--read-timeout-ms=300", "--request-timeout-ms=1000"});
+    const std::string overLimit =
+        "error: AvQVLRuntimeException (type 0): The request body exceeds the limit of 1000 bytes.";
     EXPECT_THAT(
         cli(daemon.url(), {"put", "--server", "s", "--client", "c", std::string(2000, 'x')}),
-        StartsWith("error: AvQVLRuntimeException (type 0): The request body exceeds the limit of "
-                   "1000 bytes."));
+        StartsWith(overLimit));
+    // Far over it: the daemon answers and closes while the body is still going out.
+    EXPECT_THAT(quorvel({"put", "--server", "s", "--client", "c", "-"}, {daemon.url()},
+                        std::string(17 << 20, 'x'))
+                    .err,
+                StartsWith(overLimit));
     EXPECT_THAT(cli(daemon.url(), {"register", "s", ""}),
                 StartsWith("error: AvQVLProtocolException (type 0): Cannot register client \"\""));
     const std::pair<std::string, std::string> table[] = {

@@ -1,8 +1,12 @@
 // Reads one answer of the daemon with Beast's HTTP parser: the status, whether
 // the connection may serve another exchange, and the body, appended straight
 // to the caller's string (no copy of the head fields is kept: the backend needs
-// none of them). One parser per answer; it does not throw (failures come back
-// through Beast's error_code), and it belongs to one thread.
+// none of them). The body of an error answer (any status but 200) is a message
+// for a person: only its first kMaxKeptErrorBytes are kept, cut where a UTF-8
+// character ends; the rest is read and dropped, so the answer is still read
+// whole and the connection may serve again. One parser per answer; it does not
+// throw (failures come back through Beast's error_code), and it belongs to one
+// thread.
 #ifndef AVQVL_TRANSPORT_INTERNAL_HTTPANSWER_H
 #define AVQVL_TRANSPORT_INTERNAL_HTTPANSWER_H
 
@@ -14,6 +18,8 @@ namespace Net {
 namespace AvQuorvel {
 namespace Transport {
 
+constexpr std::size_t kMaxKeptErrorBytes = 64 * 1024;
+
 class HttpAnswer : public boost::beast::http::basic_parser<false> {
 public:
     // body must outlive the parser; it is cleared first. maxBodyBytes bounds
@@ -21,6 +27,9 @@ public:
     HttpAnswer(std::string& body, std::uint64_t maxBodyBytes);
 
     int status() const { return statusCode; }
+    // The body's length as it came: more than the body kept when an error
+    // body was cut.
+    std::uint64_t bodyBytes() const { return receivedBytes; }
 
 private:
     using string_view = boost::beast::string_view;
@@ -35,10 +44,14 @@ private:
     std::size_t on_body_impl(string_view bytes, error_code&) override;
     void on_chunk_header_impl(std::uint64_t, string_view, error_code&) override {}
     std::size_t on_chunk_body_impl(std::uint64_t, string_view bytes, error_code&) override;
-    void on_finish_impl(error_code&) override {}
+    void on_finish_impl(error_code&) override;
+
+    std::size_t keepLimit() const;
+    void keep(string_view bytes);
 
     std::string& body;
     int statusCode = 0;
+    std::uint64_t receivedBytes = 0;
 };
 
 }  // namespace Transport

@@ -8,11 +8,13 @@
 // std::bad_alloc.
 //
 // Failures, each naming this exchange's own cause: the daemon cannot be reached
-// (refused, unknown host, certificate or TLS failure, bad settings) -2999; no
+// (refused, unknown host, certificate or TLS failure, a TLS service behind an
+// http:// URL, bad settings) -2999; no
 // connection within the connect time-out or no answer within the exchange
 // time-out -2998; the connection broke before the answer was whole -2997; the
 // token refused (401) -2996; the service refused the request -3017 (its own
-// message); a limit -3016; a malformed answer, or any other status, -3099.
+// message); a limit -3016; a malformed answer, or any other status, -3099. A very
+// long message of the service is cut (HttpAnswer.h), with a note of its length.
 #ifndef AVQVL_TRANSPORT_INTERNAL_HTTPBACKEND_H
 #define AVQVL_TRANSPORT_INTERNAL_HTTPBACKEND_H
 

@@ -37,13 +37,15 @@ enum class HttpFault {
     lost,             // the connection closed or broke before the answer was whole
     malformed,        // the bytes that came back are not an HTTP answer
     tooLarge,         // the answer's body is over the limit
+    speaksTls,        // a plain request was answered with TLS: the URL wants https://
 };
 
 struct HttpOutcome {
     HttpFault fault = HttpFault::none;
-    bool answerStarted = false;  // at least one byte of the answer arrived
-    int status = 0;              // with HttpFault::none
-    std::string detail;          // the system's or library's words for a fault
+    bool answerStarted = false;   // at least one byte of the answer arrived
+    int status = 0;               // with HttpFault::none
+    std::uint64_t bodyBytes = 0;  // the body as it came (more than kept when an error was cut)
+    std::string detail;           // the system's or library's words for a fault
 };
 
 class HttpConnection {
@@ -62,7 +64,10 @@ public:
 
     // Sends requestHead() and body, and reads the answer's body into answerBody.
     // When no connection is open, connects first, within connectTimeout and
-    // before exchangeBy. After any fault the connection is closed.
+    // before exchangeBy. After any fault the connection is closed. A daemon that
+    // refuses a request while it is still being sent (a body over its limit)
+    // answers and closes: a write that breaks is followed by a read, and an
+    // error answer found whole is the outcome (the connection is closed then too).
     HttpOutcome exchange(const std::string& body, std::string& answerBody,
                          DeadlineClock::time_point exchangeBy,
                          DeadlineClock::duration connectTimeout, std::uint64_t maxAnswerBytes);
