@@ -75,6 +75,8 @@ public:
     void expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) override;
 
 private:
+    std::vector<std::string> serverTags();
+
     const RedisAddress address;
     const std::unique_ptr<RedisConnectionPool> pool;
     const std::unique_ptr<RedisScripts> scripts;
