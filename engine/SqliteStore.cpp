@@ -5,8 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <new>
 #include <system_error>
 
@@ -348,9 +350,6 @@ struct SqliteStore::Database {
               "FROM clients c JOIN servers s ON s.name = c.server"),
           listInfo(handle,
                    AVQVL_CLIENT_INFO "WHERE ?1 = '' OR c.server = ?1 ORDER BY c.server, c.id"),
-          idleClients(handle, AVQVL_CLIENT_INFO
-                      "WHERE (CASE WHEN c.last_fetch_ms <> 0 THEN c.last_fetch_ms "
-                      "ELSE c.registered_ms END) < ?1 ORDER BY c.server, c.id"),
           probe(handle, "SELECT count(*) FROM (SELECT 1 FROM servers LIMIT 1)"),
           storedBytes(countStored(handle)) {}
 
@@ -394,6 +393,7 @@ struct SqliteStore::Database {
     // Removes the client row, what was given back to it, and the events no one
     // waits for any more (all of its server's, when it was the last client).
     void remove(std::int64_t client, const std::string& serverId) {
+        fetchedMs.erase(client);  // row ids are used again
         storedBytes -= Query(removeReturned).number(1, client).sum();
         Query(removeClient).number(1, client).run();
         // The sequence restarts with the server's next first client.
@@ -429,10 +429,27 @@ struct SqliteStore::Database {
         removeReturned, removeEmptyServer, removeServerEvents, dropTakenEvents;
     Statement clientsWaiting, addEvent, countPost, countOwnPost, catchUp;
     Statement markFetch, clearReturned, returnedEvents, waitingEvents, headPosition, addReturned,
-        countReturned, totals, listInfo, idleClients, probe;
+        countReturned, totals, listInfo, probe;
     // The store holds the file alone (exclusive locking), so the count kept
     // here stays true; transaction() puts it back when one rolls back.
     std::int64_t storedBytes;
+    // Fetch times newer than the file's: an empty poll writes nothing (it must
+    // go on working when the disk is full), so its time is kept here, by client
+    // row. After the store opens again, every client counts as having fetched
+    // when it opened (openedMs), so that none is expired for the downtime.
+    std::map<std::int64_t, std::int64_t> fetchedMs;
+    const std::int64_t openedMs = epochMilliseconds();
+
+    // A listed client with its fetch time brought up to date; row is its row.
+    ClientInfo current(Query& query, std::int64_t& row) {
+        ClientInfo info = readInfo(query);
+        row = query.number(6);
+        auto fetched = fetchedMs.find(row);
+        if (fetched != fetchedMs.end() && fetched->second > info.lastFetchMs) {
+            info.lastFetchMs = fetched->second;
+        }
+        return info;
+    }
 };
 
 std::string SqliteStore::databasePath(const std::string& directory) {
@@ -612,8 +629,10 @@ void SqliteStore::take(const std::string& serverId, const std::string& clientId,
         }
         std::vector<StoredEvent> taken;
         const std::int64_t client = known.number(kRow);
-        Query(db->markFetch).number(1, client).number(2, epochMilliseconds()).run();
-        if (known.number(kWaiting) > 0) {
+        const std::int64_t now = epochMilliseconds();
+        db->fetchedMs[client] = now;
+        if (known.number(kWaiting) > 0) {  // an empty queue, the usual poll, writes nothing
+            Query(db->markFetch).number(1, client).number(2, now).run();
             auto read = [&taken](Query& query) {
                 while (query.step()) {
                     taken.push_back(
@@ -689,8 +708,9 @@ void SqliteStore::listClients(const std::string& serverId, std::vector<ClientInf
         std::vector<ClientInfo> listed;
         Query query(db->listInfo);
         query.text(1, serverId);
+        std::int64_t row = 0;
         while (query.step()) {
-            listed.push_back(Database::readInfo(query));
+            listed.push_back(db->current(query, row));
         }
         clients.swap(listed);
     });
@@ -701,11 +721,17 @@ void SqliteStore::expireIdleClients(std::int64_t idleBeforeMs, std::vector<Clien
         std::vector<ClientInfo> found;
         std::vector<std::int64_t> rows;
         {
-            Query query(db->idleClients);
-            query.number(1, idleBeforeMs);
+            Query query(db->listInfo);
+            query.text(1, std::string());
+            std::int64_t row = 0;
             while (query.step()) {
-                found.push_back(Database::readInfo(query));
-                rows.push_back(query.number(6));
+                ClientInfo info = db->current(query, row);
+                const std::int64_t seen = std::max(
+                    info.lastFetchMs != 0 ? info.lastFetchMs : info.registeredMs, db->openedMs);
+                if (seen < idleBeforeMs) {
+                    found.push_back(std::move(info));
+                    rows.push_back(row);
+                }
             }
         }
         for (std::size_t i = 0; i < rows.size(); ++i) {
