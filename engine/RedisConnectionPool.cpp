@@ -66,7 +66,8 @@ RedisConnectionPool::RedisConnectionPool(const RedisAddress& address)
 
 RedisConnectionPool::~RedisConnectionPool() = default;
 
-RedisReply RedisConnectionPool::command(const std::vector<const std::string*>& arguments) {
+RedisReply RedisConnectionPool::send(redisContext* context,
+                                     const std::vector<const std::string*>& arguments) {
     std::vector<const char*> values;
     std::vector<std::size_t> lengths;
     values.reserve(arguments.size());
@@ -75,14 +76,28 @@ RedisReply RedisConnectionPool::command(const std::vector<const std::string*>& a
         values.push_back(argument->data());
         lengths.push_back(argument->size());
     }
+    return RedisReply(static_cast<redisReply*>(
+        redisCommandArgv(context, static_cast<int>(values.size()), values.data(), lengths.data())));
+}
+
+RedisReply RedisConnectionPool::command(const std::vector<const std::string*>& arguments) {
     Context context = borrow();
-    RedisReply reply(static_cast<redisReply*>(redisCommandArgv(
-        context.get(), static_cast<int>(values.size()), values.data(), lengths.data())));
+    RedisReply reply = send(context.get(), arguments);
     if (!reply) {
         // Dropped with the context: a broken connection is never used again.
         fail("failed during a command", context->errstr);
     }
     giveBack(std::move(context));
+    return reply;
+}
+
+RedisReply RedisConnectionPool::probe(const std::vector<const std::string*>& arguments,
+                                      int timeoutMs) {
+    Context context = connect(timeoutMs, timeoutMs);
+    RedisReply reply = send(context.get(), arguments);
+    if (!reply) {
+        fail("failed during a command", context->errstr);
+    }
     return reply;
 }
 
@@ -97,7 +112,7 @@ RedisConnectionPool::Context RedisConnectionPool::borrow() {
             }
         }
     }
-    return connect();
+    return connect(address.connectTimeoutMs, address.commandTimeoutMs);
 }
 
 void RedisConnectionPool::giveBack(Context context) {
@@ -110,9 +125,10 @@ void RedisConnectionPool::giveBack(Context context) {
     }
 }
 
-RedisConnectionPool::Context RedisConnectionPool::connect() {
-    Context context(redisConnectWithTimeout(address.host.c_str(), address.port,
-                                            toTimeval(address.connectTimeoutMs)));
+RedisConnectionPool::Context RedisConnectionPool::connect(int connectTimeoutMs,
+                                                          int commandTimeoutMs) {
+    Context context(
+        redisConnectWithTimeout(address.host.c_str(), address.port, toTimeval(connectTimeoutMs)));
     if (!context) {
         fail("cannot be reached", "out of memory");
     }
@@ -122,18 +138,33 @@ RedisConnectionPool::Context RedisConnectionPool::connect() {
     // Each command is one small write answered at once: no waiting for more.
     int on = 1;
     ::setsockopt(context->fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    if (redisSetTimeout(context.get(), toTimeval(address.commandTimeoutMs)) != REDIS_OK ||
+    if (redisSetTimeout(context.get(), toTimeval(commandTimeoutMs)) != REDIS_OK ||
         redisEnableKeepAlive(context.get()) != REDIS_OK) {
         fail("cannot be reached", context->errstr);
     }
-    if (address.database != 0) {
-        RedisReply reply(
-            static_cast<redisReply*>(redisCommand(context.get(), "SELECT %d", address.database)));
+    if (!address.password.empty()) {
+        static const std::string kAuth = "AUTH";
+        std::vector<const std::string*> auth{&kAuth, &address.password};
+        if (!address.user.empty()) {
+            auth.insert(auth.begin() + 1, &address.user);
+        }
+        RedisReply reply = send(context.get(), auth);
         if (!reply) {
             fail("failed during a command", context->errstr);
         }
         if (reply->type == REDIS_REPLY_ERROR) {
-            fail("refused database " + std::to_string(address.database), describeReply(*reply));
+            fail("refused the password", describeReply(*reply));
+        }
+    }
+    if (address.database != 0) {
+        static const std::string kSelect = "SELECT";
+        const std::string database = std::to_string(address.database);
+        RedisReply reply = send(context.get(), {&kSelect, &database});
+        if (!reply) {
+            fail("failed during a command", context->errstr);
+        }
+        if (reply->type == REDIS_REPLY_ERROR) {
+            fail("refused database " + database, describeReply(*reply));
         }
     }
     return context;

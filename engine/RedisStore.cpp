@@ -2,8 +2,10 @@
 
 #include <hiredis/hiredis.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <new>
 
@@ -19,6 +21,11 @@ namespace {
 
 const char* const kUrlScheme = "redis://";
 const char* const kClientsPrefix = "quorvel:clients:";
+// The bytes of event text the whole store holds, each text once. One key for
+// every server: the bound is the database's, not a server's.
+const char* const kStoredKey = "quorvel:stored";
+// A readiness probe answers within this, or the store counts as not ready.
+const int kPingTimeoutMs = 1000;
 
 // The keys of one server. Its identifier, with '%', '{' and '}' escaped as %XX,
 // is the hash tag of each key, so Redis Cluster keeps a server in one slot; the
@@ -41,18 +48,36 @@ struct ServerKeys {
         return tag + "}";
     }
 
+    // The server's identifier back from the hash tag of a key.
+    static std::string serverId(const std::string& tag) {
+        std::string id;
+        for (std::size_t i = 1; i + 1 < tag.size(); ++i) {
+            if (tag[i] == '%' && i + 2 < tag.size()) {
+                id += static_cast<char>(std::stoi(tag.substr(i + 1, 2), nullptr, 16));
+                i += 2;
+            } else {
+                id += tag[i];
+            }
+        }
+        return id;
+    }
+
     explicit ServerKeys(const std::string& tag)
         : clients(kClientsPrefix + tag),
           server("quorvel:server:" + tag),
           bytes("quorvel:bytes:" + tag),
-          queuePrefix("quorvel:queue:" + tag + ":") {}
+          pending("quorvel:pending:" + tag),
+          queuePrefix("quorvel:queue:" + tag + ":"),
+          stored(kStoredKey) {}
 
     std::string queue(const std::string& clientId) const { return queuePrefix + clientId; }
 
     const std::string clients;      // sorted set: client -> registration order
-    const std::string server;       // hash: next "sequence", "registered" counter
+    const std::string server;       // hash: next "sequence", "registered" counter, times
     const std::string bytes;        // hash: client -> bytes of text waiting
+    const std::string pending;      // hash: sequence -> queues holding the event
     const std::string queuePrefix;  // + client: list of events, oldest first
+    const std::string stored;       // the store's total of text bytes
 };
 
 // Reads the array replies of the scripts; any other shape is a failure naming Redis.
@@ -153,6 +178,24 @@ bool readNumber(const std::string& text, long long most, long long& value) {
     return value <= most;
 }
 
+// "%XX" stands for the byte XX, so that a password may hold "@", ":" or "/".
+bool percentDecoded(const std::string& text, std::string& decoded) {
+    decoded.clear();
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            decoded += text[i];
+            continue;
+        }
+        if (i + 2 >= text.size() || !std::isxdigit(static_cast<unsigned char>(text[i + 1])) ||
+            !std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+            return false;
+        }
+        decoded += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+        i += 2;
+    }
+    return true;
+}
+
 // Running out of memory is a Limit failure, like the store's own.
 template <typename Operation>
 auto outOfMemoryIsLimit(const Operation& operation) -> decltype(operation()) {
@@ -166,13 +209,32 @@ auto outOfMemoryIsLimit(const Operation& operation) -> decltype(operation()) {
 }  // namespace
 
 bool parseRedisUrl(const std::string& url, RedisAddress& address, std::string& error) {
-    error = "expected redis://HOST[:PORT][/DB], got \"" + url + "\"";
+    // The URL may carry a password: the message shows it masked.
+    std::string shown = url;
+    const std::size_t schemeEnd = url.find("://");
+    const std::size_t lastAt = url.rfind('@');
+    if (schemeEnd != std::string::npos && lastAt != std::string::npos && lastAt > schemeEnd) {
+        shown.replace(schemeEnd + 3, lastAt - schemeEnd - 3, "***");
+    }
+    error = "expected redis://[[USER:]PASSWORD@]HOST[:PORT][/DB], got \"" + shown + "\"";
     const std::string scheme = kUrlScheme;
     if (url.compare(0, scheme.size(), scheme) != 0) {
         return false;
     }
     const std::size_t slash = url.find('/', scheme.size());
-    const std::string authority = url.substr(scheme.size(), slash - scheme.size());
+    std::string authority = url.substr(scheme.size(), slash - scheme.size());
+    const std::size_t at = authority.rfind('@');
+    std::string user, password;
+    if (at != std::string::npos) {
+        const std::string userInfo = authority.substr(0, at);
+        const std::size_t colon = userInfo.find(':');
+        if (!percentDecoded(colon == std::string::npos ? "" : userInfo.substr(0, colon), user) ||
+            !percentDecoded(userInfo.substr(colon == std::string::npos ? 0 : colon + 1),
+                            password)) {
+            return false;
+        }
+        authority.erase(0, at + 1);
+    }
     std::string host, port;
     if (!authority.empty() && authority[0] == '[') {
         const std::size_t close = authority.find(']');
@@ -198,6 +260,8 @@ bool parseRedisUrl(const std::string& url, RedisAddress& address, std::string& e
         return false;
     }
     RedisAddress parsed = address;
+    parsed.user = user;
+    parsed.password = password;
     parsed.host = host;
     parsed.port = port.empty() ? 6379 : static_cast<int>(value);
     parsed.database = 0;
@@ -213,14 +277,17 @@ bool parseRedisUrl(const std::string& url, RedisAddress& address, std::string& e
 }
 
 RedisStore::RedisStore(const RedisAddress& address, const ServiceLimits& limits)
-    : Store(limits), pool(new RedisConnectionPool(address)), scripts(new RedisScripts) {}
+    : Store(limits),
+      address(address),
+      pool(new RedisConnectionPool(address)),
+      scripts(new RedisScripts) {}
 
 RedisStore::~RedisStore() = default;
 
 void RedisStore::ping() {
     outOfMemoryIsLimit([&] {
         static const std::string kPing = "PING";
-        RedisReply reply = pool->command({&kPing});
+        RedisReply reply = pool->probe({&kPing}, kPingTimeoutMs);
         if (reply->type != REDIS_REPLY_STATUS) {
             pool->fail("did not answer PING", describeReply(*reply));
         }
@@ -232,8 +299,9 @@ void RedisStore::registerClient(const std::string& serverId, const std::string& 
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
         const std::string most = std::to_string(limits().maxClientsPerServer);
+        const std::string now = std::to_string(epochMilliseconds());
         RedisReply reply = scripts->run(*pool, RedisScripts::Register,
-                                        {&keys.clients, &keys.server, &clientId, &most}, 2);
+                                        {&keys.clients, &keys.server, &clientId, &most, &now}, 2);
         ReplyReader reader(*pool, *reply);
         if (reader.status() == RedisStatus::TooManyClients) {
             throw StoreFailure{FailureKind::Limit,
@@ -249,9 +317,10 @@ void RedisStore::unregisterClient(const std::string& serverId, const std::string
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
         const std::string queue = keys.queue(clientId);
-        RedisReply reply =
-            scripts->run(*pool, RedisScripts::Unregister,
-                         {&keys.clients, &keys.server, &keys.bytes, &queue, &clientId}, 4);
+        RedisReply reply = scripts->run(*pool, RedisScripts::Unregister,
+                                        {&keys.clients, &keys.server, &keys.bytes, &queue,
+                                         &keys.pending, &keys.stored, &clientId},
+                                        6);
         ReplyReader(*pool, *reply).texts(1, remaining);
     });
 }
@@ -277,11 +346,12 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
         const ServerKeys keys(ServerKeys::hashTag(serverId));
         const std::string mostEvents = std::to_string(limits().maxQueuedEventsPerClient);
         const std::string mostBytes = std::to_string(limits().maxQueuedBytesPerClient);
-        RedisReply reply =
-            scripts->run(*pool, RedisScripts::Post,
-                         {&keys.clients, &keys.server, &keys.bytes, &keys.queuePrefix, &senderId,
-                          &text, &mostEvents, &mostBytes},
-                         3);
+        const std::string mostStored = std::to_string(limits().maxStoredBytes);
+        RedisReply reply = scripts->run(
+            *pool, RedisScripts::Post,
+            {&keys.clients, &keys.server, &keys.bytes, &keys.pending, &keys.stored,
+             &keys.queuePrefix, &senderId, &text, &mostEvents, &mostBytes, &mostStored},
+            5);
         ReplyReader reader(*pool, *reply);
         switch (reader.status()) {
             case RedisStatus::Done:
@@ -300,6 +370,12 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
                     tooManyBytesMessage(serverId, senderId, reader.text(1),
                                         static_cast<std::size_t>(reader.integer(2)), text.size(),
                                         limits().maxQueuedBytesPerClient)};
+            case RedisStatus::TooManyStored:
+                throw StoreFailure{
+                    FailureKind::Limit,
+                    tooManyStoredBytesMessage(serverId, senderId,
+                                              static_cast<std::size_t>(reader.integer(1)),
+                                              text.size(), limits().maxStoredBytes)};
             default:
                 reader.unexpected(*reply);
         }
@@ -311,8 +387,11 @@ void RedisStore::take(const std::string& serverId, const std::string& clientId,
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
         const std::string queue = keys.queue(clientId);
+        const std::string now = std::to_string(epochMilliseconds());
         RedisReply reply = scripts->run(*pool, RedisScripts::Take,
-                                        {&keys.clients, &keys.bytes, &queue, &clientId}, 3);
+                                        {&keys.clients, &keys.server, &keys.bytes, &queue,
+                                         &keys.pending, &keys.stored, &clientId, &now},
+                                        6);
         ReplyReader reader(*pool, *reply);
         if (reader.status() == RedisStatus::NotRegistered) {
             throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
@@ -346,41 +425,128 @@ void RedisStore::restore(const std::string& serverId, const std::string& clientI
             bytes += event->text->size();
         }
         const std::string byteCount = std::to_string(bytes);
-        std::vector<const std::string*> arguments{&keys.clients, &keys.bytes, &queue, &clientId,
-                                                  &byteCount};
+        std::vector<const std::string*> arguments{
+            &keys.clients, &keys.bytes, &queue, &keys.pending, &keys.stored, &clientId, &byteCount};
         for (const std::string& event : encoded) {
             arguments.push_back(&event);
         }
-        scripts->run(*pool, RedisScripts::Restore, arguments, 3);
+        scripts->run(*pool, RedisScripts::Restore, arguments, 5);
     });
+}
+
+// The hash tags of every server in the database, sorted by server id. SCAN may
+// name a key twice; servers that come or go meanwhile may or may not be named.
+std::vector<std::string> RedisStore::serverTags() {
+    static const std::string kScan = "SCAN", kMatch = "MATCH",
+                             kPattern = std::string(kClientsPrefix) + "{*}", kCount = "COUNT",
+                             kBatch = "1000";
+    std::map<std::string, std::string> tags;  // by server id
+    std::string cursor = "0";
+    do {
+        RedisReply reply = pool->command({&kScan, &cursor, &kMatch, &kPattern, &kCount, &kBatch});
+        ReplyReader reader(*pool, *reply);
+        cursor = reader.text(0);
+        std::vector<std::string> found;
+        reader.texts(1, found);
+        for (const std::string& clientsKey : found) {
+            const std::string tag = clientsKey.substr(std::string(kClientsPrefix).size());
+            tags[ServerKeys::serverId(tag)] = tag;
+        }
+    } while (cursor != "0");
+    std::vector<std::string> sorted;
+    for (auto& entry : tags) {
+        sorted.push_back(std::move(entry.second));
+    }
+    return sorted;
 }
 
 StoreStats RedisStore::stats() {
     return outOfMemoryIsLimit([&] {
-        static const std::string kScan = "SCAN", kMatch = "MATCH",
-                                 kPattern = std::string(kClientsPrefix) + "{*}", kCount = "COUNT",
-                                 kBatch = "1000";
         StoreStats stats;
-        std::string cursor = "0";
-        do {
-            RedisReply reply =
-                pool->command({&kScan, &cursor, &kMatch, &kPattern, &kCount, &kBatch});
-            ReplyReader reader(*pool, *reply);
-            cursor = reader.text(0);
-            std::vector<std::string> found;
-            reader.texts(1, found);
-            for (const std::string& clientsKey : found) {
-                const ServerKeys keys(clientsKey.substr(std::string(kClientsPrefix).size()));
-                RedisReply counted = scripts->run(
-                    *pool, RedisScripts::Count, {&keys.clients, &keys.bytes, &keys.queuePrefix}, 2);
-                ReplyReader counts(*pool, *counted);
-                stats.registeredClients += static_cast<std::uint64_t>(counts.integer(0));
-                stats.waitingEvents += static_cast<std::uint64_t>(counts.integer(1));
-                stats.waitingBytes += static_cast<std::uint64_t>(counts.integer(2));
-            }
-        } while (cursor != "0");
+        for (const std::string& tag : serverTags()) {
+            const ServerKeys keys(tag);
+            RedisReply counted = scripts->run(*pool, RedisScripts::Count,
+                                              {&keys.clients, &keys.bytes, &keys.queuePrefix}, 2);
+            ReplyReader counts(*pool, *counted);
+            stats.registeredClients += static_cast<std::uint64_t>(counts.integer(0));
+            stats.waitingEvents += static_cast<std::uint64_t>(counts.integer(1));
+            stats.waitingBytes += static_cast<std::uint64_t>(counts.integer(2));
+        }
         return stats;
     });
+}
+
+namespace {
+
+// Appends the clients of a List or Expire reply: five values per client.
+void readClientInfos(const RedisConnectionPool& pool, const redisReply& reply,
+                     const std::string& serverId, std::vector<ClientInfo>& clients) {
+    ReplyReader reader(pool, reply);
+    const redisReply& list = reader.list(1);
+    for (std::size_t i = 0; i + 5 <= list.elements; i += 5) {
+        const redisReply* const* values = list.element + i;
+        if (values[0]->type != REDIS_REPLY_STRING) {
+            reader.unexpected(*values[0]);
+        }
+        for (int j = 1; j < 5; ++j) {
+            if (values[j]->type != REDIS_REPLY_INTEGER) {
+                reader.unexpected(*values[j]);
+            }
+        }
+        clients.push_back(ClientInfo{serverId, std::string(values[0]->str, values[0]->len),
+                                     static_cast<std::uint64_t>(values[1]->integer),
+                                     static_cast<std::uint64_t>(values[2]->integer),
+                                     values[3]->integer, values[4]->integer});
+    }
+}
+
+}  // namespace
+
+void RedisStore::listClients(const std::string& serverId, std::vector<ClientInfo>& clients) {
+    outOfMemoryIsLimit([&] {
+        std::vector<std::string> tags;
+        if (serverId.empty()) {
+            tags = serverTags();
+        } else {
+            tags.push_back(ServerKeys::hashTag(serverId));
+        }
+        std::vector<ClientInfo> listed;
+        for (const std::string& tag : tags) {
+            const ServerKeys keys(tag);
+            RedisReply reply =
+                scripts->run(*pool, RedisScripts::List,
+                             {&keys.clients, &keys.server, &keys.bytes, &keys.queuePrefix}, 3);
+            readClientInfos(*pool, *reply, ServerKeys::serverId(tag), listed);
+        }
+        clients.swap(listed);
+    });
+}
+
+// One script per server: each server's expiry is atomic, the whole pass is not
+// (a server registered meanwhile may be passed over until the next one).
+void RedisStore::expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) {
+    outOfMemoryIsLimit([&] {
+        const std::string cutoff = std::to_string(idleBeforeMs);
+        std::vector<ClientInfo> found;
+        for (const std::string& tag : serverTags()) {
+            const ServerKeys keys(tag);
+            RedisReply reply =
+                scripts->run(*pool, RedisScripts::Expire,
+                             {&keys.clients, &keys.server, &keys.bytes, &keys.pending, &keys.stored,
+                              &keys.queuePrefix, &cutoff},
+                             5);
+            readClientInfos(*pool, *reply, ServerKeys::serverId(tag), found);
+        }
+        expired.swap(found);
+    });
+}
+
+std::string RedisStore::describe() const {
+    const std::string host =
+        address.host.find(':') == std::string::npos ? address.host : "[" + address.host + "]";
+    const std::string credentials = address.password.empty() ? "" : address.user + ":***@";
+    return "Redis redis://" + credentials + host + ":" + std::to_string(address.port) + "/" +
+           std::to_string(address.database);
 }
 
 }  // namespace Engine

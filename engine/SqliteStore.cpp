@@ -1,9 +1,14 @@
 #include "engine/SqliteStore.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <new>
 #include <system_error>
 
@@ -83,6 +88,8 @@ CREATE TABLE IF NOT EXISTS clients(
     own_bytes INTEGER NOT NULL DEFAULT 0,
     returned_count INTEGER NOT NULL DEFAULT 0,
     returned_bytes INTEGER NOT NULL DEFAULT 0,
+    registered_ms INTEGER NOT NULL DEFAULT 0,
+    last_fetch_ms INTEGER NOT NULL DEFAULT 0,
     UNIQUE(server, name)
 );
 CREATE TABLE IF NOT EXISTS events(
@@ -102,6 +109,22 @@ CREATE TABLE IF NOT EXISTS returned(
     PRIMARY KEY(client, position)
 ) WITHOUT ROWID;
 )";
+
+// Databases written before clients had times lack their columns; their clients
+// count as registered when the columns are added, so that none looks idle for
+// as long as the database was closed.
+const char* const kAddTimes = R"(
+ALTER TABLE clients ADD COLUMN registered_ms INTEGER NOT NULL DEFAULT 0;
+ALTER TABLE clients ADD COLUMN last_fetch_ms INTEGER NOT NULL DEFAULT 0;
+)";
+
+// What listClients and expireIdleClients tell of a client, from `clients c JOIN
+// servers s`.
+#define AVQVL_CLIENT_INFO                                              \
+    "SELECT c.server, c.name, "                                        \
+    "s.posted_count - c.seen_count - c.own_count + c.returned_count, " \
+    "s.posted_bytes - c.seen_bytes - c.own_bytes + c.returned_bytes, " \
+    "c.registered_ms, c.last_fetch_ms, c.id FROM clients c JOIN servers s ON s.name = c.server "
 
 // A prepared statement, kept for the life of the connection.
 class Statement {
@@ -162,6 +185,14 @@ public:
         while (step()) {
         }
     }
+    // The sum of the first column over every row (bytes a DELETE ... RETURNING removed).
+    std::int64_t sum() {
+        std::int64_t total = 0;
+        while (step()) {
+            total += number(0);
+        }
+        return total;
+    }
     std::int64_t number(int column) { return sqlite3_column_int64(statement, column); }
     std::string text(int column) {
         const void* bytes = sqlite3_column_blob(statement, column);
@@ -215,6 +246,26 @@ sqlite3* openDatabase(const std::string& path) {
     return db;
 }
 
+// The database file is made 0600 before SQLite opens it, so that SQLite, which
+// gives its -wal and -shm files the database's mode, makes those 0600 too. A
+// file found with wider modes is narrowed (with its -wal and -shm), on the
+// ground that the store is the file's only user; when that is not allowed (the
+// file is someone else's), it opens as it is.
+void keepPrivate(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        ::close(fd);  // an empty file is an empty database
+        return;
+    }
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        const std::string file = path + suffix;
+        struct stat status {};
+        if (::stat(file.c_str(), &status) == 0 && (status.st_mode & 077) != 0) {
+            ::chmod(file.c_str(), status.st_mode & 0700);
+        }
+    }
+}
+
 }  // namespace
 
 struct SqliteStore::Database {
@@ -239,20 +290,21 @@ struct SqliteStore::Database {
                     "INSERT OR IGNORE INTO servers(name, next_sequence, posted_count, "
                     "posted_bytes) VALUES(?1, 1, 0, 0)"),
           addClient(handle,
-                    "INSERT INTO clients(server, name, cursor, seen_count, seen_bytes) "
-                    "SELECT ?1, ?2, next_sequence - 1, posted_count, posted_bytes "
-                    "FROM servers WHERE name = ?1"),
+                    "INSERT INTO clients(server, name, cursor, seen_count, seen_bytes, "
+                    "registered_ms) SELECT ?1, ?2, next_sequence - 1, posted_count, "
+                    "posted_bytes, ?3 FROM servers WHERE name = ?1"),
           removeClient(handle, "DELETE FROM clients WHERE id = ?1"),
-          removeReturned(handle, "DELETE FROM returned WHERE client = ?1"),
+          removeReturned(handle, "DELETE FROM returned WHERE client = ?1 RETURNING length(text)"),
           removeEmptyServer(handle,
                             "DELETE FROM servers WHERE name = ?1 AND NOT EXISTS "
                             "(SELECT 1 FROM clients WHERE server = ?1)"),
           removeServerEvents(handle,
                              "DELETE FROM events WHERE server = ?1 AND NOT EXISTS "
-                             "(SELECT 1 FROM servers WHERE name = ?1)"),
+                             "(SELECT 1 FROM servers WHERE name = ?1) RETURNING length(text)"),
           dropTakenEvents(handle,
                           "DELETE FROM events WHERE server = ?1 AND sequence <= "
-                          "(SELECT min(cursor) FROM clients WHERE server = ?1)"),
+                          "(SELECT min(cursor) FROM clients WHERE server = ?1) "
+                          "RETURNING length(text)"),
           clientsWaiting(handle,
                          "SELECT c.id, c.name, "
                          "s.posted_count - c.seen_count - c.own_count + c.returned_count, "
@@ -274,6 +326,7 @@ struct SqliteStore::Database {
                   "UPDATE clients SET (cursor, seen_count, seen_bytes, own_count, own_bytes) = "
                   "(SELECT next_sequence - 1, posted_count, posted_bytes, 0, 0 FROM servers "
                   "WHERE name = clients.server) WHERE id = ?1"),
+          markFetch(handle, "UPDATE clients SET last_fetch_ms = ?2 WHERE id = ?1"),
           clearReturned(handle,
                         "UPDATE clients SET returned_count = 0, returned_bytes = 0 WHERE id = ?1"),
           returnedEvents(handle,
@@ -294,7 +347,11 @@ struct SqliteStore::Database {
               "SELECT count(*), "
               "coalesce(sum(s.posted_count - c.seen_count - c.own_count + c.returned_count), 0), "
               "coalesce(sum(s.posted_bytes - c.seen_bytes - c.own_bytes + c.returned_bytes), 0) "
-              "FROM clients c JOIN servers s ON s.name = c.server") {}
+              "FROM clients c JOIN servers s ON s.name = c.server"),
+          listInfo(handle,
+                   AVQVL_CLIENT_INFO "WHERE ?1 = '' OR c.server = ?1 ORDER BY c.server, c.id"),
+          probe(handle, "SELECT count(*) FROM (SELECT 1 FROM servers LIMIT 1)"),
+          storedBytes(countStored(handle)) {}
 
     static bool configure(sqlite3* db, Sync sync) {
         // The file belongs to this connection until it closes: a second daemon
@@ -306,7 +363,52 @@ struct SqliteStore::Database {
         execute(db,
                 sync == Sync::Full ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
         execute(db, kSchema);
+        if (!hasColumn(db, "clients", "registered_ms")) {
+            execute(db, "BEGIN IMMEDIATE");
+            execute(db, kAddTimes);
+            Statement stamp(db, "UPDATE clients SET registered_ms = ?1");
+            Query(stamp).number(1, epochMilliseconds()).run();
+            execute(db, "COMMIT");
+        }
         return true;
+    }
+
+    static bool hasColumn(sqlite3* db, const char* table, const char* column) {
+        Statement columns(db, "SELECT 1 FROM pragma_table_info(?1) WHERE name = ?2");
+        Query query(columns);
+        return query.text(1, table).text(2, column).step();
+    }
+
+    // The bytes of event text held, each text once: an event row serves every
+    // recipient, a given-back row one client.
+    static std::int64_t countStored(sqlite3* db) {
+        Statement stored(db,
+                         "SELECT (SELECT coalesce(sum(length(text)), 0) FROM events) + "
+                         "(SELECT coalesce(sum(length(text)), 0) FROM returned)");
+        Query query(stored);
+        query.step();
+        return query.number(0);
+    }
+
+    // Removes the client row, what was given back to it, and the events no one
+    // waits for any more (all of its server's, when it was the last client).
+    void remove(std::int64_t client, const std::string& serverId) {
+        fetchedMs.erase(client);  // row ids are used again
+        storedBytes -= Query(removeReturned).number(1, client).sum();
+        Query(removeClient).number(1, client).run();
+        // The sequence restarts with the server's next first client.
+        Query(removeEmptyServer).text(1, serverId).run();
+        storedBytes -= Query(removeServerEvents).text(1, serverId).sum();
+        storedBytes -= Query(dropTakenEvents).text(1, serverId).sum();
+    }
+
+    static ClientInfo readInfo(Query& query) {
+        return ClientInfo{query.text(0),
+                          query.text(1),
+                          static_cast<std::uint64_t>(query.number(2)),
+                          static_cast<std::uint64_t>(query.number(3)),
+                          query.number(4),
+                          query.number(5)};
     }
 
     void list(const std::string& serverId, ClientList& clients) {
@@ -326,8 +428,28 @@ struct SqliteStore::Database {
     Statement findClient, listClients, countClients, addServer, addClient, removeClient,
         removeReturned, removeEmptyServer, removeServerEvents, dropTakenEvents;
     Statement clientsWaiting, addEvent, countPost, countOwnPost, catchUp;
-    Statement clearReturned, returnedEvents, waitingEvents, headPosition, addReturned,
-        countReturned, totals;
+    Statement markFetch, clearReturned, returnedEvents, waitingEvents, headPosition, addReturned,
+        countReturned, totals, listInfo, probe;
+    // The store holds the file alone (exclusive locking), so the count kept
+    // here stays true; transaction() puts it back when one rolls back.
+    std::int64_t storedBytes;
+    // Fetch times newer than the file's: an empty poll writes nothing (it must
+    // go on working when the disk is full), so its time is kept here, by client
+    // row. After the store opens again, every client counts as having fetched
+    // when it opened (openedMs), so that none is expired for the downtime.
+    std::map<std::int64_t, std::int64_t> fetchedMs;
+    const std::int64_t openedMs = epochMilliseconds();
+
+    // A listed client with its fetch time brought up to date; row is its row.
+    ClientInfo current(Query& query, std::int64_t& row) {
+        ClientInfo info = readInfo(query);
+        row = query.number(6);
+        auto fetched = fetchedMs.find(row);
+        if (fetched != fetchedMs.end() && fetched->second > info.lastFetchMs) {
+            info.lastFetchMs = fetched->second;
+        }
+        return info;
+    }
 };
 
 std::string SqliteStore::databasePath(const std::string& directory) {
@@ -335,15 +457,18 @@ std::string SqliteStore::databasePath(const std::string& directory) {
 }
 
 SqliteStore::SqliteStore(const std::string& directory, const ServiceLimits& limits, Sync sync)
-    : Store(limits) {
+    : Store(limits), path(databasePath(directory)) {
     std::error_code error;
-    std::filesystem::create_directories(directory, error);
+    if (std::filesystem::create_directories(directory, error)) {
+        // The events are the clients' own: no one else on the machine reads them.
+        std::filesystem::permissions(directory, std::filesystem::perms::owner_all, error);
+    }
     if (error) {
         throw StoreFailure{FailureKind::Limit,
                            storeFailedMessage("make the directory " + directory, error.message())};
     }
-    const std::string path = databasePath(directory);
     try {
+        keepPrivate(path);
         db = std::make_unique<Database>(path, sync);
     } catch (const SqliteError& failure) {
         throw StoreFailure{FailureKind::Limit,
@@ -358,10 +483,22 @@ SqliteStore::~SqliteStore() = default;
 template <typename Operation>
 void SqliteStore::transaction(const char* action, Operation operation) {
     std::lock_guard<std::mutex> lock(mutex);
+    const std::int64_t storedBefore = db->storedBytes;
+    struct Restore {
+        Database& db;
+        std::int64_t stored;
+        bool committed = false;
+        ~Restore() {
+            if (!committed) {
+                db.storedBytes = stored;
+            }
+        }
+    } restore{*db, storedBefore};
     try {
         Query(db->begin).run();
         operation();
         Query(db->commit).run();
+        restore.committed = true;
         return;
     } catch (const StoreFailure&) {
         sqlite3_exec(db->handle, "ROLLBACK", nullptr, nullptr, nullptr);
@@ -394,7 +531,11 @@ void SqliteStore::registerClient(const std::string& serverId, const std::string&
                                    tooManyClientsMessage(serverId, clientId, registered)};
             }
             Query(db->addServer).text(1, serverId).run();
-            Query(db->addClient).text(1, serverId).text(2, clientId).run();
+            Query(db->addClient)
+                .text(1, serverId)
+                .text(2, clientId)
+                .number(3, epochMilliseconds())
+                .run();
         }
         db->list(serverId, clients);
     });
@@ -405,13 +546,7 @@ void SqliteStore::unregisterClient(const std::string& serverId, const std::strin
     transaction("unregister the client", [&] {
         Query known(db->findClient);
         if (known.text(1, serverId).text(2, clientId).step()) {
-            const std::int64_t client = known.number(kRow);
-            Query(db->removeReturned).number(1, client).run();
-            Query(db->removeClient).number(1, client).run();
-            // The sequence restarts with the server's next first client.
-            Query(db->removeEmptyServer).text(1, serverId).run();
-            Query(db->removeServerEvents).text(1, serverId).run();
-            Query(db->dropTakenEvents).text(1, serverId).run();
+            db->remove(known.number(kRow), serverId);
         }
         db->list(serverId, remaining);
     });
@@ -453,7 +588,14 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
             }
         }
         const bool othersListen = after.size() > 1;  // else the number alone is used up
+        const auto held = static_cast<std::size_t>(db->storedBytes);
+        if (othersListen && held + text.size() > limit.maxStoredBytes) {
+            throw StoreFailure{FailureKind::Limit,
+                               tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
+                                                         limit.maxStoredBytes)};
+        }
         if (othersListen) {
+            db->storedBytes += size;
             Query(db->addEvent)
                 .text(1, serverId)
                 .number(2, sender.number(kNextSequence))
@@ -486,8 +628,11 @@ void SqliteStore::take(const std::string& serverId, const std::string& clientId,
             throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
         }
         std::vector<StoredEvent> taken;
+        const std::int64_t client = known.number(kRow);
+        const std::int64_t now = epochMilliseconds();
+        db->fetchedMs[client] = now;
         if (known.number(kWaiting) > 0) {  // an empty queue, the usual poll, writes nothing
-            const std::int64_t client = known.number(kRow);
+            Query(db->markFetch).number(1, client).number(2, now).run();
             auto read = [&taken](Query& query) {
                 while (query.step()) {
                     taken.push_back(
@@ -499,14 +644,14 @@ void SqliteStore::take(const std::string& serverId, const std::string& clientId,
                 Query returned(db->returnedEvents);
                 returned.number(1, client);
                 read(returned);
-                Query(db->removeReturned).number(1, client).run();
+                db->storedBytes -= Query(db->removeReturned).number(1, client).sum();
                 Query(db->clearReturned).number(1, client).run();
             }
             Query waiting(db->waitingEvents);
             waiting.text(1, serverId).number(2, known.number(kCursor)).number(3, client);
             read(waiting);
             Query(db->catchUp).number(1, client).run();
-            Query(db->dropTakenEvents).text(1, serverId).run();
+            db->storedBytes -= Query(db->dropTakenEvents).text(1, serverId).sum();
         }
         events.swap(taken);
     });
@@ -542,6 +687,7 @@ void SqliteStore::restore(const std::string& serverId, const std::string& client
             .number(2, static_cast<std::int64_t>(events.size()))
             .number(3, bytes)
             .run();
+        db->storedBytes += bytes;
     });
 }
 
@@ -555,6 +701,52 @@ StoreStats SqliteStore::stats() {
         stats.waitingBytes = static_cast<std::uint64_t>(query.number(2));
     });
     return stats;
+}
+
+void SqliteStore::listClients(const std::string& serverId, std::vector<ClientInfo>& clients) {
+    transaction("list the clients", [&] {
+        std::vector<ClientInfo> listed;
+        Query query(db->listInfo);
+        query.text(1, serverId);
+        std::int64_t row = 0;
+        while (query.step()) {
+            listed.push_back(db->current(query, row));
+        }
+        clients.swap(listed);
+    });
+}
+
+void SqliteStore::expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) {
+    transaction("expire idle clients", [&] {
+        std::vector<ClientInfo> found;
+        std::vector<std::int64_t> rows;
+        {
+            Query query(db->listInfo);
+            query.text(1, std::string());
+            std::int64_t row = 0;
+            while (query.step()) {
+                ClientInfo info = db->current(query, row);
+                const std::int64_t seen = std::max(
+                    info.lastFetchMs != 0 ? info.lastFetchMs : info.registeredMs, db->openedMs);
+                if (seen < idleBeforeMs) {
+                    found.push_back(std::move(info));
+                    rows.push_back(row);
+                }
+            }
+        }
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            db->remove(rows[i], found[i].serverId);
+        }
+        expired.swap(found);
+    });
+}
+
+void SqliteStore::ping() {
+    transaction("answer", [&] { Query(db->probe).run(); });
+}
+
+std::string SqliteStore::describe() const {
+    return "SQLite " + path;
 }
 
 }  // namespace Engine

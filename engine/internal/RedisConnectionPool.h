@@ -42,6 +42,10 @@ public:
     // Sends one command (each argument binary-safe) and returns its reply, which
     // is never null (it may be an error reply).
     RedisReply command(const std::vector<const std::string*>& arguments);
+    // The same on a connection of its own, opened for it and closed after it,
+    // with timeoutMs for connecting, each setup command and the reply: what
+    // the pool's connections are doing cannot delay it.
+    RedisReply probe(const std::vector<const std::string*>& arguments, int timeoutMs);
 
     // Throws the StoreFailure (Limit) that says Redis did `what` because of cause.
     [[noreturn]] void fail(const std::string& what, const std::string& cause) const;
@@ -54,7 +58,9 @@ private:
 
     Context borrow();
     void giveBack(Context context);
-    Context connect();
+    Context connect(int connectTimeoutMs, int commandTimeoutMs);
+    // Sends one command on context; null when no reply came (context->errstr says why).
+    static RedisReply send(redisContext* context, const std::vector<const std::string*>& arguments);
 
     const RedisAddress address;
     const std::string redisName;

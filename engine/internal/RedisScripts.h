@@ -25,25 +25,36 @@ enum class RedisStatus {
     NotRegistered = 1,   // the caller is not a client of the server
     TooManyClients = 2,  // then the count
     TooManyEvents = 3,   // then the recipient and its waiting events
-    TooManyBytes = 4     // then the recipient and its waiting bytes
+    TooManyBytes = 4,    // then the recipient and its waiting bytes
+    TooManyStored = 5    // then the bytes the whole store holds
 };
 
 class RedisScripts {
 public:
     enum Script {
-        // KEYS clients, server; ARGV client, most clients -> {status, clients | count}
+        // KEYS clients, server; ARGV client, most clients, now -> {status, clients | count}
         Register,
-        // KEYS clients, server, bytes, queue; ARGV client -> {status, remaining clients}
+        // KEYS clients, server, bytes, queue, pending, stored; ARGV client
+        // -> {status, remaining clients}
         Unregister,
-        // KEYS clients, server, bytes; ARGV queue prefix, sender, text, most events,
-        // most bytes -> {status, clients | recipient, waiting}
+        // KEYS clients, server, bytes, pending, stored; ARGV queue prefix, sender,
+        // text, most events, most bytes, most stored
+        // -> {status, clients | recipient, waiting | stored}
         Post,
-        // KEYS clients, bytes, queue; ARGV client -> {status, events}
+        // KEYS clients, server, bytes, queue, pending, stored; ARGV client, now
+        // -> {status, events}
         Take,
-        // KEYS clients, bytes, queue; ARGV client, bytes, events newest first -> {status}
+        // KEYS clients, bytes, queue, pending, stored; ARGV client, bytes, events
+        // newest first -> {status}
         Restore,
         // KEYS clients, bytes; ARGV queue prefix -> {clients, events, bytes}
         Count,
+        // KEYS clients, server, bytes; ARGV queue prefix -> {status, {client,
+        // events, bytes, registered, fetched, ...}} in registration order
+        List,
+        // KEYS clients, server, bytes, pending, stored; ARGV queue prefix, idle
+        // before -> {status, the expired clients as List gives them}
+        Expire,
         kScriptCount
     };
 

@@ -256,4 +256,41 @@ TEST_F(ServiceEngineTest, RedeliveredAnswerComesBackFirst) {
     EXPECT_EQ(ok("getEvents", "S", "b"), events({}));
 }
 
+// The operators' service lists clients (escaped as attributes) with their
+// queues and times, evicts one, and refuses an unknown one.
+TEST_F(ServiceEngineTest, AdminListsAndEvictsClients) {
+    add("S", {"a", "b&\"c\""});
+    ok("putEvents", "S", "a", "hi");
+    auto admin = [](const std::string& operation, const std::string& server,
+                    const std::string& client) {
+        RequestHeaders headers = req(operation, server, client);
+        headers["Service-Name"] = "AvQVLAdmin";
+        return headers;
+    };
+    std::string listed, evicted;
+    ServiceFailure failure;
+    ASSERT_TRUE(engine.handle(admin("listClients", "", ""), "", listed, failure));
+    const std::regex client(
+        "<ns0:client serverId=\"S\" clientId=\"(a|b&amp;&quot;c&quot;)\" waitingEvents=\"(\\d)\" "
+        "waitingBytes=\"(\\d)\" registeredMs=\"[1-9]\\d*\" lastFetchMs=\"0\"/>");
+    EXPECT_TRUE(std::regex_match(
+        listed, std::regex("\n<ns0:clients" + kNs + "(" + "<ns0:client [^>]*/>){2}</ns0:clients>")))
+        << listed;
+    std::vector<std::string> seen;
+    for (std::sregex_iterator i(listed.begin(), listed.end(), client), end; i != end; ++i) {
+        seen.push_back((*i)[1].str() + "/" + (*i)[2].str() + "/" + (*i)[3].str());
+    }
+    EXPECT_EQ(seen, (Lines{"a/0/0", "b&amp;&quot;c&quot;/1/2"}));
+
+    ASSERT_TRUE(engine.handle(admin("evictClient", "S", "b&\"c\""), "", evicted, failure));
+    EXPECT_EQ(evicted, shared({"a"}));
+    refused(FailureKind::Refused, "is not registered with server", admin("evictClient", "S", "b"));
+    refused(
+        FailureKind::Refused, "\"Client-ID\"",
+        {{"Service-Name", "AvQVLAdmin"}, {"Operation-Name", "evictClient"}, {"Server-ID", "S"}});
+    std::string cause;
+    EXPECT_TRUE(engine.ready(cause));
+    EXPECT_EQ(engine.describeStore(), "memory");
+}
+
 }  // namespace

@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <sqlite3.h>
+#include <sys/stat.h>
+
 #include <filesystem>
 
 namespace {
@@ -89,6 +92,47 @@ TEST_F(SqliteStoreTest, AFileInTheWayIsAClearFailure) {
         EXPECT_EQ(failure.kind, FailureKind::Limit);
         EXPECT_NE(failure.message.find("its store failed"), std::string::npos) << failure.message;
     }
+}
+
+// The store's files are its owner's alone: a directory it makes is 0700, the
+// database and its -wal file 0600, and a database found wider is
+// narrowed. A database written before clients had times opens, its clients
+// registered as of the upgrade.
+TEST_F(SqliteStoreTest, FilesArePrivateAndOlderDatabasesOpen) {
+    auto mode = [](const std::string& path) {
+        struct stat status {};
+        EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+        return status.st_mode & 0777;
+    };
+    const std::string made = directory + "/made";
+    const std::string file = SqliteStore::databasePath(made);
+    Lines clients;
+    {
+        SqliteStore store(made, ServiceLimits());
+        store.registerClient("S", "a", clients);
+        store.registerClient("S", "b", clients);
+        store.post("S", "a", "x", clients);
+        EXPECT_EQ(mode(made), 0700u);
+        for (const std::string& path : {file, file + "-wal"}) {  // no -shm: exclusive mode
+            EXPECT_EQ(mode(path), 0600u) << path;
+        }
+    }
+    ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(db,
+                           "ALTER TABLE clients DROP COLUMN registered_ms;"
+                           "ALTER TABLE clients DROP COLUMN last_fetch_ms;",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(db);
+    SqliteStore store(made, ServiceLimits());
+    EXPECT_EQ(mode(file), 0600u);
+    std::vector<ClientInfo> listed;
+    store.listClients("", listed);
+    ASSERT_EQ(listed.size(), 2u);
+    EXPECT_GT(listed[1].registeredMs, 0);
+    EXPECT_EQ(listed[1].waitingEvents, 1u);
 }
 
 }  // namespace

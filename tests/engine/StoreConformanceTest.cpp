@@ -1,6 +1,7 @@
 // What every store must do, run over each store of StoreFactories.h: the
 // order of clients and events, sequences, all-or-nothing fan-out, the limits,
-// restore at the head, and unregistering dropping events.
+// restore at the head, unregistering dropping events, the operators' listing and
+// expiry, and the bound on the bytes the whole store holds.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -68,6 +69,29 @@ protected:
             EXPECT_EQ(failure.kind, kind);
             EXPECT_NE(failure.message.find(part), std::string::npos) << failure.message;
         }
+    }
+
+    // "server/client/events/bytes/fetched" for each listed client, checking that
+    // times grow in registration order within a server and a fetch follows it.
+    Lines list(const std::string& server, std::vector<ClientInfo>* infos = nullptr) {
+        std::vector<ClientInfo> clients;
+        store->listClients(server, clients);
+        Lines shown;
+        for (std::size_t i = 0; i < clients.size(); ++i) {
+            const ClientInfo& c = clients[i];
+            EXPECT_GT(c.registeredMs, 0);
+            if (i > 0 && clients[i - 1].serverId == c.serverId) {
+                EXPECT_GE(c.registeredMs, clients[i - 1].registeredMs) << c.clientId;
+            }
+            EXPECT_TRUE(c.lastFetchMs == 0 || c.lastFetchMs >= c.registeredMs) << c.clientId;
+            shown.push_back(c.serverId + "/" + c.clientId + "/" + std::to_string(c.waitingEvents) +
+                            "/" + std::to_string(c.waitingBytes) + "/" +
+                            (c.lastFetchMs != 0 ? "fetched" : "never"));
+        }
+        if (infos != nullptr) {
+            infos->swap(clients);
+        }
+        return shown;
     }
 
     std::string scratch;
@@ -221,6 +245,74 @@ TEST_P(StoreConformance, RestorePutsEventsBackAtTheHead) {
     add("S", {"b"});
     EXPECT_EQ(take("S", "b"), Lines{});
     EXPECT_EQ(store->stats().waitingEvents, 0u);
+}
+
+TEST_P(StoreConformance, ListsClientsByServerWithTheirQueuesAndTimes) {
+    add("S", {"b", "a"});
+    add("R", {"c"});
+    post("S", "b", "xyz");
+    post("S", "a", "12");
+    take("S", "b");
+    EXPECT_EQ(list(""), (Lines{"R/c/0/0/never", "S/b/0/0/fetched", "S/a/1/3/never"}));
+    EXPECT_EQ(list("S"), (Lines{"S/b/0/0/fetched", "S/a/1/3/never"}));
+    EXPECT_EQ(list("T"), Lines{});
+}
+
+// A client idle since before the cutoff goes, with its events; the cutoff
+// itself is not idle. A never-fetching client counts from its registration.
+TEST_P(StoreConformance, ExpiresClientsIdleBeforeTheCutoff) {
+    add("S", {"a", "b"});
+    post("S", "a", "hi");
+    std::vector<ClientInfo> infos;
+    list("S", &infos);
+    // The clock moves past b's registration (bounded: it ticks every millisecond).
+    for (int spins = 0; spins < 1000000 && epochMilliseconds() <= infos[1].registeredMs; ++spins) {
+        std::this_thread::yield();
+    }
+    take("S", "a");
+    list("S", &infos);
+    const std::int64_t cutoff = infos[0].lastFetchMs;
+    ASSERT_GT(cutoff, infos[1].registeredMs);
+
+    std::vector<ClientInfo> expired;
+    store->expireIdleClients(infos[1].registeredMs, expired);
+    EXPECT_TRUE(expired.empty());
+    store->expireIdleClients(cutoff, expired);
+    ASSERT_EQ(expired.size(), 1u);
+    EXPECT_EQ(expired[0].clientId + "/" + std::to_string(expired[0].waitingEvents), "b/1");
+    EXPECT_EQ(list(""), (Lines{"S/a/0/0/fetched"}));
+    EXPECT_EQ(post("S", "a", "alone"), (Lines{"a"}));
+    store->expireIdleClients(cutoff + 1, expired);
+    EXPECT_EQ(list(""), Lines{});
+    EXPECT_EQ(store->stats().waitingEvents, 0u);
+}
+
+// The whole store's bound counts a text once whatever its recipients, frees it
+// when its last recipient takes it, and ignores a post no one receives.
+TEST_P(StoreConformance, StoredBytesCountEachTextOnce) {
+    ServiceLimits limits;
+    limits.maxStoredBytes = 10;
+    open(limits);
+    add("S", {"a", "b", "c", "d"});
+    add("T", {"alone"});
+    post("S", "a", "12345");
+    post("S", "a", "67890");
+    post("T", "alone", "nothing stored, whatever its length");
+    fails(FailureKind::Limit, "its limit of 10 bytes for all servers",
+          [&] { post("S", "b", "x"); });
+    take("S", "b");
+    take("S", "c");
+    fails(FailureKind::Limit, "already holds 10 bytes", [&] { post("S", "b", "x"); });
+    take("S", "d");
+    post("S", "b", "1234567890");
+    Lines clients;
+    store->unregisterClient("S", "a", clients);
+    store->unregisterClient("S", "c", clients);
+    store->unregisterClient("S", "d", clients);  // the last holder of b's text
+    post("S", "b", "no one");
+    add("S", {"e"});
+    post("S", "b", "0123456789");
+    EXPECT_EQ(take("S", "e"), (Lines{"b|5|0123456789"}));
 }
 
 // Posters and takers on several threads: every event arrives once, in order.

@@ -5,7 +5,8 @@
 // stopped (SIGTERM, then SIGKILL) and the directory removed when the object
 // ends. REDIS_SERVER_BINARY names the program; start() throws when it is
 // missing or does not answer within about ten seconds, so a machine without
-// Redis fails the tests instead of skipping them.
+// Redis fails the tests instead of skipping them. Given a password, the server
+// asks for it (requirepass); flush() is then not available.
 #ifndef AVQVL_TESTS_SUPPORT_REDISSERVER_H
 #define AVQVL_TESTS_SUPPORT_REDISSERVER_H
 
@@ -22,11 +23,12 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 class RedisServer {
 public:
-    RedisServer() {
+    explicit RedisServer(std::string password = "") : password(std::move(password)) {
         char pattern[] = "/tmp/quorvel-redis-XXXXXX";
         if (::mkdtemp(pattern) == nullptr) {
             throw std::runtime_error("RedisServer: cannot make a temporary directory");
@@ -68,6 +70,9 @@ public:
                                       "no",
                                       "--logfile",
                                       directory + "/redis.log"};
+        if (!password.empty()) {
+            args.insert(args.end(), {"--requirepass", password});
+        }
         std::vector<char*> argv;
         for (std::string& arg : args) {
             argv.push_back(&arg[0]);
@@ -102,6 +107,10 @@ public:
         }
     }
 
+    // SIGSTOP makes a server that accepts connections and never answers; SIGCONT
+    // brings it back.
+    void signal(int signal) const { ::kill(pid, signal); }
+
     // signal SIGTERM lets Redis finish its append-only file; SIGKILL does not.
     void stop(int signal = SIGTERM) {
         if (pid <= 0) {
@@ -130,7 +139,10 @@ private:
         return ntohs(address.sin_port);
     }
 
-    bool answers() const { return command("PING") == "+PONG"; }
+    bool answers() const {
+        const std::string answer = command("PING");
+        return answer == "+PONG" || answer.compare(0, 7, "-NOAUTH") == 0;
+    }
 
     // Sends one inline command; the first line of the answer, or "" when none came.
     std::string command(const std::string& line) const {
@@ -157,6 +169,7 @@ private:
     }
 
     pid_t pid = -1;
+    const std::string password;
 };
 
 #endif  // AVQVL_TESTS_SUPPORT_REDISSERVER_H
