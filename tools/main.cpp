@@ -89,10 +89,10 @@ void addLocale(CLI::App& command, CommandLine& line) {
     command.add_option("--locale", line.options.locale, "Locale sent with the registration");
 }
 
-void addCorrelationId(CLI::App& command, CommandLine& line, const char* fallback) {
-    line.correlationId = fallback;
+// The default is "quorvel." and the command's name, set when the command runs.
+void addCorrelationId(CLI::App& command, CommandLine& line) {
     command.add_option("--correlation-id", line.correlationId, "Log-Correlation-ID to send")
-        ->capture_default_str();
+        ->default_str("quorvel." + command.get_name());
 }
 
 // The command's callback sets what runs after parsing; `noted` commands say
@@ -109,7 +109,8 @@ void onRun(CLI::App& command, CommandLine& line, bool noted, std::function<int()
             if (noted) {
                 noteEmbeddedService(name.c_str());
             }
-            line.options.correlationId = line.correlationId;
+            line.options.correlationId =
+                line.correlationId.empty() ? "quorvel." + name : line.correlationId;
             return run();
         };
     });
@@ -163,7 +164,7 @@ void addClientCommands(CLI::App& app, CommandLine& line) {
             registersFirst);
     addIdentity(*get, line, true, "to register under");
     addLocale(*get, line);
-    addCorrelationId(*get, line, "quorvel.get");
+    addCorrelationId(*get, line);
     onRun(*get, line, true, [&line] { return Tools::runGet(line.options); });
 }
 
@@ -179,7 +180,7 @@ void addPut(CLI::App& app, CommandLine& line) {
                   "Post one event per line (empty lines skipped), as the lines arrive");
     addIdentity(*put, line, true, "to register under");
     addLocale(*put, line);
-    addCorrelationId(*put, line, "quorvel.put");
+    addCorrelationId(*put, line);
     onRun(*put, line, true, [&line] {
         line.putInput.standardInput = line.putInput.text == "-";
         return Tools::runPut(line.options, line.putInput);
@@ -198,7 +199,7 @@ void addWatchAndDemo(CLI::App& app, CommandLine& line) {
         ->capture_default_str()
         ->check(CLI::Range(1, 3600000));
     watch->add_flag("--unregister", line.watchSettings.unregisterOnExit, "Unregister on exit");
-    addCorrelationId(*watch, line, "quorvel.watch");
+    addCorrelationId(*watch, line);
     onRun(*watch, line, true,
           [&line] { return Tools::runWatch(line.options, line.watchSettings); });
 
