@@ -153,6 +153,28 @@ bool fetchEvents(Participant& who, int& exitCode) {
         exitCode);
 }
 
+// The last step: a fetch after unregistering must be refused as unregistered.
+int fetchAfterLeaving(Participant& bob) {
+    heading(7, "bob, no longer registered, tries to fetch");
+    sends(bob, "getEvents(correlation \"demo.get.bob\")");
+    try {
+        std::string events;
+        std::string id = "demo.get.bob";
+        std::vector<std::string> shared;
+        bob.connection.getEvents(events, shared, id);
+        receives("unexpected success: the fetch should have been refused");
+        return kExitServiceFailure;
+    } catch (...) {
+        const Failure failure = describeCurrentException();
+        if (failure.className != "AvQVLProtocolException" || failure.type != -2) {
+            receives("unexpected error: " + failure.describe());
+            return failure.exitCode;
+        }
+        receives("error, as expected: " + failure.describe());
+    }
+    return kExitOk;
+}
+
 }  // namespace
 
 int runDemo() {
@@ -227,22 +249,9 @@ int runDemo() {
         return exitCode;
     }
 
-    heading(7, "bob, no longer registered, tries to fetch");
-    sends(bob, "getEvents(correlation \"demo.get.bob\")");
-    try {
-        std::string events;
-        std::string id = "demo.get.bob";
-        std::vector<std::string> shared;
-        bob.connection.getEvents(events, shared, id);
-        receives("unexpected success: the fetch should have been refused");
-        return kExitServiceFailure;
-    } catch (...) {
-        const Failure failure = describeCurrentException();
-        if (failure.className != "AvQVLProtocolException" || failure.type != -2) {
-            receives("unexpected error: " + failure.describe());
-            return failure.exitCode;
-        }
-        receives("error, as expected: " + failure.describe());
+    exitCode = fetchAfterLeaving(bob);
+    if (exitCode != kExitOk) {
+        return exitCode;
     }
 
     std::cout << "\nDemo finished on " << where
