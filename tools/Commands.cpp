@@ -1,22 +1,20 @@
-#include "Commands.h"
+#include "tools/Commands.h"
 
 #include <iostream>
 #include <sstream>
 #include <vector>
 
-#include "EventList.h"
-#include "Failure.h"
-#include "Input.h"
-#include "Listing.h"
-#include "Report.h"
-#include "SharedClients.h"
 #include "client/AvQVLConnection.h"
+#include "tools/EventList.h"
+#include "tools/Input.h"
+#include "tools/Listing.h"
+#include "tools/Report.h"
+#include "tools/SharedClients.h"
 #include "util/XMLNode.h"
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
-using Arvant::Net::AvQuorvel::Client::AvQVLConnection;
-using Arvant::Net::AvQuorvel::Util::DomException;
+using Client::AvQVLConnection;
 
 namespace {
 
@@ -24,52 +22,95 @@ void printSharedClients(const std::vector<std::string>& clients) {
     std::cout << "shared clients (" << clients.size() << "): " << joined(clients) << "\n";
 }
 
-// Registers under the options' identity, if there is one.
-void registerIfAsked(AvQVLConnection& connection, const Options& options) {
-    if (!options.hasIdentity()) {
-        return;
-    }
+void registerAs(AvQVLConnection& connection, const Options& options, bool say) {
     std::string server = options.server;
     std::string client = options.client;
     std::string locale = options.locale;
     std::vector<std::string> shared;
     connection.registerClient(server, client, locale, shared);
-    if (!options.json) {
+    if (say && !options.json) {
         std::cout << "registered client \"" << client << "\" with server \"" << server << "\"\n";
     }
 }
 
-JsonObject& identity(JsonObject& object, const Options& options) {
-    return object.text("server", options.server)
-        .text("client", options.client)
-        .text("locale", options.locale);
+Json identityJson(const char* command, const Options& options) {
+    Json result = resultJson(command, true);
+    result["server"] = options.server;
+    result["client"] = options.client;
+    result["locale"] = options.locale;
+    return result;
+}
+
+// The lines of `text` (a '\r' before the '\n' dropped, empty lines skipped),
+// each checked before any is posted.
+std::vector<std::string> checkedLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    std::uint64_t offset = 0;
+    std::uint64_t number = 0;
+    for (std::string line; std::getline(in, line);) {
+        const std::uint64_t length = line.size() + 1;
+        checkLocalText(line, ("line " + std::to_string(++number) + " of TEXT").c_str(), offset);
+        offset += length;
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
+        }
+        if (!line.empty()) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
 }
 
 }  // namespace
 
+void checkIdentity(const Options& options) {
+    checkLocalText(options.server, options.serverArgument);
+    checkLocalText(options.client, options.clientArgument);
+    checkLocalText(options.locale, "--locale");
+}
+
 int runStatus(const Options& options) {
-    return guarded(
-        "status", options,
-        [&options] {
-            AvQVLConnection connection;
-            registerIfAsked(connection, options);
-            const int32_t status = connection.getStatus();
-            const bool ok = status == 0;
-            if (options.json) {
-                std::cout << JsonObject("status").flag("ok", ok).number("status", status).str()
-                          << "\n";
-            } else if (ok) {
-                std::cout << "status: 0 (the service echoed the status text)\n";
-            } else {
-                std::cout << "status: " << status << " (the service answered with another text)\n";
+    return guarded("status", options, [&options] {
+        checkIdentity(options);
+        AvQVLConnection connection;
+        const int32_t status = connection.getStatus();
+        const bool ok = status == 0;
+        // Asked about a client: the server's listing answers without adding
+        // the client to it, which registering would.
+        bool registered = false;
+        if (ok && !options.server.empty()) {
+            std::vector<std::string> shared;
+            listSharedClients(options.server, options.client, shared);
+            for (const std::string& client : shared) {
+                registered = registered || client == options.client;
             }
-            return ok ? kExitOk : kExitServiceFailure;
-        },
-        true);  // the status check hides the transport's reason behind its own message
+        }
+        if (options.json) {
+            Json result = resultJson("status", ok);
+            result["status"] = status;
+            if (ok && !options.server.empty()) {
+                result["server"] = options.server;
+                result["client"] = options.client;
+                result["registered"] = registered;
+            }
+            std::cout << dumpJson(result) << "\n";
+        } else if (ok) {
+            std::cout << "status: 0 (the service echoed the status text)\n";
+            if (!options.server.empty()) {
+                std::cout << "client \"" << options.client << "\" is " << (registered ? "" : "not ")
+                          << "registered with server \"" << options.server << "\"\n";
+            }
+        } else {
+            std::cout << "status: " << status << " (the service answered with another text)\n";
+        }
+        return ok ? kExitOk : kExitServiceFailure;
+    });
 }
 
 int runRegister(const Options& options) {
     return guarded("register", options, [&options] {
+        checkIdentity(options);
         AvQVLConnection connection;
         std::string server = options.server;
         std::string client = options.client;
@@ -77,9 +118,9 @@ int runRegister(const Options& options) {
         std::vector<std::string> shared;
         connection.registerClient(server, client, locale, shared);
         if (options.json) {
-            JsonObject result("register");
-            result.flag("ok", true);
-            std::cout << identity(result, options).list("sharedClients", shared).str() << "\n";
+            Json result = identityJson("register", options);
+            result["sharedClients"] = shared;
+            std::cout << dumpJson(result) << "\n";
         } else {
             std::cout << "registered client \"" << client << "\" with server \"" << server
                       << "\"\n";
@@ -91,14 +132,15 @@ int runRegister(const Options& options) {
 
 int runUnregister(const Options& options) {
     return guarded("unregister", options, [&options] {
+        checkIdentity(options);
         AvQVLConnection connection;
-        registerIfAsked(connection, options);
+        registerAs(connection, options, true);
         std::vector<std::string> shared;
         connection.unregisterClient(shared);
         if (options.json) {
-            JsonObject result("unregister");
-            result.flag("ok", true);
-            std::cout << identity(result, options).list("sharedClients", shared).str() << "\n";
+            Json result = identityJson("unregister", options);
+            result["sharedClients"] = shared;
+            std::cout << dumpJson(result) << "\n";
         } else {
             std::cout << "unregistered\n";
             printSharedClients(shared);
@@ -109,17 +151,14 @@ int runUnregister(const Options& options) {
 
 int runClients(const Options& options) {
     return guarded("clients", options, [&options] {
-        AvQVLConnection connection;
+        checkIdentity(options);
+        AvQVLConnection connection;  // keeps the XML library up for the listing
         std::vector<std::string> shared;
-        if (options.server.empty()) {
-            connection.getSharedClients(shared);  // unregistered: throws a pointer
-        } else {
-            listSharedClients(options.server, options.client, shared);
-        }
+        listSharedClients(options.server, options.client, shared);
         if (options.json) {
-            JsonObject result("clients");
-            result.flag("ok", true);
-            std::cout << identity(result, options).list("sharedClients", shared).str() << "\n";
+            Json result = identityJson("clients", options);
+            result["sharedClients"] = shared;
+            std::cout << dumpJson(result) << "\n";
         } else {
             printSharedClients(shared);
         }
@@ -129,17 +168,20 @@ int runClients(const Options& options) {
 
 int runPut(const Options& options, const PutInput& input) {
     return guarded("put", options, [&options, &input] {
+        checkIdentity(options);
         const char* const what = input.standardInput ? "standard input" : "TEXT";
+        std::vector<std::string> texts;  // what is posted, when known before connecting
         if (!input.standardInput) {
-            checkLocalText(input.text, what);
-        }
-        std::string whole;
-        if (input.standardInput && !input.lines) {
-            whole = readStandardInput();
-            checkLocalText(whole, what);
+            texts = input.lines ? checkedLines(input.text) : std::vector<std::string>{input.text};
+            if (!input.lines) {
+                checkLocalText(input.text, what);
+            }
+        } else if (!input.lines) {
+            texts.push_back(readStandardInput());
+            checkLocalText(texts.back(), what);
         }
         AvQVLConnection connection;
-        registerIfAsked(connection, options);
+        registerAs(connection, options, true);
         std::string correlationId = options.correlationId;
         std::vector<std::string> shared;
         long long events = 0;
@@ -151,36 +193,29 @@ int runPut(const Options& options, const PutInput& input) {
             ++events;
             bytes += static_cast<long long>(text.size());
         };
-        if (!input.lines) {
-            post(input.standardInput ? whole : input.text);
-        } else if (input.standardInput) {
+        for (const std::string& text : texts) {
+            post(text);
+        }
+        if (input.standardInput && input.lines) {
             LineReader reader;
             for (std::string line; reader.next(line);) {
-                checkLocalText(line, what, reader.lineOffset());
-                if (!line.empty()) {
-                    post(line);
-                }
-            }
-        } else {
-            std::istringstream text(input.text);
-            for (std::string line; std::getline(text, line);) {
-                if (!line.empty() && line.back() == '\r') {
-                    line.pop_back();
-                }
+                const std::string where =
+                    "line " + std::to_string(reader.lineNumber()) + " of " + what;
+                checkLocalText(line, where.c_str(), reader.lineOffset());
                 if (!line.empty()) {
                     post(line);
                 }
             }
         }
         if (options.json) {
-            JsonObject result("put");
-            result.flag("ok", true);
-            identity(result, options).text("correlationId", correlationId);
+            Json result = identityJson("put", options);
+            result["correlationId"] = correlationId;
             if (input.lines) {
-                result.number("events", events);
+                result["events"] = events;
             }
-            result.number("bytes", bytes).list("sharedClients", shared);
-            std::cout << result.str() << "\n";
+            result["bytes"] = bytes;
+            result["sharedClients"] = shared;
+            std::cout << dumpJson(result) << "\n";
         } else {
             if (input.lines) {
                 std::cout << "posted " << events << " events, " << bytes << " bytes\n";
@@ -193,10 +228,32 @@ int runPut(const Options& options, const PutInput& input) {
     });
 }
 
+namespace {
+
+void printEvents(const std::string& events, bool readable, const std::vector<Event>& parsed) {
+    std::cout << "events document (" << events.size() << " bytes):\n";
+    std::istringstream lines(events);
+    for (std::string line; std::getline(lines, line);) {
+        std::cout << "  | " << line << "\n";
+    }
+    if (!readable) {
+        std::cout << "events: not an events document, shown raw only\n";
+        return;
+    }
+    std::cout << "events (" << parsed.size() << "):" << (parsed.empty() ? " none" : "") << "\n";
+    for (const Event& event : parsed) {
+        std::cout << "  #" << event.sequence << " from " << event.sender << ": " << event.text
+                  << "\n";
+    }
+}
+
+}  // namespace
+
 int runGet(const Options& options) {
     return guarded("get", options, [&options] {
+        checkIdentity(options);
         AvQVLConnection connection;
-        registerIfAsked(connection, options);
+        registerAs(connection, options, true);
         std::string events;
         std::string correlationId = options.correlationId;
         std::vector<std::string> shared;
@@ -208,46 +265,29 @@ int runGet(const Options& options) {
         bool readable = true;
         try {
             parseEventDocument(events, parsed);
-        } catch (const DomException&) {
+        } catch (const Util::DomException&) {
             readable = false;
         }
         if (options.json) {
-            std::string list = "null";
+            Json list = nullptr;
             if (readable) {
-                list = "[";
-                for (size_t i = 0; i < parsed.size(); ++i) {
-                    list += (i == 0 ? "" : ",") + eventJson(parsed[i]);
-                }
-                list += "]";
-            }
-            JsonObject result("get");
-            result.flag("ok", true);
-            identity(result, options)
-                .text("correlationId", correlationId)
-                .text("raw", events)
-                .raw("events", list)
-                .list("sharedClients", shared);
-            std::cout << result.str() << "\n";
-        } else {
-            std::cout << "events document (" << events.size() << " bytes):\n";
-            std::istringstream lines(events);
-            for (std::string line; std::getline(lines, line);) {
-                std::cout << "  | " << line << "\n";
-            }
-            if (!readable) {
-                std::cout << "events: not an events document, shown raw only\n";
-            } else {
-                std::cout << "events (" << parsed.size() << "):" << (parsed.empty() ? " none" : "")
-                          << "\n";
+                list = Json::array();
                 for (const Event& event : parsed) {
-                    std::cout << "  #" << event.sequence << " from " << event.sender << ": "
-                              << event.text << "\n";
+                    list.push_back(eventJson(event));
                 }
             }
+            Json result = identityJson("get", options);
+            result["correlationId"] = correlationId;
+            result["raw"] = events;
+            result["events"] = list;
+            result["sharedClients"] = shared;
+            std::cout << dumpJson(result) << "\n";
+        } else {
+            printEvents(events, readable, parsed);
             printSharedClients(shared);
         }
         return kExitOk;
     });
 }
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools

@@ -8,20 +8,26 @@
 
 #include <string>
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
 struct Options {
     bool json = false;
-    // The identity to register under before the operation. Registration lives
-    // in the connection, so every run that needs one registers first; with no
-    // server and no client the operation runs unregistered.
+    // The identity a command registers under, lists or checks. Registration
+    // lives in the connection, so every run that needs one registers first.
     std::string server;
     std::string client;
     std::string locale;
     std::string correlationId;  // "Log-Correlation-ID" of get, put and watch
-
-    bool hasIdentity() const { return !server.empty() || !client.empty(); }
+    // How the command line names the identity, for refusals.
+    const char* serverArgument = "--server";
+    const char* clientArgument = "--client";
+    std::string adminTokenFile;  // admin commands: the daemon's admin token, first line
 };
+
+// Throws ToolError (kExitUsage) naming the argument whose identifier (or
+// locale) is not valid in the local code page, which the library would
+// otherwise turn into another identifier without a word.
+void checkIdentity(const Options& options);
 
 // What `put` posts: TEXT, or standard input ("-"), whole or one event per line.
 struct PutInput {
@@ -38,10 +44,12 @@ struct WatchSettings {
 };
 constexpr int kWatchMaxIdleFactor = 8;
 
+// With --server (and --client), also says whether the client is registered,
+// without registering anyone.
 int runStatus(const Options& options);
 int runRegister(const Options& options);
 int runUnregister(const Options& options);
-// With a server, lists its clients without registering anyone.
+// Lists the server's clients without registering anyone.
 int runClients(const Options& options);
 int runPut(const Options& options, const PutInput& input);
 int runGet(const Options& options);
@@ -49,7 +57,11 @@ int runGet(const Options& options);
 // 0) or a failure. Must be called before the process starts any thread, since
 // it blocks both signals to wait for them.
 int runWatch(const Options& options, const WatchSettings& settings);
+// The operator's view through the admin service: every registered client (of
+// --server, if given) with what waits for it; evicting one client.
+int runAdminClients(const Options& options);
+int runAdminEvict(const Options& options);
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools
 
 #endif  // AVQVL_TOOLS_COMMANDS_H

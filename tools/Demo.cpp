@@ -1,32 +1,60 @@
-#include "Demo.h"
+#include "tools/Demo.h"
 
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "EventList.h"
-#include "Failure.h"
-#include "Listing.h"
 #include "client/AvQVLConnection.h"
+#include "tools/EventList.h"
+#include "tools/Failure.h"
+#include "tools/Listing.h"
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
-using Arvant::Net::AvQuorvel::Client::AvQVLConnection;
+using Client::AvQVLConnection;
 
 namespace {
 
-const char* const kServer = "demo-server";
 const char* const kLocale = "en-GB";
+
+// The scenario's server. On a daemon it is new to each run, so the demo
+// neither meets clients of another run nor leaves its own behind.
+std::string scenarioServer = "demo-server";
 
 // One client of the scenario. Every participant's connection lives until the
 // end of the demo: the listing of events parses with the XML library, which is
-// up only while some connection lives.
+// up only while some connection lives. A participant still registered when the
+// demo ends, however it ends, unregisters.
 struct Participant {
     std::string name;
     AvQVLConnection connection;
+    bool registered = false;
+
+    ~Participant() {
+        if (!registered) {
+            return;
+        }
+        try {
+            std::vector<std::string> shared;
+            connection.unregisterClient(shared);
+        } catch (...) {
+            describeCurrentException();  // deletes what was thrown as a pointer
+        }
+    }
 };
+
+// The daemon the demo runs on (the transport reads the same variable), or null
+// for the service inside this process.
+const char* daemonUrl() {
+    const char* url = std::getenv("QUORVEL_URL");
+    return url != nullptr && *url != '\0' ? url : nullptr;
+}
 
 // A C-style literal, so quotes inside the text stay readable.
 std::string quoted(const std::string& text) {
@@ -81,15 +109,16 @@ void printEvents(const std::string& events) {
 }
 
 bool registerParticipant(Participant& who, int& exitCode) {
-    sends(who, "registerClient(server " + quoted(kServer) + ", client " + quoted(who.name) +
+    sends(who, "registerClient(server " + quoted(scenarioServer) + ", client " + quoted(who.name) +
                    ", locale " + quoted(kLocale) + ")");
     return attempt(
         [&who] {
-            std::string server = kServer;
+            std::string server = scenarioServer;
             std::string client = who.name;
             std::string locale = kLocale;
             std::vector<std::string> shared;
             who.connection.registerClient(server, client, locale, shared);
+            who.registered = true;
             receives("registered; shared clients: " + joined(shared));
         },
         exitCode);
@@ -124,16 +153,46 @@ bool fetchEvents(Participant& who, int& exitCode) {
         exitCode);
 }
 
+// The last step: a fetch after unregistering must be refused as unregistered.
+int fetchAfterLeaving(Participant& bob) {
+    heading(7, "bob, no longer registered, tries to fetch");
+    sends(bob, "getEvents(correlation \"demo.get.bob\")");
+    try {
+        std::string events;
+        std::string id = "demo.get.bob";
+        std::vector<std::string> shared;
+        bob.connection.getEvents(events, shared, id);
+        receives("unexpected success: the fetch should have been refused");
+        return kExitServiceFailure;
+    } catch (...) {
+        const Failure failure = describeCurrentException();
+        if (failure.className != "AvQVLProtocolException" || failure.type != -2) {
+            receives("unexpected error: " + failure.describe());
+            return failure.exitCode;
+        }
+        receives("error, as expected: " + failure.describe());
+    }
+    return kExitOk;
+}
+
 }  // namespace
 
 int runDemo() {
+    const std::string where = daemonUrl() != nullptr ? std::string("the service at ") + daemonUrl()
+                                                     : "the service inside this process";
+    if (daemonUrl() != nullptr) {
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        scenarioServer =
+            "demo-" + std::to_string(::getpid()) + "-" +
+            std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
+    }
     int exitCode = kExitOk;
     Participant alice{"alice", {}};
     Participant bob{"bob", {}};
     Participant carol{"carol", {}};
 
-    std::cout << "Quorvel demo: three clients of server " << quoted(kServer)
-              << " on the service linked into this process.\n";
+    std::cout << "Quorvel demo: three clients of server " << quoted(scenarioServer) << " on "
+              << where << ".\n";
 
     heading(1, "Status check (works before registration)");
     sends(alice, "getStatus() with the body \"AvQVL Status check\"");
@@ -183,32 +242,21 @@ int runDemo() {
             [&] {
                 std::vector<std::string> shared;
                 bob.connection.unregisterClient(shared);
+                bob.registered = false;
                 receives("unregistered; shared clients: " + joined(shared));
             },
             exitCode)) {
         return exitCode;
     }
 
-    heading(7, "bob, no longer registered, tries to fetch");
-    sends(bob, "getEvents(correlation \"demo.get.bob\")");
-    try {
-        std::string events;
-        std::string id = "demo.get.bob";
-        std::vector<std::string> shared;
-        bob.connection.getEvents(events, shared, id);
-        receives("unexpected success: the fetch should have been refused");
-        return kExitServiceFailure;
-    } catch (...) {
-        const Failure failure = describeCurrentException();
-        if (failure.className != "AvQVLProtocolException" || failure.type != -2) {
-            receives("unexpected error: " + failure.describe());
-            return failure.exitCode;
-        }
-        receives("error, as expected: " + failure.describe());
+    exitCode = fetchAfterLeaving(bob);
+    if (exitCode != kExitOk) {
+        return exitCode;
     }
 
-    std::cout << "\nDemo finished: every step behaved as expected.\n";
+    std::cout << "\nDemo finished on " << where
+              << ": every step behaved as expected; alice and carol unregister as it ends.\n";
     return kExitOk;
 }
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools

@@ -3,12 +3,12 @@
 #ifndef AVQVL_TOOLS_DEMO_H
 #define AVQVL_TOOLS_DEMO_H
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
 // 0 when every step behaved as expected (the last one is expected to fail),
 // otherwise the exit code of the first surprise.
 int runDemo();
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools
 
 #endif  // AVQVL_TOOLS_DEMO_H

@@ -1,12 +1,12 @@
-#include "EventList.h"
+#include "tools/EventList.h"
 
 #include "util/SAXToNodeParser.h"
 #include "util/XMLNode.h"
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
-using Arvant::Net::AvQuorvel::Util::SAXToNodeParser;
-using Arvant::Net::AvQuorvel::Util::XMLNode;
+using Util::SAXToNodeParser;
+using Util::XMLNode;
 
 namespace {
 
@@ -44,4 +44,4 @@ void parseEventDocument(const std::string& document, std::vector<Event>& events)
     }
 }
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
 struct Event {
     std::string sender;
@@ -21,6 +21,6 @@ struct Event {
 // initialised, which a live AvQVLConnection guarantees.
 void parseEventDocument(const std::string& document, std::vector<Event>& events);
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools
 
 #endif  // AVQVL_TOOLS_EVENTLIST_H

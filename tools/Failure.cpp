@@ -1,16 +1,15 @@
-#include "Failure.h"
+#include "tools/Failure.h"
 
 #include <exception>
 #include <sstream>
 
-#include "Json.h"
 #include "client/Exception.h"
 #include "util/XMLNode.h"
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
-using namespace Arvant::Net::AvQuorvel::Client;
-using Arvant::Net::AvQuorvel::Util::DomException;
+using namespace Client;
+using Util::DomException;
 
 namespace {
 
@@ -48,22 +47,6 @@ std::string Failure::describe() const {
     if (!cause.empty()) {
         out << " (cause: " << cause << ")";
     }
-    return out.str();
-}
-
-std::string Failure::toJson() const {
-    std::ostringstream out;
-    out << "{\"class\":" << jsonQuote(className) << ",\"type\":";
-    if (hasType) {
-        out << type;
-    } else {
-        out << "null";
-    }
-    out << ",\"message\":" << jsonQuote(message);
-    if (!cause.empty()) {
-        out << ",\"cause\":" << jsonQuote(cause);
-    }
-    out << "}";
     return out.str();
 }
 
@@ -123,4 +106,4 @@ Failure describeCurrentException() {
     }
 }
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools

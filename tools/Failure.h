@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
 // Exit codes of the tool, shown in --help.
 enum ExitCode {
@@ -18,8 +18,8 @@ enum ExitCode {
 };
 
 // A failure of the tool's own (usage, input, output), thrown to the command's
-// handler with the exit code it stands for. className names it in the output:
-// "UsageError", "InputError" or "IOError".
+// handler with the exit code it stands for. className names it in the JSON
+// output: "UsageError", "InputError" or "IOError".
 class ToolError : public std::runtime_error {
 public:
     ToolError(ExitCode code, const char* className, const std::string& message)
@@ -39,13 +39,11 @@ struct Failure {
     ExitCode exitCode = kExitInternal;
     bool fromTool = false;  // a ToolError: the text shows the message alone
 
+    // The one form every command prints after "error: ":
     // "AvQVLProtocolException (type -2): Client not Registered with Quorvel",
     // then " (cause: ...)" when there is a cause; the message alone for the
-    // tool's own failures.
+    // tool's own failures, whose class adds nothing for a reader.
     std::string describe() const;
-    // {"class":"...","type":-2,"message":"..."}; type is null when absent, and
-    // "cause" is there only when known.
-    std::string toJson() const;
 };
 
 // Call only inside a catch block: rethrows the exception in flight and
@@ -53,6 +51,6 @@ struct Failure {
 // recognised too and deleted.
 Failure describeCurrentException();
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools
 
 #endif  // AVQVL_TOOLS_FAILURE_H

@@ -1,4 +1,4 @@
-#include "Input.h"
+#include "tools/Input.h"
 
 #include <unicode/ucnv.h>
 #include <unicode/ucnv_err.h>
@@ -8,9 +8,9 @@
 #include <cstring>
 #include <memory>
 
-#include "Failure.h"
+#include "tools/Failure.h"
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
 namespace {
 
@@ -69,6 +69,7 @@ bool LineReader::next(std::string& line) {
     pending.erase(0, length);
     offset = consumed;
     consumed += length;
+    ++number;
     if (!line.empty() && line.back() == '\r') {
         line.pop_back();
     }
@@ -125,4 +126,4 @@ void checkLocalText(const std::string& text, const char* what, std::uint64_t bas
     }
 }
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
 // All of standard input. A read failure throws ToolError (kExitInternal) with
 // the system's message.
@@ -23,10 +23,13 @@ public:
     bool next(std::string& line);
     // Bytes of standard input before the line next() returned last.
     std::uint64_t lineOffset() const { return offset; }
+    // The number of that line, counted from 1.
+    std::uint64_t lineNumber() const { return number; }
 
 private:
     std::string pending;
     std::uint64_t offset = 0;
+    std::uint64_t number = 0;
     std::uint64_t consumed = 0;  // bytes handed out so far, newlines included
     bool ended = false;
 };
@@ -38,6 +41,6 @@ private:
 void checkLocalText(const std::string& text, const char* what, std::uint64_t base = 0,
                     const char* codePage = nullptr);
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools
 
 #endif  // AVQVL_TOOLS_INPUT_H

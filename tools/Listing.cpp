@@ -1,6 +1,6 @@
-#include "Listing.h"
+#include "tools/Listing.h"
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
 std::string joined(const std::vector<std::string>& items) {
     if (items.empty()) {
@@ -13,4 +13,4 @@ std::string joined(const std::vector<std::string>& items) {
     return out;
 }
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools

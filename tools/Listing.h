@@ -1,15 +1,15 @@
 // How the tool shows a list of identifiers to a person.
-#ifndef QUORVEL_TOOLS_LISTING_H
-#define QUORVEL_TOOLS_LISTING_H
+#ifndef AVQVL_TOOLS_LISTING_H
+#define AVQVL_TOOLS_LISTING_H
 
 #include <string>
 #include <vector>
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
 // "a, b, c", or "none" for an empty list.
 std::string joined(const std::vector<std::string>& items);
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools
 
-#endif  // QUORVEL_TOOLS_LISTING_H
+#endif  // AVQVL_TOOLS_LISTING_H

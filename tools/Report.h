@@ -1,59 +1,46 @@
-// How every command reports: one JSON object built field by field for --json,
-// and the one place where a failure is printed and becomes the exit code.
+// How every command reports: one JSON object for --json, and the one place
+// where a failure is printed and becomes the exit code.
 #ifndef AVQVL_TOOLS_REPORT_H
 #define AVQVL_TOOLS_REPORT_H
 
 #include <functional>
-#include <sstream>
+#include <nlohmann/json.hpp>
 #include <string>
-#include <vector>
 
-#include "Commands.h"
-#include "EventList.h"
-#include "Json.h"
+#include "tools/Commands.h"
+#include "tools/EventList.h"
+#include "tools/Failure.h"
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
-// {"command":"...","ok":true,...}; command null when it is not known.
-class JsonObject {
-public:
-    explicit JsonObject(const char* command) {
-        out << "{\"command\":" << (command != nullptr ? jsonQuote(command) : "null");
-    }
-    JsonObject& raw(const char* name, const std::string& json) {
-        out << ",\"" << name << "\":" << json;
-        return *this;
-    }
-    JsonObject& text(const char* name, const std::string& value) {
-        return raw(name, jsonQuote(value));
-    }
-    JsonObject& number(const char* name, long long value) {
-        return raw(name, std::to_string(value));
-    }
-    JsonObject& flag(const char* name, bool value) { return raw(name, value ? "true" : "false"); }
-    JsonObject& list(const char* name, const std::vector<std::string>& values) {
-        return raw(name, jsonStringArray(values));
-    }
-    std::string str() const { return out.str() + "}"; }
+// Fields stay in the order they are set, which is the order people read them in.
+using Json = nlohmann::ordered_json;
 
-private:
-    std::ostringstream out;
-};
+// {"command":"...","ok":...}; command null when it is not known.
+Json resultJson(const char* command, bool ok);
+
+// One line of JSON. Text the service hands back in another code page is not
+// UTF-8: each byte that starts no character becomes U+FFFD, so the output is
+// always a valid document.
+std::string dumpJson(const Json& value);
 
 // {"sender":"...","sequence":"...","text":"..."}
-std::string eventJson(const Event& event);
+Json eventJson(const Event& event);
+
+// {"class":"...","type":-2,"message":"..."}; type is null when absent, and
+// "cause" is there only when known.
+Json failureJson(const Failure& failure);
 
 // Runs `body` and returns its exit code; whatever it throws is printed (on
 // standard error, or as {"command":...,"ok":false,"error":{...}} on standard
-// output with --json) and becomes the exit code. With addTransportCause, a
-// failure also names the transport's last error message as its cause.
-int guarded(const char* command, const Options& options, const std::function<int()>& body,
-            bool addTransportCause = false);
+// output with --json) and becomes the exit code. A failure names the
+// transport's last error message as its cause when its own message does not.
+int guarded(const char* command, const Options& options, const std::function<int()>& body);
 
 // Prints a failure of the tool's own (usage, input) the way guarded does.
 int reportToolError(const char* command, bool json, int code, const char* className,
                     const std::string& message);
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools
 
 #endif  // AVQVL_TOOLS_REPORT_H

@@ -1,42 +1,18 @@
-#include "SharedClients.h"
+#include "tools/SharedClients.h"
 
-#include <sstream>
+#include "tools/Exchange.h"
 
-#include "client/AvQVLRequest.h"
-#include "schemas/SharedClientIDs.h"
-#include "util/SAXToNodeParser.h"
-#include "util/XMLNode.h"
-
-namespace Quorvel {
-
-using Arvant::Net::AvQuorvel::Client::AvQVLRequest;
-using Arvant::Net::AvQuorvel::Util::DomException;
-using Arvant::Net::AvQuorvel::Util::SAXToNodeParser;
-using Arvant::Net::AvQuorvel::Util::XMLNode;
-using Arvant::Schemas::AvQuorvel::_2009_06::Base::SharedClientIDs;
+namespace Arvant::Net::AvQuorvel::Tools {
 
 void listSharedClients(const std::string& server, const std::string& client,
                        std::vector<std::string>& clients) {
-    Arvant::Net::AvQuorvel::Client::initTransport();
-    AvQVLRequest request;
-    request.addHeader("Service-Name", "AvQVLRequest");
-    request.addHeader("Operation-Name", "getSharedClients");
-    request.addHeader("Log-Correlation-ID", "quorvel.clients");
-    request.addHeader("Server-ID", server.c_str());
-    request.addHeader("Client-ID", client.c_str());
-    // The body ends with a NUL byte, as the library's own requests do.
-    std::istringstream body(std::string("AvQVL getClients Operation", 27));
-    request.setRequestStream(&body);
-    const std::string response = request.send();
-
-    SAXToNodeParser parser;  // owns the tree
-    const XMLNode* root = parser.parseString(response);
-    if (root == nullptr) {
-        throw DomException("The service answered the list of clients with an empty document.");
-    }
-    SharedClientIDs list;
-    list.parse(*root);
-    list.getSharedClients(clients);
+    const std::string response = sendExchange({{"Service-Name", "AvQVLRequest"},
+                                               {"Operation-Name", "getSharedClients"},
+                                               {"Log-Correlation-ID", "quorvel.clients"},
+                                               {"Server-ID", server},
+                                               {"Client-ID", client}},
+                                              "getClients");
+    parseSharedClients(response, clients);
 }
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools

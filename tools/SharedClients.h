@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
 // Appends the clients registered under `server` to `clients`. `client` is sent
 // as the asking client's identifier and need not be registered. Needs a live
@@ -18,6 +18,6 @@ namespace Quorvel {
 void listSharedClients(const std::string& server, const std::string& client,
                        std::vector<std::string>& clients);
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools
 
 #endif  // AVQVL_TOOLS_SHAREDCLIENTS_H

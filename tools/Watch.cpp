@@ -10,17 +10,16 @@
 #include <iostream>
 #include <vector>
 
-#include "Commands.h"
-#include "EventList.h"
-#include "Failure.h"
-#include "Report.h"
 #include "client/AvQVLConnection.h"
+#include "tools/Commands.h"
+#include "tools/EventList.h"
+#include "tools/Failure.h"
+#include "tools/Report.h"
 #include "util/XMLNode.h"
 
-namespace Quorvel {
+namespace Arvant::Net::AvQuorvel::Tools {
 
-using Arvant::Net::AvQuorvel::Client::AvQVLConnection;
-using Arvant::Net::AvQuorvel::Util::DomException;
+using Client::AvQVLConnection;
 
 namespace {
 
@@ -77,6 +76,7 @@ void flushOrThrow() {
 int runWatch(const Options& options, const WatchSettings& settings) {
     StopSignals signals;
     return guarded("watch", options, [&] {
+        checkIdentity(options);
         AvQVLConnection connection;
         std::string server = options.server;
         std::string client = options.client;
@@ -97,13 +97,13 @@ int runWatch(const Options& options, const WatchSettings& settings) {
             std::vector<Event> events;
             try {
                 parseEventDocument(document, events);
-            } catch (const DomException&) {
+            } catch (const Util::DomException&) {
                 // Not an events document: the text is the event.
                 events.push_back(Event{"", "", document});
             }
             for (const Event& event : events) {
                 if (options.json) {
-                    std::cout << eventJson(event) << "\n";
+                    std::cout << dumpJson(eventJson(event)) << "\n";
                 } else {
                     std::cout << "#" << event.sequence << " from " << event.sender << ": "
                               << event.text << "\n";
@@ -125,4 +125,4 @@ int runWatch(const Options& options, const WatchSettings& settings) {
     });
 }
 
-}  // namespace Quorvel
+}  // namespace Arvant::Net::AvQuorvel::Tools

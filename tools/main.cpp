@@ -1,4 +1,6 @@
 // quorvel: the Quorvel service from the command line, through AvQvlCppBinding.
+// This file is the command line itself: each subcommand's options, and the
+// callback that picks the function of tools/Commands.h to run once parsing ends.
 #include <CLI/CLI.hpp>
 
 #include <stdlib.h>
@@ -6,24 +8,25 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <string>
 
-#include "Commands.h"
-#include "Demo.h"
-#include "Failure.h"
-#include "Report.h"
 #include "client/Version.h"
+#include "tools/Commands.h"
+#include "tools/Demo.h"
+#include "tools/Failure.h"
+#include "tools/Report.h"
 
 namespace {
 
-using Quorvel::Options;
+namespace Tools = Arvant::Net::AvQuorvel::Tools;
 
 // Read by the transport library at the first exchange of the process.
 const char* const kUrlVariable = "QUORVEL_URL";
 
-const char* const kCommandNames[] = {"status", "register", "unregister", "clients",
-                                     "put",    "get",      "watch",      "demo"};
+const char* const kCommandNames[] = {"status", "register", "unregister", "clients", "put",
+                                     "get",    "watch",    "demo",       "admin"};
 
 const char* const kFooter =
     "Every run is its own process with its own connection: commands that need a\n"
@@ -35,26 +38,197 @@ const char* const kFooter =
     "Exit codes: 0 success; 1 the library or the service reported a failure (the\n"
     "error line names the exception's class, type code and message); 2 usage error,\n"
     "or input that is not valid in the local code page; 3 any other failure, such\n"
-    "as standard input or output failing.";
-
-const char* const kIdentityNote =
-    "Registers with --server/--client first (registration lives in the connection, and each run "
-    "has its own); without them the operation runs unregistered.";
+    "as standard input or output failing.\n"
+    "Environment: QUORVEL_URL the service (as --url); QUORVEL_TOKEN the bearer token\n"
+    "quorveld asks for (admin --admin-token-file sets it); QUORVEL_TIMEOUT_MS how\n"
+    "long to wait for an answer (30000); QUORVEL_CONNECT_TIMEOUT_MS how long to wait\n"
+    "for a connection (5000); SSL_CERT_FILE and SSL_CERT_DIR the certificate\n"
+    "authorities that check an https:// service (default: the system's).";
 
 const char* const kDashNote =
     "A TEXT that starts with '-' goes after '--': quorvel put --server S --client K -- -x";
 
-void addIdentityOptions(CLI::App& command, Options& options, bool clientOptional = false) {
-    CLI::Option* server =
-        command.add_option("--server", options.server, "Server identifier to register under");
-    CLI::Option* client =
-        command.add_option("--client", options.client, "Client identifier to register as");
-    if (!clientOptional) {
-        server->needs(client);
+// What the command line fills in, and what runs once it is parsed.
+struct CommandLine {
+    Tools::Options options;
+    Tools::PutInput putInput;
+    Tools::WatchSettings watchSettings;
+    std::string url;
+    std::string correlationId;
+    std::function<int()> action;
+};
+
+// One line on standard error when a command's effect dies with the process.
+void noteEmbeddedService(const char* command) {
+    const char* url = ::getenv(kUrlVariable);
+    if (url != nullptr && *url != '\0') {
+        return;
     }
-    client->needs(server);
-    command.add_option("--locale", options.locale, "Locale sent with the registration")
-        ->needs(server);
+    std::cerr << "quorvel: note: no --url or QUORVEL_URL, so " << command
+              << " ran on a service inside this process, which ends with it; to keep the effect, "
+                 "start quorveld (quorveld --listen 127.0.0.1:7070) and pass --url "
+                 "http://127.0.0.1:7070"
+              << std::endl;
+}
+
+// --server and --client; required unless the command only asks about them.
+void addIdentity(CLI::App& command, CommandLine& line, bool required, const char* verb) {
+    CLI::Option* server = command.add_option("--server", line.options.server,
+                                             std::string("Server identifier ") + verb);
+    CLI::Option* client = command.add_option("--client", line.options.client,
+                                             std::string("Client identifier ") + verb);
+    if (required) {
+        server->required();
+        client->required();
+    } else {
+        client->needs(server);
+    }
+}
+
+void addLocale(CLI::App& command, CommandLine& line) {
+    command.add_option("--locale", line.options.locale, "Locale sent with the registration");
+}
+
+// The default is "quorvel." and the command's name, set when the command runs.
+void addCorrelationId(CLI::App& command, CommandLine& line) {
+    command.add_option("--correlation-id", line.correlationId, "Log-Correlation-ID to send")
+        ->default_str("quorvel." + command.get_name());
+}
+
+// The command's callback sets what runs after parsing; `noted` commands say
+// when their effect ends with the process.
+void onRun(CLI::App& command, CommandLine& line, bool noted, std::function<int()> run) {
+    // "admin clients", not "clients", for a subcommand of a subcommand.
+    const CLI::App* parent = command.get_parent();
+    std::string name = command.get_name();
+    if (parent != nullptr && parent->get_parent() != nullptr) {
+        name = parent->get_name() + " " + name;
+    }
+    command.callback([&line, noted, run, name] {
+        line.action = [&line, noted, run, name] {
+            if (noted) {
+                noteEmbeddedService(name.c_str());
+            }
+            line.options.correlationId =
+                line.correlationId.empty() ? "quorvel." + name : line.correlationId;
+            return run();
+        };
+    });
+    command.fallthrough();  // `quorvel get --json`: options after the name reach the main app
+}
+
+void addStatusAndRegister(CLI::App& app, CommandLine& line) {
+    CLI::App* status = app.add_subcommand(
+        "status",
+        "Check that the service answers (it must echo the status text); with --server and "
+        "--client, also whether that client is registered, without registering it.");
+    addIdentity(*status, line, false, "to look in");
+    status->get_option("--client")->needs("--server");
+    status->get_option("--server")->needs("--client");
+    onRun(*status, line, false, [&line] { return Tools::runStatus(line.options); });
+
+    CLI::App* registerCommand = app.add_subcommand(
+        "register", "Register CLIENT with SERVER and list the clients sharing the service.");
+    registerCommand->add_option("SERVER", line.options.server, "Server identifier")->required();
+    registerCommand->add_option("CLIENT", line.options.client, "Client identifier")->required();
+    addLocale(*registerCommand, line);
+    onRun(*registerCommand, line, true, [&line] {
+        line.options.serverArgument = "SERVER";
+        line.options.clientArgument = "CLIENT";
+        return Tools::runRegister(line.options);
+    });
+}
+
+void addClientCommands(CLI::App& app, CommandLine& line) {
+    const std::string registersFirst =
+        " Registers with --server/--client first (registration lives in the connection, and "
+        "each run has its own).";
+    CLI::App* unregister = app.add_subcommand(
+        "unregister", "Unregister and list the remaining shared clients." + registersFirst);
+    addIdentity(*unregister, line, true, "to register under");
+    addLocale(*unregister, line);
+    onRun(*unregister, line, true, [&line] { return Tools::runUnregister(line.options); });
+
+    CLI::App* clients = app.add_subcommand(
+        "clients",
+        "List the clients of --server without registering anyone (--client, if given, is sent "
+        "as the asking client).");
+    addIdentity(*clients, line, false, "to list");
+    clients->get_option("--server")->required();
+    onRun(*clients, line, true, [&line] { return Tools::runClients(line.options); });
+
+    CLI::App* get = app.add_subcommand(
+        "get",
+        "Fetch the events waiting for the client: the raw text and, when it is an events "
+        "document, a listing." +
+            registersFirst);
+    addIdentity(*get, line, true, "to register under");
+    addLocale(*get, line);
+    addCorrelationId(*get, line);
+    onRun(*get, line, true, [&line] { return Tools::runGet(line.options); });
+}
+
+void addPut(CLI::App& app, CommandLine& line) {
+    CLI::App* put = app.add_subcommand(
+        "put", std::string("Post TEXT as events (\"-\" reads standard input, posted byte for "
+                           "byte; text that is not valid in the local code page, or holds a NUL "
+                           "byte, is refused). Registers with --server/--client first. ") +
+                   kDashNote + ".");
+    put->add_option("TEXT", line.putInput.text, "The events text, or - for standard input")
+        ->required();
+    put->add_flag("--lines", line.putInput.lines,
+                  "Post one event per line (empty lines skipped), as the lines arrive");
+    addIdentity(*put, line, true, "to register under");
+    addLocale(*put, line);
+    addCorrelationId(*put, line);
+    onRun(*put, line, true, [&line] {
+        line.putInput.standardInput = line.putInput.text == "-";
+        return Tools::runPut(line.options, line.putInput);
+    });
+}
+
+void addWatchAndDemo(CLI::App& app, CommandLine& line) {
+    CLI::App* watch = app.add_subcommand(
+        "watch",
+        "Register, then print each event as it arrives (a line each; JSON Lines with --json), "
+        "until SIGINT or SIGTERM. Fetches every --interval while events come, waiting up to " +
+            std::to_string(Tools::kWatchMaxIdleFactor) + " times longer while none do.");
+    addIdentity(*watch, line, true, "to register under");
+    addLocale(*watch, line);
+    watch->add_option("--interval", line.watchSettings.intervalMs, "Milliseconds between fetches")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 3600000));
+    watch->add_flag("--unregister", line.watchSettings.unregisterOnExit, "Unregister on exit");
+    addCorrelationId(*watch, line);
+    onRun(*watch, line, true,
+          [&line] { return Tools::runWatch(line.options, line.watchSettings); });
+
+    CLI::App* demo = app.add_subcommand(
+        "demo",
+        "Run a short scenario: three clients register, post, fetch and unregister. On a daemon "
+        "(--url or QUORVEL_URL) it uses a server of its own and leaves no client registered.");
+    onRun(*demo, line, false, [] { return Tools::runDemo(); });
+}
+
+void addAdmin(CLI::App& app, CommandLine& line) {
+    CLI::App* admin = app.add_subcommand(
+        "admin",
+        "The operator's view of the service: every registered client, and evicting one. "
+        "quorveld serves it to loopback peers, or to anyone with its admin token.");
+    admin->require_subcommand(1);
+    admin->fallthrough();
+    admin->add_option("--admin-token-file", line.options.adminTokenFile,
+                      "File whose first line is quorveld's admin token (sent as QUORVEL_TOKEN)");
+    CLI::App* clients = admin->add_subcommand(
+        "clients",
+        "List the registered clients (of --server, or of every server): waiting "
+        "events and bytes, last fetch and registration time (UTC).");
+    clients->add_option("--server", line.options.server, "Only the clients of this server");
+    onRun(*clients, line, true, [&line] { return Tools::runAdminClients(line.options); });
+    CLI::App* evict = admin->add_subcommand(
+        "evict", "Unregister a client on the operator's behalf and list the server's others.");
+    addIdentity(*evict, line, true, "to evict");
+    onRun(*evict, line, true, [&line] { return Tools::runAdminEvict(line.options); });
 }
 
 bool isCommandName(const std::string& word) {
@@ -102,17 +276,22 @@ FirstLook firstLook(int argc, char** argv) {
     return look;
 }
 
-// One line on standard error when a command's effect dies with the process.
-void noteEmbeddedService(const char* command) {
-    const char* url = ::getenv(kUrlVariable);
-    if (url != nullptr && *url != '\0') {
-        return;
+// Every usage error is printed as the commands print their failures, with a
+// hint where CLI11's own message would mislead.
+int reportParseError(const FirstLook& look, const CLI::ParseError& e) {
+    const bool known = look.hasCommand && isCommandName(look.command);
+    std::string message = e.what();
+    if (look.hasCommand && !known) {
+        message = "unknown command \"" + look.command + "\"; the commands are " + commandList() +
+                  " (quorvel --help)";
+    } else if (known && look.command == "put" &&
+               (message.find("TEXT") != std::string::npos ||
+                message.find("not expected") != std::string::npos)) {
+        // Most likely a TEXT that starts with '-', taken for an option.
+        message += std::string(" (") + kDashNote + ")";
     }
-    std::cerr << "quorvel: note: no --url or QUORVEL_URL, so " << command
-              << " ran on a service inside this process, which ends with it; to keep the effect, "
-                 "start quorveld (quorveld --listen 127.0.0.1:7070) and pass --url "
-                 "http://127.0.0.1:7070"
-              << std::endl;
+    return Tools::reportToolError(known ? look.command.c_str() : nullptr, look.json,
+                                  Tools::kExitUsage, "UsageError", message);
 }
 
 // Standard output is checked once at the end: a full disk or a closed pipe
@@ -126,12 +305,12 @@ int finishOutput(int code) {
         failed = true;
         error = errno;
     }
-    if (!failed || code == Quorvel::kExitInternal) {
+    if (!failed || code == Tools::kExitInternal) {
         return code;  // a command that stopped on failing output has said so already
     }
     std::cerr << "error: cannot write standard output: " << std::strerror(error != 0 ? error : EIO)
               << std::endl;
-    return code == Quorvel::kExitOk ? Quorvel::kExitInternal : code;
+    return code == Tools::kExitOk ? Tools::kExitInternal : code;
 }
 
 int run(int argc, char** argv) {
@@ -140,149 +319,30 @@ int run(int argc, char** argv) {
     app.require_subcommand(1);
     app.set_version_flag("--version", std::string("quorvel ") + AVQVL_VERSION_STRING,
                          "Print the version and exit");
-    Options options;
-    app.add_flag("--json", options.json, "Print JSON instead of text");
-    std::string url;
-    app.add_option("--url", url,
+    CommandLine line;
+    app.add_flag("--json", line.options.json, "Print JSON instead of text");
+    app.add_option("--url", line.url,
                    "The service to talk to, e.g. http://127.0.0.1:7070 (takes precedence over "
                    "QUORVEL_URL; without either, a service inside this process)");
-
-    CLI::App* status = app.add_subcommand(
-        "status", "Check that the service answers (it must echo the status text).");
-    addIdentityOptions(*status, options);
-
-    CLI::App* registerCommand = app.add_subcommand(
-        "register", "Register CLIENT with SERVER and list the clients sharing the service.");
-    registerCommand->add_option("SERVER", options.server, "Server identifier")->required();
-    registerCommand->add_option("CLIENT", options.client, "Client identifier")->required();
-    registerCommand->add_option("--locale", options.locale, "Locale sent with the registration");
-
-    CLI::App* unregister = app.add_subcommand(
-        "unregister",
-        std::string("Unregister and list the remaining shared clients. ") + kIdentityNote);
-    addIdentityOptions(*unregister, options);
-
-    CLI::App* clients = app.add_subcommand(
-        "clients",
-        "List the clients of --server without registering anyone (--client, if given, is sent "
-        "as the asking client). Without --server the listing runs unregistered and is refused.");
-    addIdentityOptions(*clients, options, true);
-
-    Quorvel::PutInput putInput;
-    CLI::App* put = app.add_subcommand(
-        "put", std::string("Post TEXT as events (\"-\" reads standard input, posted byte for "
-                           "byte; text that is not valid in the local code page, or holds a NUL "
-                           "byte, is refused). ") +
-                   kIdentityNote + " " + kDashNote + ".");
-    put->add_option("TEXT", putInput.text, "The events text, or - for standard input")->required();
-    put->add_flag("--lines", putInput.lines,
-                  "Post one event per line (empty lines skipped), as the lines arrive");
-    addIdentityOptions(*put, options);
-    std::string putCorrelationId = "quorvel.put";
-    put->add_option("--correlation-id", putCorrelationId, "Log-Correlation-ID to send")
-        ->capture_default_str();
-
-    CLI::App* get = app.add_subcommand(
-        "get", std::string("Fetch the events waiting for the client: the raw text and, when it "
-                           "is an events document, a listing. ") +
-                   kIdentityNote);
-    addIdentityOptions(*get, options);
-    std::string getCorrelationId = "quorvel.get";
-    get->add_option("--correlation-id", getCorrelationId, "Log-Correlation-ID to send")
-        ->capture_default_str();
-
-    Quorvel::WatchSettings watchSettings;
-    CLI::App* watch = app.add_subcommand(
-        "watch",
-        "Register, then print each event as it arrives (a line each; JSON Lines with --json), "
-        "until SIGINT or SIGTERM. Fetches every --interval while events come, waiting up to " +
-            std::to_string(Quorvel::kWatchMaxIdleFactor) + " times longer while none do.");
-    watch->add_option("--server", options.server, "Server identifier to register under")
-        ->required();
-    watch->add_option("--client", options.client, "Client identifier to register as")->required();
-    watch->add_option("--locale", options.locale, "Locale sent with the registration");
-    watch->add_option("--interval", watchSettings.intervalMs, "Milliseconds between fetches")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 3600000));
-    watch->add_flag("--unregister", watchSettings.unregisterOnExit, "Unregister on exit");
-    std::string watchCorrelationId = "quorvel.watch";
-    watch->add_option("--correlation-id", watchCorrelationId, "Log-Correlation-ID to send")
-        ->capture_default_str();
-
-    CLI::App* demo = app.add_subcommand(
-        "demo", "Run a short scenario: three clients register, post, fetch and unregister.");
-
-    // Options given after the subcommand name (e.g. `quorvel get --json`) reach the main app.
-    for (CLI::App* command :
-         {status, registerCommand, unregister, clients, put, get, watch, demo}) {
-        command->fallthrough();
-    }
+    addStatusAndRegister(app, line);
+    addClientCommands(app, line);
+    addPut(app, line);
+    addWatchAndDemo(app, line);
+    addAdmin(app, line);
 
     const FirstLook look = firstLook(argc, argv);
-    const char* commandName =
-        look.hasCommand && isCommandName(look.command) ? look.command.c_str() : nullptr;
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& e) {  // --help, --version
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
-        std::string message = e.what();
-        if (look.hasCommand && commandName == nullptr) {
-            message = "unknown command \"" + look.command + "\"; the commands are " +
-                      commandList() + " (quorvel --help)";
-        } else if (commandName != nullptr && std::strcmp(commandName, "put") == 0 &&
-                   (message.find("TEXT") != std::string::npos ||
-                    message.find("not expected") != std::string::npos)) {
-            // Most likely a TEXT that starts with '-', taken for an option.
-            message += std::string(" (") + kDashNote + ")";
-        }
-        if (look.json || message != e.what()) {
-            return Quorvel::reportToolError(commandName, look.json, Quorvel::kExitUsage,
-                                            "UsageError", message);
-        }
-        app.exit(e);
-        return Quorvel::kExitUsage;
+        return reportParseError(look, e);
     }
-
-    if (!url.empty()) {
+    if (!line.url.empty()) {
         // Before any connection exists: the transport reads it at the first exchange.
-        ::setenv(kUrlVariable, url.c_str(), 1);
+        ::setenv(kUrlVariable, line.url.c_str(), 1);
     }
-    if (*status) {
-        return Quorvel::runStatus(options);
-    }
-    if (*registerCommand) {
-        noteEmbeddedService("register");
-        return Quorvel::runRegister(options);
-    }
-    if (*unregister) {
-        noteEmbeddedService("unregister");
-        return Quorvel::runUnregister(options);
-    }
-    if (*clients) {
-        noteEmbeddedService("clients");
-        return Quorvel::runClients(options);
-    }
-    if (*put) {
-        noteEmbeddedService("put");
-        options.correlationId = putCorrelationId;
-        putInput.standardInput = putInput.text == "-";
-        return Quorvel::runPut(options, putInput);
-    }
-    if (*get) {
-        noteEmbeddedService("get");
-        options.correlationId = getCorrelationId;
-        return Quorvel::runGet(options);
-    }
-    if (*watch) {
-        noteEmbeddedService("watch");
-        options.correlationId = watchCorrelationId;
-        return Quorvel::runWatch(options, watchSettings);
-    }
-    if (*demo) {
-        return Quorvel::runDemo();
-    }
-    return Quorvel::kExitUsage;
+    return line.action ? line.action() : Tools::kExitUsage;
 }
 
 }  // namespace

@@ -15,8 +15,8 @@ namespace {
 
 using Harness::Strings;
 
-const char* const kCommands[] = {"status", "register", "unregister", "clients",
-                                 "put",    "get",      "watch",      "demo"};
+const char* const kCommands[] = {"status", "register", "unregister", "clients", "put",
+                                 "get",    "watch",    "demo",       "admin"};
 
 std::string readFile(const std::string& path) {
     std::ifstream file(path);
@@ -51,8 +51,12 @@ TEST(ToolDocsTest, ManPagesAndCompletionDescribeEveryOption) {
                     ::testing::ContainsRegex(std::string("\\.TP\n\\.BI? \"?") + command + "\\b"))
             << command;
         EXPECT_NE(completion.find(command), std::string::npos) << command;
-        const std::set<std::string> more = optionsIn(Harness::quorvel({command, "--help"}).out);
-        options.insert(more.begin(), more.end());
+        for (const Strings& help :
+             {Strings{command, "--help"}, Strings{command, "clients", "--help"},
+              Strings{command, "evict", "--help"}}) {
+            const std::set<std::string> more = optionsIn(Harness::quorvel(help).out);
+            options.insert(more.begin(), more.end());
+        }
     }
     for (const std::string& option : options) {
         EXPECT_NE(quorvelPage.find(roff(option)), std::string::npos) << option << " in quorvel.1";
@@ -74,7 +78,8 @@ TEST(ToolDocsTest, CompletionCompletesCommandsAndTheirOptions) {
     const struct {
         std::string line, expected;
     } rows[] = {
-        {"quorvel ", "status register unregister clients put get watch demo"},
+        {"quorvel ", "status register unregister clients put get watch demo admin"},
+        {"quorvel admin evict --", "--server --client --admin-token-file --json --help"},
         {"quorvel pu", "put"},
         {"quorvel --json wa", "watch"},
         {"quorvel --url http://h:1 g", "get"},
