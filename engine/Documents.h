@@ -7,9 +7,9 @@
 //   \n<ns0:events xmlns:ns0="U">
 //   \n<ns0:event sender="K" sequence="7">text</ns0:event>...</ns0:events>
 //
-// U is kSchemaNamespace. Identifiers, senders and event texts are escaped: "&",
-// "<", ">", "%", quotation mark, apostrophe, line feed and tab become
-// references. Each writer is used by one thread; nothing throws but bad_alloc.
+// U is Protocol::kSchemaNamespace. Identifiers, senders and event texts are
+// escaped: the characters of Protocol::kXmlReferences become references. Each
+// writer is used by one thread; nothing throws but bad_alloc.
 #ifndef AVQVL_ENGINE_DOCUMENTS_H
 #define AVQVL_ENGINE_DOCUMENTS_H
 
@@ -20,8 +20,6 @@ namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
 namespace Engine {
-
-extern const char* const kSchemaNamespace;
 
 class SharedClientsDocument {
 public:
@@ -44,7 +42,7 @@ private:
     std::string text;
 };
 
-// Appends text with the eight characters above replaced by references.
+// Appends text with the characters above replaced by references.
 void appendEscaped(std::string& out, const std::string& text);
 
 }  // namespace Engine

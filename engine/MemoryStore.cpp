@@ -16,7 +16,7 @@ void MemoryStore::guarded(Operation operation) {
     try {
         operation();
     } catch (const std::bad_alloc&) {
-        throw StoreFailure{FailureKind::Limit, outOfMemoryMessage()};
+        throw Failure{FailureKind::Limit, outOfMemoryMessage()};
     }
 }
 
@@ -54,8 +54,7 @@ void MemoryStore::registerClient(const std::string& serverId, const std::string&
         auto group = servers.find(serverId);
         const std::size_t count = group == servers.end() ? 0 : group->second.clients.size();
         if (count >= limits().maxClientsPerServer) {
-            throw StoreFailure{FailureKind::Limit,
-                               tooManyClientsMessage(serverId, clientId, count)};
+            throw Failure{FailureKind::Limit, tooManyClientsMessage(serverId, clientId, count)};
         }
         ClientList after;
         listClients(serverId, after);
@@ -103,7 +102,7 @@ void MemoryStore::post(const std::string& serverId, const std::string& senderId,
                        const std::string& text, ClientList& clients) {
     guarded([&] {
         if (findClient(serverId, senderId) == nullptr) {
-            throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
+            throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
         }
         ServerGroup& group = servers.find(serverId)->second;
         const ServiceLimits& limit = limits();
@@ -113,12 +112,12 @@ void MemoryStore::post(const std::string& serverId, const std::string& senderId,
             }
             // The messages are made only when a post is refused: puts are frequent.
             if (recipient.pending.size() >= limit.maxQueuedEventsPerClient) {
-                throw StoreFailure{FailureKind::Limit,
-                                   tooManyEventsMessage(serverId, senderId, recipient.id,
-                                                        recipient.pending.size())};
+                throw Failure{FailureKind::Limit,
+                              tooManyEventsMessage(serverId, senderId, recipient.id,
+                                                   recipient.pending.size())};
             }
             if (recipient.pendingBytes + text.size() > limit.maxQueuedBytesPerClient) {
-                throw StoreFailure{
+                throw Failure{
                     FailureKind::Limit,
                     tooManyBytesMessage(serverId, senderId, recipient.id, recipient.pendingBytes,
                                         text.size(), limit.maxQueuedBytesPerClient)};
@@ -160,7 +159,7 @@ void MemoryStore::take(const std::string& serverId, const std::string& clientId,
     guarded([&] {
         Client* client = findClient(serverId, clientId);
         if (client == nullptr) {
-            throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
+            throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
         }
         std::vector<StoredEvent> taken(std::make_move_iterator(client->pending.begin()),
                                        std::make_move_iterator(client->pending.end()));

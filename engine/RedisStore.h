@@ -5,7 +5,7 @@
 // carries the server's identifier as its hash tag, so a server lives in one
 // Redis Cluster slot (the key layout is in README.md).
 //
-// Redis unreachable, timed out or failing: StoreFailure of kind Limit naming
+// Redis unreachable, timed out or failing: Failure of kind Limit naming
 // Redis and the cause. A reply lost on the way back (the connection broke after
 // Redis ran the script) leaves the operation applied or not, as for any
 // request whose answer was lost. Thread-safe; connections are pooled and opened
@@ -47,7 +47,7 @@ public:
     RedisStore(const RedisAddress& address, const ServiceLimits& limits);
     ~RedisStore() override;
 
-    // Throws StoreFailure unless Redis answers; for a daemon to check at start.
+    // Throws Failure unless Redis answers; for a daemon to check at start.
     void ping();
 
     void registerClient(const std::string& serverId, const std::string& clientId,

@@ -1,5 +1,4 @@
-// The service's limits and the two kinds of failure it reports; shared by the
-// engine and its stores.
+// The service's limits; shared by the engine and its stores.
 #ifndef AVQVL_ENGINE_SERVICELIMITS_H
 #define AVQVL_ENGINE_SERVICELIMITS_H
 
@@ -19,13 +18,6 @@ struct ServiceLimits {
     // escaping may make text up to six times longer); the count alone would
     // allow 100 000 bodies of 16 MiB.
     std::size_t maxQueuedBytesPerClient = 128 * 1024 * 1024;
-};
-
-// Why a request failed: those who carry the answer (the transport, the daemon)
-// turn the kind into their own codes.
-enum class FailureKind {
-    Refused,  // a malformed request, or one the service's rules do not allow
-    Limit     // a limit would be passed, the store failed, or memory ran out
 };
 
 }  // namespace Engine

@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "client/AvQVLRequest.h"
+#include "protocol/Names.h"
 #include "schemas/SharedClientIDs.h"
 #include "util/SAXToNodeParser.h"
 #include "util/XMLNode.h"
@@ -14,16 +15,17 @@ using Arvant::Net::AvQuorvel::Util::DomException;
 using Arvant::Net::AvQuorvel::Util::SAXToNodeParser;
 using Arvant::Net::AvQuorvel::Util::XMLNode;
 using Arvant::Schemas::AvQuorvel::_2009_06::Base::SharedClientIDs;
+namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
 
 void listSharedClients(const std::string& server, const std::string& client,
                        std::vector<std::string>& clients) {
     Arvant::Net::AvQuorvel::Client::initTransport();
     AvQVLRequest request;
-    request.addHeader("Service-Name", "AvQVLRequest");
-    request.addHeader("Operation-Name", "getSharedClients");
-    request.addHeader("Log-Correlation-ID", "quorvel.clients");
-    request.addHeader("Server-ID", server.c_str());
-    request.addHeader("Client-ID", client.c_str());
+    request.addHeader(Protocol::kServiceNameField, Protocol::kServiceName);
+    request.addHeader(Protocol::kOperationNameField, Protocol::kGetSharedClients);
+    request.addHeader(Protocol::kLogCorrelationIdField, "quorvel.clients");
+    request.addHeader(Protocol::kServerIdField, server.c_str());
+    request.addHeader(Protocol::kClientIdField, client.c_str());
     // The body ends with a NUL byte, as the library's own requests do.
     std::istringstream body(std::string("AvQVL getClients Operation", 27));
     request.setRequestStream(&body);
