@@ -175,7 +175,7 @@ bool parseRedisUrl(const std::string& url, RedisAddress& address, std::string& e
     const std::size_t slash = url.find('/', scheme.size());
     const std::string authority = url.substr(scheme.size(), slash - scheme.size());
     std::string host, port, problem;
-    int portNumber = 6379;
+    int portNumber = RedisAddress().port;
     if (!Protocol::splitHostPort(authority, host, port, problem) || host.empty() ||
         (!port.empty() && !Protocol::parsePort(port, 1, portNumber))) {
         return false;

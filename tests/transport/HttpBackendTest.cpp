@@ -216,7 +216,7 @@ TEST(HttpUrlTest, TakesApartWhatItCanUseAndNamesWhatItCannot) {
     }
     for (const char* text :
          {"ftp://h", "http://", "http://:80", "http://h:0", "http://h:65536", "http://h:8x",
-          "http://h:+80", "http://u@h", "http://h/?q", "http://[::1", "http://[::1]80",
+          "http://h:+80", "http://u@h", "http://h/?q", "http://[::1", "http://[::1]x80",
           "http://::1:80", "http://[1.2.3.4]", "http://h h"}) {
         Transport::HttpUrl url;
         std::string problem;
