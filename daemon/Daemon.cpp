@@ -1,6 +1,5 @@
 #include "daemon/Daemon.h"
 
-#include <cstdlib>
 #include <memory>
 #include <utility>
 
