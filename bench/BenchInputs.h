@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "protocol/Names.h"
+
 namespace BenchInputs {
 
 // Printable ASCII, exactly `size` bytes.
@@ -43,7 +45,7 @@ inline std::string mixedText(std::size_t size) {
 }
 
 inline const char* sharedClientsNamespace() {
-    return "http://schemas.arvant.com/Schemas/AvQuorvel/_2009_06/base";
+    return Arvant::Net::AvQuorvel::Protocol::kSchemaNamespace;
 }
 
 // The shared-client document as the service writes it, with `count` identifiers.

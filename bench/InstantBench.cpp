@@ -19,11 +19,13 @@
 #include "InstantTransport.h"
 #include "OperationBench.h"
 #include "client/AvQVLConnection.h"
+#include "protocol/Names.h"
 #include "transport/AvQvlBinding.h"
 
 namespace {
 
 using Arvant::Net::AvQuorvel::Client::AvQVLConnection;
+namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
 
 constexpr std::size_t kMiB = 1024 * 1024;
 
@@ -201,7 +203,7 @@ void enrol(AvQVLConnection& connection) {
 
 // A 100 MiB events document, then the usual ten-client exchange.
 void memoryGetEvents(benchmark::State& state) {
-    const ScopedAnswer answer("getEvents", eventsDocument(100 * kMiB));
+    const ScopedAnswer answer(Protocol::kGetEvents, eventsDocument(100 * kMiB));
     AvQVLConnection connection;
     enrol(connection);
     std::string events, correlation = "bench.memory";
@@ -216,7 +218,8 @@ void memoryGetEvents(benchmark::State& state) {
 
 // A shared-client document listing 1 000 000 identifiers (about 52 MB).
 void memoryGetSharedClients(benchmark::State& state) {
-    const ScopedAnswer answer("getSharedClients", BenchInputs::sharedClientsDocument(1000000));
+    const ScopedAnswer answer(Protocol::kGetSharedClients,
+                              BenchInputs::sharedClientsDocument(1000000));
     AvQVLConnection connection;
     enrol(connection);
     std::vector<std::string> shared;
@@ -233,22 +236,23 @@ BENCHMARK(BM_xmlLibraryStartStop);
 
 int main(int argc, char** argv) {
     const std::string tenClients = BenchInputs::sharedClientsDocument(10);
-    InstantTransport::setAnswer("getStatus", "AvQVL Status check");
-    InstantTransport::setAnswer("registerClient", tenClients);
-    InstantTransport::setAnswer("putEvents", tenClients);
-    InstantTransport::setAnswer("getSharedClients", tenClients);
-    InstantTransport::setAnswer("getEvents", eventsDocument(kMiB));
+    InstantTransport::setAnswer(Protocol::kGetStatus, "AvQVL Status check");
+    InstantTransport::setAnswer(Protocol::kRegisterClient, tenClients);
+    InstantTransport::setAnswer(Protocol::kPutEvents, tenClients);
+    InstantTransport::setAnswer(Protocol::kGetSharedClients, tenClients);
+    InstantTransport::setAnswer(Protocol::kGetEvents, eventsDocument(kMiB));
 
     OperationBench::registerOperations("instant/", false);
-    benchmark::RegisterBenchmark("instant/transportOnly/getStatus", transportOnly, "getStatus", 19);
+    benchmark::RegisterBenchmark("instant/transportOnly/getStatus", transportOnly,
+                                 Protocol::kGetStatus, 19);
     benchmark::RegisterBenchmark("instant/transportOnly/registerClient/10", transportOnly,
-                                 "registerClient", 22);
-    benchmark::RegisterBenchmark("instant/transportOnly/putEvents/1KiB", transportOnly, "putEvents",
-                                 1024);
-    benchmark::RegisterBenchmark("instant/transportOnly/putEvents/1MiB", transportOnly, "putEvents",
-                                 kMiB);
-    benchmark::RegisterBenchmark("instant/transportOnly/getEvents/1MiB", transportOnly, "getEvents",
-                                 19);
+                                 Protocol::kRegisterClient, 22);
+    benchmark::RegisterBenchmark("instant/transportOnly/putEvents/1KiB", transportOnly,
+                                 Protocol::kPutEvents, 1024);
+    benchmark::RegisterBenchmark("instant/transportOnly/putEvents/1MiB", transportOnly,
+                                 Protocol::kPutEvents, kMiB);
+    benchmark::RegisterBenchmark("instant/transportOnly/getEvents/1MiB", transportOnly,
+                                 Protocol::kGetEvents, 19);
     // Three calls each: the first, on a heap of another shape, beside two more.
     benchmark::RegisterBenchmark("instant/memory/getEvents/100MiB", memoryGetEvents)
         ->Iterations(3)

@@ -5,12 +5,15 @@
 #include <map>
 #include <utility>
 
+#include "protocol/Names.h"
 #include "transport/AvQvlBinding.h"
 
 #define INSTANT_TRANSPORT_API extern "C" __attribute__((visibility("default")))
 
 namespace InstantTransport {
 namespace {
+
+namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
 
 constexpr std::size_t kPieceLimit = 16384;
 
@@ -36,12 +39,12 @@ const std::string& emptyAnswer() {
 
 // The answer for the operation named on the "Operation-Name" line of a header block.
 const std::string* answerFor(const char* headerBlock) {
-    static const char kField[] = "Operation-Name=";
-    const char* at = std::strstr(headerBlock, kField);
+    static const std::string kField = std::string(Protocol::kOperationNameField) + "=";
+    const char* at = std::strstr(headerBlock, kField.c_str());
     if (at == nullptr) {
         return &emptyAnswer();
     }
-    at += sizeof(kField) - 1;
+    at += kField.size();
     const char* end = std::strstr(at, "\r\n");
     const std::string operation(
         at, end != nullptr ? static_cast<std::size_t>(end - at) : std::strlen(at));

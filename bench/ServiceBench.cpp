@@ -24,6 +24,7 @@
 #include "OperationBench.h"
 #include "client/AvQVLConnection.h"
 #include "engine/ServiceEngine.h"
+#include "protocol/Names.h"
 #include "wire/HttpWire.h"
 
 namespace {
@@ -31,7 +32,8 @@ namespace {
 using Arvant::Net::AvQuorvel::Client::AvQVLConnection;
 using Arvant::Net::AvQuorvel::Engine::RequestHeaders;
 using Arvant::Net::AvQuorvel::Engine::ServiceEngine;
-using Arvant::Net::AvQuorvel::Engine::ServiceFailure;
+using Arvant::Net::AvQuorvel::Protocol::Failure;
+namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
 
 constexpr int kFanOutClients = 16;
 // Posts between two fetches of a client's own queue: 15 x 5000 events wait at
@@ -42,13 +44,14 @@ constexpr int kPostsPerFetch = 5000;
 // Baseline: the engine's own work for a status check, without library or transport.
 void engineOnlyGetStatus(benchmark::State& state) {
     ServiceEngine engine;
-    const RequestHeaders headers = {{"Service-Name", "AvQVLRequest"},
-                                    {"Operation-Name", "getStatus"},
-                                    {"Log-Correlation-ID", "AvQVLConnection.getStatus"}};
+    const RequestHeaders headers = {
+        {Protocol::kServiceNameField, Protocol::kServiceName},
+        {Protocol::kOperationNameField, Protocol::kGetStatus},
+        {Protocol::kLogCorrelationIdField, "AvQVLConnection.getStatus"}};
     const std::string body = "AvQVL Status check";
     for (auto _ : state) {
         std::string response;
-        ServiceFailure failure;
+        Failure failure;
         if (!engine.handle(headers, body, response, failure)) {
             state.SkipWithError(failure.message.c_str());
             break;
@@ -84,8 +87,10 @@ void rawPost(benchmark::State& state, int port) {
     const std::string body = "AvQVL Status check";
     const std::string request =
         std::string("POST ") + Wire::kExchangePath + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" +
-        Wire::kFieldHeaderName + ": " + Wire::encodeField("Service-Name", "AvQVLRequest") + "\r\n" +
-        Wire::kFieldHeaderName + ": " + Wire::encodeField("Operation-Name", "getStatus") +
+        Wire::kFieldHeaderName + ": " +
+        Wire::encodeField(Protocol::kServiceNameField, Protocol::kServiceName) + "\r\n" +
+        Wire::kFieldHeaderName + ": " +
+        Wire::encodeField(Protocol::kOperationNameField, Protocol::kGetStatus) +
         "\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
         std::to_string(body.size()) + "\r\n\r\n" + body;
     int fd = connectLoopback(port);

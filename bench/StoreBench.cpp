@@ -18,10 +18,12 @@
 #include "engine/RedisStore.h"
 #include "engine/ServiceEngine.h"
 #include "engine/SqliteStore.h"
+#include "protocol/Names.h"
 
 namespace {
 
 using namespace Arvant::Net::AvQuorvel::Engine;
+namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
 
 const int kClients = 16;
 
@@ -29,10 +31,10 @@ std::unique_ptr<ServiceEngine> engine;
 std::string scratch;
 
 RequestHeaders request(const char* operation, const std::string& client) {
-    return {{"Service-Name", "AvQVLRequest"},
-            {"Operation-Name", operation},
-            {"Server-ID", "bench"},
-            {"Client-ID", client}};
+    return {{Protocol::kServiceNameField, Protocol::kServiceName},
+            {Protocol::kOperationNameField, operation},
+            {Protocol::kServerIdField, "bench"},
+            {Protocol::kClientIdField, client}};
 }
 
 // Thread 0 makes the engine before the threads start together, and drops it
@@ -45,15 +47,16 @@ void postAndDrain(benchmark::State& state, const std::function<std::unique_ptr<S
         engine = std::make_unique<ServiceEngine>(make());
         for (int i = 0; i < kClients; ++i) {
             std::string response;
-            ServiceFailure failure;
-            engine->handle(request("registerClient", "client" + std::to_string(i)), "", response,
-                           failure);
+            Failure failure;
+            engine->handle(request(Protocol::kRegisterClient, "client" + std::to_string(i)), "",
+                           response, failure);
         }
     }
-    const RequestHeaders post = request("putEvents", me), get = request("getEvents", me);
+    const RequestHeaders post = request(Protocol::kPutEvents, me),
+                         get = request(Protocol::kGetEvents, me);
     const std::string body(100, 'e');
     std::string response;
-    ServiceFailure failure;
+    Failure failure;
     std::int64_t posts = 0, delivered = 0;
     for (auto _ : state) {
         if (!engine->handle(post, body, response, failure)) {

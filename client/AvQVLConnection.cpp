@@ -11,6 +11,7 @@
 
 #include "client/AvQVLRequest.h"
 #include "client/Exception.h"
+#include "protocol/Names.h"
 #include "schemas/SharedClientIDs.h"
 #include "util/SAXToNodeParser.h"
 #include "util/XMLNode.h"
@@ -141,15 +142,15 @@ void AvQVLConnection::termAvQvl() {
 void AvQVLConnection::setRequestHeader(AvQVLRequest& request, const char* operationName,
                                        const char* logCorrelationId, bool includeClientIds) {
     initAvQvl();
-    request.addHeader("Service-Name", "AvQVLRequest");
-    request.addHeader("Operation-Name", operationName);
-    request.addHeader("Log-Correlation-ID", logCorrelationId);
+    request.addHeader(Protocol::kServiceNameField, Protocol::kServiceName);
+    request.addHeader(Protocol::kOperationNameField, operationName);
+    request.addHeader(Protocol::kLogCorrelationIdField, logCorrelationId);
     if (!locale.empty()) {
-        request.addHeader("Locale", locale.c_str());
+        request.addHeader(Protocol::kLocaleField, locale.c_str());
     }
     if (includeClientIds) {
-        request.addHeader("Server-ID", serverId.c_str());
-        request.addHeader("Client-ID", clientId.c_str());
+        request.addHeader(Protocol::kServerIdField, serverId.c_str());
+        request.addHeader(Protocol::kClientIdField, clientId.c_str());
     }
 }
 
@@ -171,7 +172,7 @@ int32_t AvQVLConnection::getStatus() {
     // after registration, and reports every failure of its own as one exception.
     try {
         AvQVLRequest request;
-        setRequestHeader(request, "getStatus", "AvQVLConnection.getStatus", false);
+        setRequestHeader(request, Protocol::kGetStatus, "AvQVLConnection.getStatus", false);
         return sendWithBody(request, kStatusText) == kStatusText ? 0 : -2;
     } catch (const Exception&) {
         throw AvQVLConnectionException(-1, "AvQVL Connection failed");
@@ -184,14 +185,14 @@ void AvQVLConnection::registerClient(std::string& serverId, std::string& clientI
     this->serverId = serverId;
     this->clientId = clientId;
     this->locale = locale;
-    appendSharedClients(exchange(Precondition::None, "registerClient",
+    appendSharedClients(exchange(Precondition::None, Protocol::kRegisterClient,
                                  "AvQVLConnection.registerClient", kRegisterText),
                         sharedClients);
 }
 
 void AvQVLConnection::unregisterClient(std::vector<std::string>& sharedClients) {
     try {
-        appendSharedClients(exchange(Precondition::None, "unregisterClient",
+        appendSharedClients(exchange(Precondition::None, Protocol::kUnregisterClient,
                                      "AvQVLConnection.unregisterClient", kUnregisterText),
                             sharedClients);
     } catch (const Exception& e) {
@@ -208,8 +209,8 @@ void AvQVLConnection::unregisterClient(std::vector<std::string>& sharedClients) 
 
 void AvQVLConnection::getEvents(std::string& events, std::vector<std::string>& sharedClients,
                                 std::string& logCorrelationId) {
-    events =
-        exchange(Precondition::Registered, "getEvents", logCorrelationId.c_str(), kGetEventsText);
+    events = exchange(Precondition::Registered, Protocol::kGetEvents, logCorrelationId.c_str(),
+                      kGetEventsText);
     sharedClients.clear();
     getSharedClients(sharedClients);  // a second, complete exchange
 }
@@ -217,12 +218,12 @@ void AvQVLConnection::getEvents(std::string& events, std::vector<std::string>& s
 void AvQVLConnection::putEvents(std::string& events, std::vector<std::string>& sharedClients,
                                 std::string& logCorrelationId) {
     appendSharedClients(
-        exchange(Precondition::Registered, "putEvents", logCorrelationId.c_str(), events),
+        exchange(Precondition::Registered, Protocol::kPutEvents, logCorrelationId.c_str(), events),
         sharedClients);
 }
 
 void AvQVLConnection::getSharedClients(std::vector<std::string>& sharedClients) {
-    appendSharedClients(exchange(Precondition::RegisteredThrowsPointer, "getSharedClients",
+    appendSharedClients(exchange(Precondition::RegisteredThrowsPointer, Protocol::kGetSharedClients,
                                  "AvQVLConnection.getSharedClients", kGetClientsText),
                         sharedClients);
 }

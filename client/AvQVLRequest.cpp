@@ -222,20 +222,20 @@ void throwTransportError(int32_t code) {
     switch (code) {
         case AVQVL_OTHER_ANSWER:
         case AVQVL_REFUSED:
-        case -751:
-        case 1002:
+        case AVQVL_FOREIGN_PROTOCOL_FAILURE:
+        case AVQVL_INIT_PROTOCOL_FAILURE:
             throw AvQVLProtocolException(message);
         case AVQVL_LIMIT:
-        case -3010:
-        case -3009:
-        case 1003:
+        case AVQVL_FOREIGN_RESOURCE_FAILURE:
+        case AVQVL_FOREIGN_RUNTIME_FAILURE:
+        case AVQVL_INIT_RUNTIME_FAILURE:
             throw AvQVLRuntimeException(message);
-        case -3001:
+        case AVQVL_FOREIGN_CONNECT_FAILURE:
         case AVQVL_UNREACHABLE:
         case AVQVL_TIMED_OUT:
         case AVQVL_CONNECTION_LOST:
         case AVQVL_TOKEN_REFUSED:
-        case 1001:
+        case AVQVL_INIT_CONNECTION_FAILURE:
             throw AvQVLConnectionException(message);
         default:
             throw AvQVLUnrecognisedException(message);

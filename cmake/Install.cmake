@@ -53,6 +53,13 @@ foreach(dir client util schemas)
 endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/transport/AvQvlBinding.h
     DESTINATION ${AVQVL_INSTALL_INCLUDEDIR}/transport)
+# The protocol's header-only constants that the public headers and the client
+# library's sources include (protocol/CMakeLists.txt says which).
+install(FILES
+    ${PROJECT_SOURCE_DIR}/protocol/ResultCodes.h
+    ${PROJECT_SOURCE_DIR}/protocol/Names.h
+    ${PROJECT_SOURCE_DIR}/protocol/XmlEscape.h
+    DESTINATION ${AVQVL_INSTALL_INCLUDEDIR}/protocol)
 if(EXISTS ${PROJECT_SOURCE_DIR}/transport/testing/TestTransport.h)
     install(FILES ${PROJECT_SOURCE_DIR}/transport/testing/TestTransport.h
         DESTINATION ${AVQVL_INSTALL_INCLUDEDIR}/transport/testing)

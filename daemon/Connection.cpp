@@ -310,7 +310,7 @@ private:
         const char* bytes = static_cast<const char*>(buffer.data().data());
         const std::size_t size = buffer.size();
         for (; scanned < size; ++scanned) {
-            if (++lineBytes > kHeaderLineBytes) {
+            if (++lineBytes > Protocol::kMaxHeaderLineBytes) {
                 return false;
             }
             if (bytes[scanned] == '\n') {

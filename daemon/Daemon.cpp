@@ -1,6 +1,5 @@
 #include "daemon/Daemon.h"
 
-#include <cstdlib>
 #include <memory>
 #include <utility>
 
@@ -8,6 +7,9 @@
 #include "daemon/Metrics.h"
 #include "daemon/Token.h"
 #include "engine/MemoryStore.h"
+#include "protocol/Failure.h"
+#include "protocol/HostPort.h"
+#include "protocol/Names.h"
 #include "wire/HttpWire.h"
 
 namespace Arvant {
@@ -16,9 +18,8 @@ namespace AvQuorvel {
 namespace Daemon {
 
 namespace http = boost::beast::http;
-using Engine::FailureKind;
 using Engine::RequestHeaders;
-using Engine::ServiceFailure;
+using Protocol::Failure;
 
 namespace {
 
@@ -169,13 +170,10 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
         return;
     }
     std::string response;
-    ServiceFailure failure;
+    Failure failure;
     auto delivery = std::make_shared<Engine::Delivery>();
     if (!engine.handle(fields, request.body(), response, failure, delivery.get())) {
-        answer(reply,
-               Wire::statusForFailure(failure.kind == FailureKind::Limit ? AVQVL_LIMIT
-                                                                         : AVQVL_REFUSED),
-               failure.message);
+        answer(reply, Wire::statusForFailure(Protocol::failureCode(failure.kind)), failure.message);
         return;
     }
     reply.status = 200;
@@ -187,7 +185,7 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
         // whole but lost after that (the client dies before reading it) is not
         // seen here: that loss stays at most once.
         reply.onComplete = [this, delivery](bool delivered) {
-            ServiceFailure lost;
+            Failure lost;
             if (!delivered && !engine.redeliver(*delivery, lost)) {
                 log.message(LogLevel::Error,
                             "events of an undelivered answer were lost: " + lost.message);
@@ -209,9 +207,9 @@ void Daemon::Impl::answered(const RequestOutcome& outcome) {
         std::string problem;
         readFields(*outcome.request, fields, problem);
         line.exchange = true;
-        line.operation = fieldOf(fields, "Operation-Name");
-        line.server = fieldOf(fields, "Server-ID");
-        line.client = fieldOf(fields, "Client-ID");
+        line.operation = fieldOf(fields, Protocol::kOperationNameField);
+        line.server = fieldOf(fields, Protocol::kServerIdField);
+        line.client = fieldOf(fields, Protocol::kClientIdField);
     } else if (outcome.request != nullptr) {
         line.method = std::string(outcome.request->method_string());
         line.path = pathOf(*outcome.request);
@@ -249,25 +247,15 @@ Log& Daemon::log() {
 }
 
 bool parseListenAddress(const std::string& text, std::string& host, int& port, std::string& error) {
-    const std::size_t colon = text.rfind(':');
     error = "--listen takes HOST:PORT (e.g. 127.0.0.1:7070, [::1]:0), not \"" + text + "\".";
-    if (colon == std::string::npos) {
-        return false;
-    }
-    std::string hostPart = text.substr(0, colon);
-    const std::string portPart = text.substr(colon + 1);
-    if (hostPart.size() >= 2 && hostPart.front() == '[' && hostPart.back() == ']') {
-        hostPart = hostPart.substr(1, hostPart.size() - 2);
-    } else if (hostPart.find(':') != std::string::npos) {
-        return false;  // a bare IPv6 address needs brackets
-    }
-    char* end = nullptr;
-    const long number = std::strtol(portPart.c_str(), &end, 10);
-    if (portPart.empty() || *end != '\0' || number < 0 || number > 65535) {
+    std::string hostPart, portPart, problem;
+    int number = 0;
+    if (!Protocol::splitHostPort(text, hostPart, portPart, problem) ||
+        !Protocol::parsePort(portPart, 0, number)) {
         return false;
     }
     host = hostPart.empty() ? "127.0.0.1" : hostPart;
-    port = static_cast<int>(number);
+    port = number;
     error.clear();
     return true;
 }

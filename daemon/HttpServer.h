@@ -4,7 +4,7 @@
 // connection's reads, writes and time-outs, and the handler's work, which must
 // therefore be short. Every connection is bounded in size and time:
 //   - a request head holds at most maxHeadBytes and each of its lines at most
-//     kHeaderLineBytes (431), its body at most maxBodyBytes (413),
+//     Protocol::kMaxHeaderLineBytes (431), its body at most maxBodyBytes (413),
 //   - a request must arrive whole within requestTimeoutMs of its first byte,
 //     and the client may not fall silent for readTimeoutMs in the middle of it
 //     (408, then the connection closes),
@@ -30,13 +30,12 @@
 #include <utility>
 #include <vector>
 
+#include "protocol/Limits.h"
+
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
 namespace Daemon {
-
-// The longest request head line, CR LF included.
-constexpr std::size_t kHeaderLineBytes = 8192;
 
 struct ServerLimits {
     long readTimeoutMs = 5000;

@@ -34,8 +34,8 @@ std::string refusalText(Unreadable why, const ServerLimits& limits) {
             return "The request head is longer than " + std::to_string(limits.maxHeadBytes) +
                    " bytes.";
         case Unreadable::HeaderLineTooLong:
-            return "A request header line is longer than " + std::to_string(kHeaderLineBytes) +
-                   " bytes.";
+            return "A request header line is longer than " +
+                   std::to_string(Protocol::kMaxHeaderLineBytes) + " bytes.";
         case Unreadable::Late:
             return "The request did not arrive within " + std::to_string(limits.requestTimeoutMs) +
                    " ms.";

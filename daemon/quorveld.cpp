@@ -20,9 +20,11 @@
 #include "daemon/Token.h"
 #include "engine/RedisStore.h"
 #include "engine/SqliteStore.h"
+#include "protocol/Failure.h"
 
 using namespace Arvant::Net::AvQuorvel::Daemon;
 namespace Engine = Arvant::Net::AvQuorvel::Engine;
+namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
 
 namespace {
 
@@ -147,7 +149,7 @@ int main(int argc, char** argv) {
                                                           dataSync == "full"
                                                               ? Engine::SqliteStore::Sync::Full
                                                               : Engine::SqliteStore::Sync::Normal);
-        } catch (const Engine::StoreFailure& failure) {
+        } catch (const Protocol::Failure& failure) {
             std::cerr << "quorveld: " << failure.message << "\n";
             return 1;
         }
@@ -161,7 +163,7 @@ int main(int argc, char** argv) {
         auto redis = std::make_unique<Engine::RedisStore>(address, options.limits);
         try {
             redis->ping();  // a wrong address shows now, not at the first request
-        } catch (const Engine::StoreFailure& failure) {
+        } catch (const Protocol::Failure& failure) {
             std::cerr << "quorveld: " << failure.message << "\n";
             return 1;
         }

@@ -3,45 +3,22 @@
 #include <utility>
 
 #include "engine/Store.h"
+#include "protocol/Names.h"
+#include "protocol/XmlEscape.h"
 
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
 namespace Engine {
 
-const char* const kSchemaNamespace = "http://schemas.arvant.com/Schemas/AvQuorvel/_2009_06/base";
-
 namespace {
 const char* const kDeclaration = " xmlns:ns0=\"";
-
-const char* referenceFor(char c) {
-    switch (c) {
-        case '&':
-            return "&amp;";
-        case '<':
-            return "&lt;";
-        case '>':
-            return "&gt;";
-        case '%':
-            return "&#x25;";
-        case '"':
-            return "&quot;";
-        case '\'':
-            return "&apos;";
-        case '\n':
-            return "&#10;";
-        case '\t':
-            return "&#9;";
-        default:
-            return nullptr;
-    }
-}
 
 void openRoot(std::string& text, const char* name) {
     text += "\n<ns0:";
     text += name;
     text += kDeclaration;
-    text += kSchemaNamespace;
+    text += Protocol::kSchemaNamespace;
     text += "\">";
 }
 }  // namespace
@@ -49,10 +26,11 @@ void openRoot(std::string& text, const char* name) {
 void appendEscaped(std::string& out, const std::string& text) {
     out.reserve(out.size() + text.size());
     for (char c : text) {
-        const char* reference = referenceFor(c);
+        const char* reference = Protocol::xmlReferenceName(c);
         if (reference == nullptr) {
             out += c;
         } else {
+            out += '&';
             out += reference;
         }
     }

@@ -1,4 +1,4 @@
-// The two documents the service answers with, written by the engine itself so
+// The documents the service answers with, written by the engine itself so
 // that it shares no code with the client library that reads them:
 //
 //   \n<ns0:sharedClientIDs xmlns:ns0="U"><ns0:sharedClients>A</ns0:sharedClients>...
@@ -11,9 +11,9 @@
 //   waitingEvents="2" waitingBytes="10" registeredMs="T" lastFetchMs="0"/>...
 //   </ns0:clients>
 //
-// U is kSchemaNamespace. Identifiers, senders and event texts are escaped: "&",
-// "<", ">", "%", quotation mark, apostrophe, line feed and tab become
-// references. Each writer is used by one thread; nothing throws but bad_alloc.
+// U is Protocol::kSchemaNamespace. Identifiers, senders and event texts are
+// escaped: the characters of Protocol::kXmlReferences become references. Each
+// writer is used by one thread; nothing throws but bad_alloc.
 #ifndef AVQVL_ENGINE_DOCUMENTS_H
 #define AVQVL_ENGINE_DOCUMENTS_H
 
@@ -24,8 +24,6 @@ namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
 namespace Engine {
-
-extern const char* const kSchemaNamespace;
 
 class SharedClientsDocument {
 public:
@@ -61,7 +59,7 @@ private:
     std::string text;
 };
 
-// Appends text with the eight characters above replaced by references.
+// Appends text with the characters above replaced by references.
 void appendEscaped(std::string& out, const std::string& text);
 
 }  // namespace Engine

@@ -30,7 +30,7 @@ void MemoryStore::guarded(Operation operation) {
     try {
         operation();
     } catch (const std::bad_alloc&) {
-        throw StoreFailure{FailureKind::Limit, outOfMemoryMessage()};
+        throw Failure{FailureKind::Limit, outOfMemoryMessage()};
     }
 }
 
@@ -68,8 +68,7 @@ void MemoryStore::registerClient(const std::string& serverId, const std::string&
         auto group = servers.find(serverId);
         const std::size_t count = group == servers.end() ? 0 : group->second.clients.size();
         if (count >= limits().maxClientsPerServer) {
-            throw StoreFailure{FailureKind::Limit,
-                               tooManyClientsMessage(serverId, clientId, count)};
+            throw Failure{FailureKind::Limit, tooManyClientsMessage(serverId, clientId, count)};
         }
         ClientList after;
         copyIds(serverId, after);
@@ -117,13 +116,13 @@ void MemoryStore::post(const std::string& serverId, const std::string& senderId,
                        const std::string& text, ClientList& clients) {
     guarded([&] {
         if (findClient(serverId, senderId) == nullptr) {
-            throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
+            throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
         }
         ServerGroup& group = servers.find(serverId)->second;
         const ServiceLimits& limit = limits();
         const std::size_t held = *storedBytes;
         if (group.clients.size() > 1 && held + text.size() > limit.maxStoredBytes) {
-            throw StoreFailure{FailureKind::Limit,
+            throw Failure{FailureKind::Limit,
                                tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
                                                          limit.maxStoredBytes)};
         }
@@ -133,12 +132,12 @@ void MemoryStore::post(const std::string& serverId, const std::string& senderId,
             }
             // The messages are made only when a post is refused: puts are frequent.
             if (recipient.pending.size() >= limit.maxQueuedEventsPerClient) {
-                throw StoreFailure{FailureKind::Limit,
-                                   tooManyEventsMessage(serverId, senderId, recipient.id,
-                                                        recipient.pending.size())};
+                throw Failure{FailureKind::Limit,
+                              tooManyEventsMessage(serverId, senderId, recipient.id,
+                                                   recipient.pending.size())};
             }
             if (recipient.pendingBytes + text.size() > limit.maxQueuedBytesPerClient) {
-                throw StoreFailure{
+                throw Failure{
                     FailureKind::Limit,
                     tooManyBytesMessage(serverId, senderId, recipient.id, recipient.pendingBytes,
                                         text.size(), limit.maxQueuedBytesPerClient)};
@@ -183,7 +182,7 @@ void MemoryStore::take(const std::string& serverId, const std::string& clientId,
     guarded([&] {
         Client* client = findClient(serverId, clientId);
         if (client == nullptr) {
-            throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
+            throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
         }
         std::vector<StoredEvent> taken(std::make_move_iterator(client->pending.begin()),
                                        std::make_move_iterator(client->pending.end()));

@@ -171,8 +171,8 @@ RedisConnectionPool::Context RedisConnectionPool::connect(int connectTimeoutMs,
 }
 
 void RedisConnectionPool::fail(const std::string& what, const std::string& cause) const {
-    throw StoreFailure{FailureKind::Limit, "The Quorvel service's store, " + redisName + ", " +
-                                               what + ": " + cause + "."};
+    throw Failure{FailureKind::Limit,
+                  "The Quorvel service's store, " + redisName + ", " + what + ": " + cause + "."};
 }
 
 }  // namespace Engine

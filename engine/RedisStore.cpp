@@ -11,6 +11,7 @@
 
 #include "engine/internal/RedisConnectionPool.h"
 #include "engine/internal/RedisScripts.h"
+#include "protocol/HostPort.h"
 
 namespace Arvant {
 namespace Net {
@@ -202,7 +203,7 @@ auto outOfMemoryIsLimit(const Operation& operation) -> decltype(operation()) {
     try {
         return operation();
     } catch (const std::bad_alloc&) {
-        throw StoreFailure{FailureKind::Limit, outOfMemoryMessage()};
+        throw Failure{FailureKind::Limit, outOfMemoryMessage()};
     }
 }
 
@@ -235,35 +236,18 @@ bool parseRedisUrl(const std::string& url, RedisAddress& address, std::string& e
         }
         authority.erase(0, at + 1);
     }
-    std::string host, port;
-    if (!authority.empty() && authority[0] == '[') {
-        const std::size_t close = authority.find(']');
-        if (close == std::string::npos) {
-            return false;
-        }
-        host = authority.substr(1, close - 1);
-        if (close + 1 < authority.size()) {
-            if (authority[close + 1] != ':') {
-                return false;
-            }
-            port = authority.substr(close + 2);
-        }
-    } else {
-        const std::size_t colon = authority.find(':');
-        host = authority.substr(0, colon);
-        if (colon != std::string::npos) {
-            port = authority.substr(colon + 1);
-        }
-    }
-    long long value = 0;
-    if (host.empty() || (!port.empty() && (!readNumber(port, 65535, value) || value == 0))) {
+    std::string host, port, problem;
+    int portNumber = RedisAddress().port;
+    if (!Protocol::splitHostPort(authority, host, port, problem) || host.empty() ||
+        (!port.empty() && !Protocol::parsePort(port, 1, portNumber))) {
         return false;
     }
+    long long value = 0;
     RedisAddress parsed = address;
     parsed.user = user;
     parsed.password = password;
     parsed.host = host;
-    parsed.port = port.empty() ? 6379 : static_cast<int>(value);
+    parsed.port = portNumber;
     parsed.database = 0;
     if (slash != std::string::npos && slash + 1 < url.size()) {
         if (!readNumber(url.substr(slash + 1), 1 << 30, value)) {
@@ -304,9 +288,9 @@ void RedisStore::registerClient(const std::string& serverId, const std::string& 
                                         {&keys.clients, &keys.server, &clientId, &most, &now}, 2);
         ReplyReader reader(*pool, *reply);
         if (reader.status() == RedisStatus::TooManyClients) {
-            throw StoreFailure{FailureKind::Limit,
-                               tooManyClientsMessage(serverId, clientId,
-                                                     static_cast<std::size_t>(reader.integer(1)))};
+            throw Failure{FailureKind::Limit,
+                          tooManyClientsMessage(serverId, clientId,
+                                                static_cast<std::size_t>(reader.integer(1)))};
         }
         reader.texts(1, clients);
     });
@@ -358,24 +342,21 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
                 reader.texts(1, clients);
                 return;
             case RedisStatus::NotRegistered:
-                throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
+                throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
             case RedisStatus::TooManyEvents:
-                throw StoreFailure{
-                    FailureKind::Limit,
-                    tooManyEventsMessage(serverId, senderId, reader.text(1),
-                                         static_cast<std::size_t>(reader.integer(2)))};
+                throw Failure{FailureKind::Limit,
+                              tooManyEventsMessage(serverId, senderId, reader.text(1),
+                                                   static_cast<std::size_t>(reader.integer(2)))};
             case RedisStatus::TooManyBytes:
-                throw StoreFailure{
-                    FailureKind::Limit,
-                    tooManyBytesMessage(serverId, senderId, reader.text(1),
-                                        static_cast<std::size_t>(reader.integer(2)), text.size(),
-                                        limits().maxQueuedBytesPerClient)};
+                throw Failure{FailureKind::Limit,
+                              tooManyBytesMessage(serverId, senderId, reader.text(1),
+                                                  static_cast<std::size_t>(reader.integer(2)),
+                                                  text.size(), limits().maxQueuedBytesPerClient)};
             case RedisStatus::TooManyStored:
-                throw StoreFailure{
-                    FailureKind::Limit,
-                    tooManyStoredBytesMessage(serverId, senderId,
-                                              static_cast<std::size_t>(reader.integer(1)),
-                                              text.size(), limits().maxStoredBytes)};
+                throw Failure{FailureKind::Limit,
+                              tooManyStoredBytesMessage(serverId, senderId,
+                                                        static_cast<std::size_t>(reader.integer(1)),
+                                                        text.size(), limits().maxStoredBytes)};
             default:
                 reader.unexpected(*reply);
         }
@@ -394,7 +375,7 @@ void RedisStore::take(const std::string& serverId, const std::string& clientId,
                                         6);
         ReplyReader reader(*pool, *reply);
         if (reader.status() == RedisStatus::NotRegistered) {
-            throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
+            throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
         }
         const redisReply& list = reader.list(1);
         events.clear();

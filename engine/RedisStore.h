@@ -5,7 +5,7 @@
 // carries the server's identifier as its hash tag, so a server lives in one
 // Redis Cluster slot (the key layout is in README.md).
 //
-// Redis unreachable, timed out or failing: StoreFailure of kind Limit naming
+// Redis unreachable, timed out or failing: Failure of kind Limit naming
 // Redis and the cause. A reply lost on the way back (the connection broke after
 // Redis ran the script) leaves the operation applied or not, as for any
 // request whose answer was lost. Thread-safe; connections are pooled and opened
@@ -53,7 +53,7 @@ public:
     ~RedisStore() override;
 
     // PING on a connection of its own, bounded to 1 s in all, so that a Redis
-    // that hangs cannot hold the caller longer; throws StoreFailure otherwise.
+    // that hangs cannot hold the caller longer; throws Failure otherwise.
     void ping() override;
     std::string describe() const override;
 

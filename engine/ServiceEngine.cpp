@@ -8,6 +8,7 @@
 
 #include "engine/Documents.h"
 #include "engine/MemoryStore.h"
+#include "protocol/Names.h"
 
 namespace Arvant {
 namespace Net {
@@ -16,21 +17,15 @@ namespace Engine {
 
 namespace {
 
-const char* const kServiceName = "AvQVLRequest";
-const char* const kAdminServiceName = "AvQVLAdmin";
-
-// Thrown inside the engine and turned into a ServiceFailure at its edge.
-struct Refusal {
-    FailureKind kind;
-    std::string message;
-};
+// Failures are thrown inside the engine (by it and by the store) and handed
+// back at its edge.
 
 [[noreturn]] void refuseProtocol(const std::string& message) {
-    throw Refusal{FailureKind::Refused, message};
+    throw Failure{FailureKind::Refused, message};
 }
 
 [[noreturn]] void refuseLimit(const std::string& message) {
-    throw Refusal{FailureKind::Limit, message};
+    throw Failure{FailureKind::Limit, message};
 }
 
 const std::string& requiredHeader(const RequestHeaders& headers, const char* name) {
@@ -64,6 +59,11 @@ std::string quoted(const std::string& text) {
     return "\"" + text + "\"";
 }
 
+// "Server-ID" and "Client-ID", quoted, for the refusals that name both.
+std::string identifierFields() {
+    return quoted(Protocol::kServerIdField) + " and " + quoted(Protocol::kClientIdField);
+}
+
 std::string sharedClientDocument(const ClientList& clients) {
     SharedClientsDocument document;
     for (const std::string& client : clients) {
@@ -82,19 +82,15 @@ ServiceEngine::ServiceEngine(std::unique_ptr<Store> store) : store(std::move(sto
 ServiceEngine::~ServiceEngine() = default;
 
 bool ServiceEngine::handle(const RequestHeaders& headers, const std::string& body,
-                           std::string& response, ServiceFailure& failure, Delivery* delivery) {
+                           std::string& response, Failure& failure, Delivery* delivery) {
     if (delivery != nullptr) {
         *delivery = Delivery();
     }
     try {
         response = dispatch(headers, body, delivery);
         return true;
-    } catch (const Refusal& refusal) {
-        failure.kind = refusal.kind;
-        failure.message = refusal.message;
-    } catch (const StoreFailure& storeFailure) {
-        failure.kind = storeFailure.kind;
-        failure.message = storeFailure.message;
+    } catch (const Failure& thrown) {
+        failure = thrown;
     } catch (const std::bad_alloc&) {
         failure.kind = FailureKind::Limit;
         failure.message = outOfMemoryMessage();
@@ -102,7 +98,7 @@ bool ServiceEngine::handle(const RequestHeaders& headers, const std::string& bod
     return false;
 }
 
-bool ServiceEngine::redeliver(Delivery& delivery, ServiceFailure& failure) {
+bool ServiceEngine::redeliver(Delivery& delivery, Failure& failure) {
     Delivery returned;
     returned.serverId.swap(delivery.serverId);
     returned.clientId.swap(delivery.clientId);
@@ -113,22 +109,21 @@ bool ServiceEngine::redeliver(Delivery& delivery, ServiceFailure& failure) {
     try {
         store->restore(returned.serverId, returned.clientId, returned.events);
         return true;
-    } catch (const StoreFailure& storeFailure) {
-        failure.kind = storeFailure.kind;
-        failure.message = storeFailure.message;
+    } catch (const Failure& thrown) {
+        failure = thrown;
     }
     return false;
 }
 
 std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::string& body,
                                     Delivery* delivery) {
-    const std::string& serviceName = requiredHeader(headers, "Service-Name");
-    const bool admin = serviceName == kAdminServiceName;
-    if (serviceName != kServiceName && !admin) {
-        refuseProtocol("Unknown \"Service-Name\" " + quoted(serviceName) + "; expected " +
-                       quoted(kServiceName) + ".");
+    const std::string& serviceName = requiredHeader(headers, Protocol::kServiceNameField);
+    const bool admin = serviceName == Protocol::kAdminServiceName;
+    if (serviceName != Protocol::kServiceName && !admin) {
+        refuseProtocol("Unknown " + quoted(Protocol::kServiceNameField) + " " +
+                       quoted(serviceName) + "; expected " + quoted(Protocol::kServiceName) + ".");
     }
-    const std::string& operation = requiredHeader(headers, "Operation-Name");
+    const std::string& operation = requiredHeader(headers, Protocol::kOperationNameField);
     const std::size_t maxBodyBytes = limits().maxBodyBytes;
     if (body.size() > maxBodyBytes) {
         refuseLimit("The request body of " + std::to_string(body.size()) +
@@ -137,28 +132,30 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
     if (admin) {
         return administer(operation, headers);
     }
-    if (operation == "getStatus") {
+    if (operation == Protocol::kGetStatus) {
         return body;
     }
-    const bool known = operation == "registerClient" || operation == "unregisterClient" ||
-                       operation == "putEvents" || operation == "getEvents" ||
-                       operation == "getSharedClients";
+    const bool known = operation == Protocol::kRegisterClient ||
+                       operation == Protocol::kUnregisterClient ||
+                       operation == Protocol::kPutEvents || operation == Protocol::kGetEvents ||
+                       operation == Protocol::kGetSharedClients;
     if (!known) {
-        refuseProtocol("Unknown \"Operation-Name\" " + quoted(operation) + ".");
+        refuseProtocol("Unknown " + quoted(Protocol::kOperationNameField) + " " +
+                       quoted(operation) + ".");
     }
-    const std::string& serverId = requiredHeader(headers, "Server-ID");
-    const std::string& clientId = requiredHeader(headers, "Client-ID");
+    const std::string& serverId = requiredHeader(headers, Protocol::kServerIdField);
+    const std::string& clientId = requiredHeader(headers, Protocol::kClientIdField);
 
-    if (operation == "registerClient") {
+    if (operation == Protocol::kRegisterClient) {
         return registerClient(serverId, clientId);
     }
-    if (operation == "unregisterClient") {
+    if (operation == Protocol::kUnregisterClient) {
         return unregisterClient(serverId, clientId);
     }
-    if (operation == "putEvents") {
+    if (operation == Protocol::kPutEvents) {
         return putEvents(serverId, clientId, body);
     }
-    if (operation == "getEvents") {
+    if (operation == Protocol::kGetEvents) {
         return getEvents(serverId, clientId, delivery);
     }
     return getSharedClients(serverId);
@@ -168,12 +165,12 @@ std::string ServiceEngine::registerClient(const std::string& serverId,
                                           const std::string& clientId) {
     if (serverId.empty() || clientId.empty()) {
         refuseProtocol("Cannot register client " + quoted(clientId) + " with server " +
-                       quoted(serverId) + ": \"Server-ID\" and \"Client-ID\" must not be empty.");
+                       quoted(serverId) + ": " + identifierFields() + " must not be empty.");
     }
     if (!fitsXmlDocument(serverId) || !fitsXmlDocument(clientId)) {
         refuseProtocol(
-            "Cannot register the client: \"Server-ID\" and \"Client-ID\" must not hold control "
-            "characters, U+FFFE, U+FFFF or bytes that are not UTF-8.");
+            "Cannot register the client: " + identifierFields() +
+            " must not hold control characters, U+FFFE, U+FFFF or bytes that are not UTF-8.");
     }
     ClientList clients;
     store->registerClient(serverId, clientId, clients);
@@ -237,8 +234,8 @@ std::string ServiceEngine::getSharedClients(const std::string& serverId) {
 }
 
 std::string ServiceEngine::administer(const std::string& operation, const RequestHeaders& headers) {
-    if (operation == "listClients") {
-        auto server = headers.find("Server-ID");
+    if (operation == Protocol::kListClients) {
+        auto server = headers.find(Protocol::kServerIdField);
         std::vector<ClientInfo> clients;
         store->listClients(server == headers.end() ? std::string() : server->second, clients);
         ClientsDocument document;
@@ -247,12 +244,13 @@ std::string ServiceEngine::administer(const std::string& operation, const Reques
         }
         return document.finish();
     }
-    if (operation != "evictClient") {
-        refuseProtocol("Unknown \"Operation-Name\" " + quoted(operation) + " of \"Service-Name\" " +
-                       quoted(kAdminServiceName) + ".");
+    if (operation != Protocol::kEvictClient) {
+        refuseProtocol("Unknown " + quoted(Protocol::kOperationNameField) + " " +
+                       quoted(operation) + " of " + quoted(Protocol::kServiceNameField) + " " +
+                       quoted(Protocol::kAdminServiceName) + ".");
     }
-    const std::string& serverId = requiredHeader(headers, "Server-ID");
-    const std::string& clientId = requiredHeader(headers, "Client-ID");
+    const std::string& serverId = requiredHeader(headers, Protocol::kServerIdField);
+    const std::string& clientId = requiredHeader(headers, Protocol::kClientIdField);
     ClientList clients;
     store->clients(serverId, clients);
     if (std::find(clients.begin(), clients.end(), clientId) == clients.end()) {
@@ -271,7 +269,7 @@ bool ServiceEngine::ready(std::string& cause) {
     try {
         store->ping();
         return true;
-    } catch (const StoreFailure& failure) {
+    } catch (const Failure& failure) {
         cause = failure.message;
     } catch (const std::bad_alloc&) {
         cause = outOfMemoryMessage();

@@ -49,11 +49,6 @@ namespace Net {
 namespace AvQuorvel {
 namespace Engine {
 
-struct ServiceFailure {
-    FailureKind kind = FailureKind::Refused;
-    std::string message;
-};
-
 using RequestHeaders = std::map<std::string, std::string>;
 
 // What one getEvents answer took from the store, kept by whoever carries the
@@ -84,7 +79,7 @@ public:
     // delivery is given, a getEvents that succeeds records there the events its
     // answer carries, so that the carrier can give them back with redeliver().
     bool handle(const RequestHeaders& headers, const std::string& body, std::string& response,
-                ServiceFailure& failure, Delivery* delivery = nullptr);
+                Failure& failure, Delivery* delivery = nullptr);
 
     // The answer recorded in delivery did not reach its client (a write failed,
     // or the connection closed before its end): its events go back to the head
@@ -93,9 +88,9 @@ public:
     // since are dropped. delivery is emptied. False with the failure filled when
     // the store fails; the events are then lost. Loss that the carrier cannot
     // see (the client dies after the last byte was written) stays at most once.
-    bool redeliver(Delivery& delivery, ServiceFailure& failure);
+    bool redeliver(Delivery& delivery, Failure& failure);
 
-    // Unregisters clients that have not fetched for `idle`; may throw StoreFailure.
+    // Unregisters clients that have not fetched for `idle`; may throw Failure.
     void expireIdleClients(std::chrono::milliseconds idle, std::vector<ClientInfo>& expired);
     // True when the store answers; otherwise false with the cause.
     bool ready(std::string& cause);

@@ -1,5 +1,4 @@
-// The service's limits and the two kinds of failure it reports; shared by the
-// engine and its stores.
+// The service's limits; shared by the engine and its stores.
 #ifndef AVQVL_ENGINE_SERVICELIMITS_H
 #define AVQVL_ENGINE_SERVICELIMITS_H
 
@@ -26,13 +25,6 @@ struct ServiceLimits {
     // many clients it waits for: without it, a few senders on many servers fill
     // the machine. The default is chosen in Store.cpp.
     std::size_t maxStoredBytes = defaultMaxStoredBytes();
-};
-
-// Why a request failed: those who carry the answer (the transport, the daemon)
-// turn the kind into their own codes.
-enum class FailureKind {
-    Refused,  // a malformed request, or one the service's rules do not allow
-    Limit     // a limit would be passed, the store failed, or memory ran out
 };
 
 }  // namespace Engine

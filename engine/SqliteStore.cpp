@@ -19,7 +19,7 @@ namespace Engine {
 
 namespace {
 
-// Thrown inside the store when SQLite fails; a StoreFailure at its edge.
+// Thrown inside the store when SQLite fails; a Failure at its edge.
 struct SqliteError {
     std::string cause;
 };
@@ -464,15 +464,15 @@ SqliteStore::SqliteStore(const std::string& directory, const ServiceLimits& limi
         std::filesystem::permissions(directory, std::filesystem::perms::owner_all, error);
     }
     if (error) {
-        throw StoreFailure{FailureKind::Limit,
-                           storeFailedMessage("make the directory " + directory, error.message())};
+        throw Failure{FailureKind::Limit,
+                      storeFailedMessage("make the directory " + directory, error.message())};
     }
     try {
         keepPrivate(path);
         db = std::make_unique<Database>(path, sync);
     } catch (const SqliteError& failure) {
-        throw StoreFailure{FailureKind::Limit,
-                           storeFailedMessage("open the database " + path, failure.cause)};
+        throw Failure{FailureKind::Limit,
+                      storeFailedMessage("open the database " + path, failure.cause)};
     }
 }
 
@@ -500,7 +500,7 @@ void SqliteStore::transaction(const char* action, Operation operation) {
         Query(db->commit).run();
         restore.committed = true;
         return;
-    } catch (const StoreFailure&) {
+    } catch (const Failure&) {
         sqlite3_exec(db->handle, "ROLLBACK", nullptr, nullptr, nullptr);
         throw;
     } catch (const SqliteError& failure) {
@@ -508,10 +508,10 @@ void SqliteStore::transaction(const char* action, Operation operation) {
         if (!sqlite3_get_autocommit(db->handle)) {
             sqlite3_exec(db->handle, "ROLLBACK", nullptr, nullptr, nullptr);
         }
-        throw StoreFailure{FailureKind::Limit, storeFailedMessage(action, failure.cause)};
+        throw Failure{FailureKind::Limit, storeFailedMessage(action, failure.cause)};
     } catch (const std::bad_alloc&) {
         sqlite3_exec(db->handle, "ROLLBACK", nullptr, nullptr, nullptr);
-        throw StoreFailure{FailureKind::Limit, outOfMemoryMessage()};
+        throw Failure{FailureKind::Limit, outOfMemoryMessage()};
     }
 }
 
@@ -527,8 +527,8 @@ void SqliteStore::registerClient(const std::string& serverId, const std::string&
             count.text(1, serverId).step();
             const auto registered = static_cast<std::size_t>(count.number(0));
             if (registered >= limits().maxClientsPerServer) {
-                throw StoreFailure{FailureKind::Limit,
-                                   tooManyClientsMessage(serverId, clientId, registered)};
+                throw Failure{FailureKind::Limit,
+                              tooManyClientsMessage(serverId, clientId, registered)};
             }
             Query(db->addServer).text(1, serverId).run();
             Query(db->addClient)
@@ -561,7 +561,7 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
     transaction("queue the event", [&] {
         Query sender(db->findClient);
         if (!sender.text(1, serverId).text(2, senderId).step()) {
-            throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
+            throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
         }
         const std::int64_t senderRow = sender.number(kRow);
         const std::int64_t size = static_cast<std::int64_t>(text.size());
@@ -578,19 +578,19 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
             const auto events = static_cast<std::size_t>(listed.number(2));
             const auto bytes = static_cast<std::size_t>(listed.number(3));
             if (events >= limit.maxQueuedEventsPerClient) {
-                throw StoreFailure{FailureKind::Limit,
-                                   tooManyEventsMessage(serverId, senderId, after.back(), events)};
+                throw Failure{FailureKind::Limit,
+                              tooManyEventsMessage(serverId, senderId, after.back(), events)};
             }
             if (bytes + text.size() > limit.maxQueuedBytesPerClient) {
-                throw StoreFailure{FailureKind::Limit,
-                                   tooManyBytesMessage(serverId, senderId, after.back(), bytes,
-                                                       text.size(), limit.maxQueuedBytesPerClient)};
+                throw Failure{FailureKind::Limit,
+                              tooManyBytesMessage(serverId, senderId, after.back(), bytes,
+                                                  text.size(), limit.maxQueuedBytesPerClient)};
             }
         }
         const bool othersListen = after.size() > 1;  // else the number alone is used up
         const auto held = static_cast<std::size_t>(db->storedBytes);
         if (othersListen && held + text.size() > limit.maxStoredBytes) {
-            throw StoreFailure{FailureKind::Limit,
+            throw Failure{FailureKind::Limit,
                                tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
                                                          limit.maxStoredBytes)};
         }
@@ -625,7 +625,7 @@ void SqliteStore::take(const std::string& serverId, const std::string& clientId,
     transaction("take the events", [&] {
         Query known(db->findClient);
         if (!known.text(1, serverId).text(2, clientId).step()) {
-            throw StoreFailure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
+            throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
         }
         std::vector<StoredEvent> taken;
         const std::int64_t client = known.number(kRow);

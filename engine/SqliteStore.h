@@ -15,7 +15,7 @@
 // the server's events past its cursor (SqliteStore.cpp explains the tables).
 //
 // A failure of the database (disk full, I/O error) is a FailureKind::Limit
-// StoreFailure naming the cause; the store serves again once the cause is
+// Failure naming the cause; the store serves again once the cause is
 // gone. Thread-safe: one connection, one operation at a time.
 #ifndef AVQVL_ENGINE_SQLITESTORE_H
 #define AVQVL_ENGINE_SQLITESTORE_H
@@ -38,7 +38,7 @@ public:
     static std::string databasePath(const std::string& directory);
 
     // Opens the store kept in directory, making the directory and the database
-    // when they are missing. Throws StoreFailure (Limit) when that fails.
+    // when they are missing. Throws Failure (Limit) when that fails.
     SqliteStore(const std::string& directory, const ServiceLimits& limits,
                 Sync sync = Sync::Normal);
     ~SqliteStore() override;

@@ -5,7 +5,7 @@
 // and checks the limits within the same step, so that several daemons sharing
 // one store never pass a limit together.
 //
-// Every operation applies fully or throws StoreFailure and changes nothing; no
+// Every operation applies fully or throws Failure and changes nothing; no
 // other exception leaves a store (running out of memory is a Limit failure).
 // Implementations are safe for concurrent use from any number of threads.
 #ifndef AVQVL_ENGINE_STORE_H
@@ -18,16 +18,16 @@
 #include <vector>
 
 #include "engine/ServiceLimits.h"
+#include "protocol/Failure.h"
 
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
 namespace Engine {
 
-struct StoreFailure {
-    FailureKind kind = FailureKind::Refused;
-    std::string message;
-};
+// The engine and its stores speak of failures in the protocol's one type.
+using Protocol::Failure;
+using Protocol::FailureKind;
 
 struct StoredEvent {
     std::string sender;
@@ -103,7 +103,7 @@ public:
     // Unregisters every client whose last fetch (its registration, if it never
     // fetched) is older than idleBeforeMs; expired receives them as they were.
     virtual void expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) = 0;
-    // Readiness: returns when the store answers, throws StoreFailure naming the
+    // Readiness: returns when the store answers, throws Failure naming the
     // cause otherwise (memory: always; SQLite: a read; Redis: PING within 1 s).
     virtual void ping() = 0;
     // What the start line shows: "memory", "SQLite /path/quorvel.sqlite3",

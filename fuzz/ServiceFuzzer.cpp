@@ -8,8 +8,10 @@
 #include <string>
 
 #include "engine/ServiceEngine.h"
+#include "protocol/Names.h"
 
 using namespace Arvant::Net::AvQuorvel::Engine;
+namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
 
 namespace {
 
@@ -26,7 +28,7 @@ ServiceEngine& engine() {
 
 void handle(const RequestHeaders& headers, const std::string& body) {
     std::string response;
-    ServiceFailure failure;
+    Failure failure;
     if (engine().handle(headers, body, response, failure)) {
         return;
     }
@@ -58,11 +60,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // The same request from a client that surely is registered.
     RequestHeaders known = headers;
-    known["Service-Name"] = "AvQVLRequest";
-    known["Server-ID"] = "S";
-    known["Client-ID"] = "fuzz";
+    known[Protocol::kServiceNameField] = Protocol::kServiceName;
+    known[Protocol::kServerIdField] = "S";
+    known[Protocol::kClientIdField] = "fuzz";
     RequestHeaders registration = known;
-    registration["Operation-Name"] = "registerClient";
+    registration[Protocol::kOperationNameField] = Protocol::kRegisterClient;
     handle(registration, std::string());
     handle(known, body);
     return 0;

@@ -22,7 +22,7 @@ public:
     bool exchange(const HeaderFields& headers, const std::string& body, std::string& response,
                   BackendFailure& failure) override {
         if (headers.count("fail") != 0) {
-            failure.code = -3001;
+            failure.code = AVQVL_FOREIGN_CONNECT_FAILURE;
             failure.message = "refused";
             return false;
         }

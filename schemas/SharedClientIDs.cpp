@@ -1,5 +1,6 @@
 #include "schemas/SharedClientIDs.h"
 
+#include "protocol/Names.h"
 #include "util/XmlText.h"
 
 namespace Arvant {
@@ -15,7 +16,7 @@ using Arvant::Net::AvQuorvel::Util::XmlStream;
 
 namespace {
 // The base schema namespace of the service.
-const char* const kBaseNamespaceUri = "http://schemas.arvant.com/Schemas/AvQuorvel/_2009_06/base";
+const char* const kBaseNamespaceUri = Arvant::Net::AvQuorvel::Protocol::kSchemaNamespace;
 const char* const kChildName = "sharedClients";
 const char* const kOutputCallerName =
     "Arvant::Schemas::AvQuorvel::_2009_06::Base::SharedClientIDs::outputXML";

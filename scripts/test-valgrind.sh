@@ -14,7 +14,7 @@ programs=(
     transport/TransportTest engine/ServiceEngineTest engine/StoreConformanceTest
     engine/SqliteStoreTest tools/tools_tests
     hardening/hardening_parser_tests hardening/hardening_client_tests xml/xml_fast_path_tests
-    daemon/HttpBackendTest
+    transport/HttpBackendTest
 )
 start=$(date +%s)
 failed=()

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "protocol/Names.h"
 #include "tools/Exchange.h"
 #include "tools/Failure.h"
 #include "util/SAXToNodeParser.h"
@@ -16,8 +17,6 @@
 namespace Arvant::Net::AvQuorvel::Tools {
 
 namespace {
-
-const char* const kAdminService = "AvQVLAdmin";
 
 // A number attribute; a missing or malformed one is a malformed answer.
 template <typename T>
@@ -55,11 +54,12 @@ void useAdminToken(const std::string& path) {
 }
 
 void listRegisteredClients(const std::string& server, std::vector<RegisteredClient>& clients) {
-    const std::string response = sendExchange({{"Service-Name", kAdminService},
-                                               {"Operation-Name", "listClients"},
-                                               {"Log-Correlation-ID", "quorvel.admin.clients"},
-                                               {"Server-ID", server}},
-                                              "listClients");
+    const std::string response =
+        sendExchange({{Protocol::kServiceNameField, Protocol::kAdminServiceName},
+                      {Protocol::kOperationNameField, Protocol::kListClients},
+                      {Protocol::kLogCorrelationIdField, "quorvel.admin.clients"},
+                      {Protocol::kServerIdField, server}},
+                     "listClients");
     Util::SAXToNodeParser parser;  // owns the tree
     const Util::XMLNode* root = parser.parseString(response);
     if (root == nullptr || root->localName != "clients") {
@@ -82,12 +82,13 @@ void listRegisteredClients(const std::string& server, std::vector<RegisteredClie
 
 void evictClient(const std::string& server, const std::string& client,
                  std::vector<std::string>& remaining) {
-    const std::string response = sendExchange({{"Service-Name", kAdminService},
-                                               {"Operation-Name", "evictClient"},
-                                               {"Log-Correlation-ID", "quorvel.admin.evict"},
-                                               {"Server-ID", server},
-                                               {"Client-ID", client}},
-                                              "evictClient");
+    const std::string response =
+        sendExchange({{Protocol::kServiceNameField, Protocol::kAdminServiceName},
+                      {Protocol::kOperationNameField, Protocol::kEvictClient},
+                      {Protocol::kLogCorrelationIdField, "quorvel.admin.evict"},
+                      {Protocol::kServerIdField, server},
+                      {Protocol::kClientIdField, client}},
+                     "evictClient");
     parseSharedClients(response, remaining);
 }
 

@@ -8,6 +8,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "protocol/ResultCodes.h" /* the results and failure codes */
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -22,26 +24,6 @@ extern "C" {
 // AvQvl_Init may be called once per connection; each call is counted and
 // AvQvl_Term takes one back. The allocator pair is accepted but not used: the
 // transport allocates through the C++ runtime and hands the caller no memory to free.
-
-/// Results with a meaning of their own. AvQvl_Receive answers the end of the
-// header block or body with a reply code, then hands the response out in pieces
-// of at most AVQVL_RECEIVE_BUFFER_BYTES bytes (their number is the result) and
-// ends it with AVQVL_END_OF_RESPONSE. Failures are negative codes below -1; the
-// client library maps every code it knows to an exception class.
-enum {
-    AVQVL_SEND_BODY = 19,                ///< the service asks for the body
-    AVQVL_REQUEST_COMPLETE = 20,         ///< the request is complete; the response follows
-    AVQVL_END_OF_RESPONSE = -1,          ///< the whole response has been received
-    AVQVL_RECEIVE_BUFFER_BYTES = 16384,  ///< the most bytes one AvQvl_Receive writes
-
-    AVQVL_OTHER_ANSWER = -3099,     ///< the service answered something unforeseen
-    AVQVL_REFUSED = -3017,          ///< the service refused the request, or a call out of turn
-    AVQVL_LIMIT = -3016,            ///< a limit of the service or the transport
-    AVQVL_UNREACHABLE = -2999,      ///< the service cannot be reached, or not started
-    AVQVL_TIMED_OUT = -2998,        ///< no answer in time
-    AVQVL_CONNECTION_LOST = -2997,  ///< the connection broke during the exchange
-    AVQVL_TOKEN_REFUSED = -2996     ///< the service refused the access token (or its absence)
-};
 
 typedef void* (*AvQvlAllocFn)(size_t);  ///< an allocator, as malloc
 typedef void (*AvQvlFreeFn)(void*);     ///< its release, as free

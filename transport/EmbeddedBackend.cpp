@@ -7,6 +7,7 @@
 // a client that abandons an answer it was given (it threw while converting it)
 // made that choice in its own code, like a client that drops a fetched event.
 #include "engine/ServiceEngine.h"
+#include "protocol/Failure.h"
 #include "transport/internal/Backend.h"
 
 namespace Arvant {
@@ -22,11 +23,11 @@ public:
 
     bool exchange(const HeaderFields& headers, const std::string& body, std::string& response,
                   BackendFailure& failure) override {
-        Engine::ServiceFailure refused;
+        Protocol::Failure refused;
         if (engine.handle(headers, body, response, refused)) {
             return true;
         }
-        failure.code = refused.kind == Engine::FailureKind::Limit ? AVQVL_LIMIT : AVQVL_REFUSED;
+        failure.code = Protocol::failureCode(refused.kind);
         failure.message = refused.message;
         return false;
     }

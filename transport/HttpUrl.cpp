@@ -2,8 +2,7 @@
 
 #include <arpa/inet.h>
 
-#include <cstdlib>
-
+#include "protocol/HostPort.h"
 #include "wire/HttpWire.h"
 
 namespace Arvant {
@@ -51,29 +50,16 @@ bool parseHttpUrl(const std::string& text, HttpUrl& url, std::string& problem) {
         return refuse(text, "a user name or password has no meaning here", problem);
     }
 
-    std::string portText;
+    std::string portText, why;
+    if (!Protocol::splitHostPort(authority, url.host, portText, why)) {
+        return refuse(text, why, problem);
+    }
     if (!authority.empty() && authority[0] == '[') {
-        const std::size_t close = authority.find(']');
-        if (close == std::string::npos) {
-            return refuse(text, "the IPv6 address has no closing \"]\"", problem);
-        }
-        url.host = authority.substr(1, close - 1);
         if (!isAddress(AF_INET6, url.host)) {
             return refuse(text, "\"" + url.host + "\" is not an IPv6 address", problem);
         }
         url.hostIsAddress = true;
-        if (close + 1 < authority.size()) {
-            if (authority[close + 1] != ':') {
-                return refuse(text, "only a port may follow the IPv6 address", problem);
-            }
-            portText = authority.substr(close + 2);
-        }
     } else {
-        const std::size_t colon = authority.find(':');
-        url.host = authority.substr(0, colon);
-        if (colon != std::string::npos) {
-            portText = authority.substr(colon + 1);
-        }
         url.hostIsAddress = isAddress(AF_INET, url.host);
     }
     if (url.host.empty()) {
@@ -82,10 +68,8 @@ bool parseHttpUrl(const std::string& text, HttpUrl& url, std::string& problem) {
     if (portText.empty()) {
         url.port = url.secure ? "443" : "80";
     } else {
-        char* end = nullptr;
-        const long port = std::strtol(portText.c_str(), &end, 10);
-        if (portText.find_first_not_of("0123456789") != std::string::npos || *end != '\0' ||
-            port < 1 || port > 65535) {
+        int port = 0;
+        if (!Protocol::parsePort(portText, 1, port)) {
             return refuse(text, "the port must be a number from 1 to 65535", problem);
         }
         url.port = std::to_string(port);

@@ -5,6 +5,8 @@
 #include <sstream>
 #include <type_traits>
 
+#include "protocol/XmlEscape.h"
+
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
@@ -12,26 +14,8 @@ namespace Util {
 
 namespace {
 
-// The eight characters with a reference of their own, in the order unescapeXml
-// tries the names. Bytes above 127 read as negative and never match.
-struct Reference {
-    char character;
-    const char* name;  // what follows the "&"
-};
-
-const Reference kReferences[] = {
-    {'&', "amp;"},  {'<', "lt;"},    {'>', "gt;"},   {'%', "#x25;"},
-    {'"', "quot;"}, {'\'', "apos;"}, {'\n', "#10;"}, {'\t', "#9;"},
-};
-
-const char* referenceNameFor(char c) {
-    for (const Reference& reference : kReferences) {
-        if (reference.character == c) {
-            return reference.name;
-        }
-    }
-    return nullptr;
-}
+using Protocol::kXmlReferences;
+using Protocol::XmlReference;
 
 // True when `name` occurs in `text` at `pos`; the end of the text counts as a
 // difference, so nothing past it is read.
@@ -89,7 +73,7 @@ std::string escapeXml(const std::string& text) {
     result.reserve(text.size());
     // One pass over the input: inserted references are never looked at again.
     for (char c : text) {
-        const char* name = referenceNameFor(c);
+        const char* name = Protocol::xmlReferenceName(c);
         if (name == nullptr) {
             result += c;
         } else {
@@ -110,7 +94,7 @@ std::string unescapeXml(const std::string& text) {
         char c = text[i];
         std::string::size_type consumed = 1;
         if (c == '&') {
-            for (const Reference& reference : kReferences) {
+            for (const XmlReference& reference : kXmlReferences) {
                 if (matchesAt(text, i + 1, reference.name)) {
                     c = reference.character;
                     consumed += std::char_traits<char>::length(reference.name);

@@ -34,7 +34,8 @@
 #include <cstdint>
 #include <string>
 
-#include "transport/AvQvlBinding.h"
+#include "protocol/Limits.h"
+#include "protocol/ResultCodes.h"
 
 namespace Arvant {
 namespace Net {
@@ -44,9 +45,10 @@ namespace Wire {
 extern const char* const kExchangePath;     // "/quorvel/v1/exchange"
 extern const char* const kFieldHeaderName;  // "Quorvel-Field"
 
-// The daemon reads header lines of at most 8192 bytes; a field whose line would
-// be longer cannot travel and is refused by the client before anything is sent.
-constexpr std::size_t kMaxFieldLineBytes = 8000;
+// The daemon reads header lines of at most Protocol::kMaxHeaderLineBytes, CR LF
+// included; a field whose line would be longer cannot travel and is refused by
+// the client before anything is sent.
+constexpr std::size_t kMaxFieldLineBytes = Protocol::kMaxHeaderLineBytes - 2;
 
 std::string base64UrlEncode(const std::string& bytes);
 // False when text is not exactly what base64UrlEncode makes of some bytes (a

@@ -3,7 +3,7 @@
 // reply is read. A connection that failed, timed out or was closed by Redis
 // (a restart) is dropped, so the next command connects anew.
 //
-// Every failure to reach Redis or to read its reply throws StoreFailure of kind
+// Every failure to reach Redis or to read its reply throws Failure of kind
 // Limit whose message names Redis, its address and the cause. Error replies are
 // returned to the caller, which decides what they mean.
 #ifndef AVQVL_ENGINE_INTERNAL_REDISCONNECTIONPOOL_H
@@ -47,7 +47,7 @@ public:
     // the pool's connections are doing cannot delay it.
     RedisReply probe(const std::vector<const std::string*>& arguments, int timeoutMs);
 
-    // Throws the StoreFailure (Limit) that says Redis did `what` because of cause.
+    // Throws the Failure (Limit) that says Redis did `what` because of cause.
     [[noreturn]] void fail(const std::string& what, const std::string& cause) const;
 
 private:

@@ -60,7 +60,7 @@ public:
 
     // Runs script with keys (the first keyCount of keysAndArguments) and
     // arguments. An error reply (Redis out of memory, a script error) throws
-    // StoreFailure of kind Limit naming Redis.
+    // Failure of kind Limit naming Redis.
     RedisReply run(RedisConnectionPool& pool, Script script,
                    const std::vector<const std::string*>& keysAndArguments, int keyCount);
 

@@ -58,13 +58,13 @@ protected:
     FailureKind failureOf(const std::function<void()>& operation, std::string* message = nullptr) {
         try {
             operation();
-        } catch (const StoreFailure& failure) {
+        } catch (const Failure& failure) {
             if (message != nullptr) {
                 *message = failure.message;
             }
             return failure.kind;
         }
-        ADD_FAILURE() << "no StoreFailure";
+        ADD_FAILURE() << "no Failure";
         return FailureKind::Refused;
     }
 };
@@ -257,7 +257,7 @@ TEST_F(RedisStoreTest, TwoStoresShareOneStateUnderConcurrentPosts) {
                 try {
                     store.post(s, "w" + std::to_string(t), std::to_string(i), clients);
                     ++accepted;
-                } catch (const StoreFailure& failure) {
+                } catch (const Failure& failure) {
                     EXPECT_EQ(failure.kind, FailureKind::Limit) << failure.message;
                     ++refused;
                 }

@@ -48,7 +48,7 @@ protected:
     std::string ok(const std::string& operation, const std::string& server,
                    const std::string& client, const std::string& body = "") {
         std::string response;
-        ServiceFailure failure;
+        Failure failure;
         EXPECT_TRUE(engine.handle(req(operation, server, client), body, response, failure))
             << operation << ": " << failure.message;
         return response;
@@ -62,7 +62,7 @@ protected:
     void refused(FailureKind kind, const std::string& part, const RequestHeaders& request,
                  const std::string& body = "") {
         std::string response = "untouched";
-        ServiceFailure failure;
+        Failure failure;
         EXPECT_FALSE(engine.handle(request, body, response, failure)) << response;
         EXPECT_EQ(response, "untouched");
         EXPECT_EQ(failure.kind, kind);
@@ -222,7 +222,7 @@ TEST_F(ServiceEngineTest, RedeliveredAnswerComesBackFirst) {
     ok("putEvents", "S", "a", "one");
     ok("putEvents", "S", "a", "two");
     std::string response;
-    ServiceFailure failure;
+    Failure failure;
     Delivery delivery;
     ASSERT_TRUE(engine.handle(req("getEvents", "S", "b"), "", response, failure, &delivery));
     EXPECT_EQ(response, events({"a|1|one", "a|2|two"}));

@@ -65,7 +65,7 @@ TEST_F(SqliteStoreTest, StateSurvivesReopening) {
         store.restore("S", "b", taken);
         EXPECT_EQ(store.stats().waitingEvents, 5u + 4u + 1u);
         Lines none;
-        EXPECT_THROW(store.post("S", "a", "over", none), StoreFailure);  // b's limit held
+        EXPECT_THROW(store.post("S", "a", "over", none), Failure);  // b's limit held
     }
     SqliteStore store(directory, limits);
     EXPECT_EQ(take(store, "b"), (Lines{"a|1|one", "c|2|two", "a|3|three", "a|4|four", "a|5|five"}));
@@ -88,7 +88,7 @@ TEST_F(SqliteStoreTest, AFileInTheWayIsAClearFailure) {
     try {
         SqliteStore store(file, ServiceLimits{});
         ADD_FAILURE() << "a store in place of a file";
-    } catch (const StoreFailure& failure) {
+    } catch (const Failure& failure) {
         EXPECT_EQ(failure.kind, FailureKind::Limit);
         EXPECT_NE(failure.message.find("its store failed"), std::string::npos) << failure.message;
     }

@@ -65,7 +65,7 @@ protected:
         try {
             operation();
             ADD_FAILURE() << "no failure; expected one holding " << part;
-        } catch (const StoreFailure& failure) {
+        } catch (const Failure& failure) {
             EXPECT_EQ(failure.kind, kind);
             EXPECT_NE(failure.message.find(part), std::string::npos) << failure.message;
         }

@@ -22,6 +22,7 @@ for f in "$prefix/$libdir/libAvQvlCppBinding.so" "$prefix/$libdir/libAvQvlBindin
          "$prefix/$libdir/libAvQvlTestTransport.a" "$prefix/bin/quorvel" \
          "$prefix/include/AvQvlCppBinding/client/AvQVLConnection.h" \
          "$prefix/include/AvQvlCppBinding/transport/AvQvlBinding.h" \
+         "$prefix/include/AvQvlCppBinding/protocol/ResultCodes.h" \
          "$prefix/include/AvQvlCppBinding/transport/testing/TestTransport.h" \
          "$prefix/$libdir/pkgconfig/AvQvlCppBinding.pc" \
          "$prefix/$libdir/cmake/AvQvlCppBinding/AvQvlCppBindingConfig.cmake" \

@@ -19,6 +19,10 @@ namespace Transport {
 
 using HeaderFields = std::map<std::string, std::string>;
 
+// Not Protocol::Failure: a backend fails in more ways than the service refuses
+// (unreachable, timed out, connection lost, token refused, another answer), so
+// it carries the transport's code itself; the service's two kinds reach it
+// through Protocol::failureCode().
 struct BackendFailure {
     int32_t code = 0;  // one of the failure codes of AvQvlBinding.h
     std::string message;

@@ -205,6 +205,7 @@ TEST(HttpUrlTest, TakesApartWhatItCanUseAndNamesWhatItCannot) {
         {"https://q.example.org/", true, "q.example.org", "443", "/quorvel/v1/exchange"},
         {"http://[::1]:80/prefix//", false, "::1", "80", "/prefix/quorvel/v1/exchange"},
         {"http://localhost", false, "localhost", "80", "/quorvel/v1/exchange"},
+        {"https://[::1]", true, "::1", "443", "/quorvel/v1/exchange"},
     };
     for (const auto& row : good) {
         Transport::HttpUrl url;
@@ -217,7 +218,8 @@ TEST(HttpUrlTest, TakesApartWhatItCanUseAndNamesWhatItCannot) {
     }
     for (const char* text :
          {"ftp://h", "http://", "http://:80", "http://h:0", "http://h:65536", "http://h:8x",
-          "http://u@h", "http://h/?q", "http://[::1", "http://[1.2.3.4]", "http://h h"}) {
+          "http://h:+80", "http://u@h", "http://h/?q", "http://[::1", "http://[::1]x80",
+          "http://::1:80", "http://[1.2.3.4]", "http://h h"}) {
         Transport::HttpUrl url;
         std::string problem;
         EXPECT_FALSE(Transport::parseHttpUrl(text, url, problem)) << text;
