@@ -1,7 +1,7 @@
-// One HTTP/1.1 connection, plain or TLS: reads requests through Beast's parser
-// fed by hand (so head lines, time-outs and framing are checked before the
-// parser or the handler sees anything), hands whole requests to the handler and
-// writes the replies, one after the other.
+// One HTTP/1.1 connection, plain or TLS: its I/O, its one timer and the phase
+// it is in. HeadScanner.h finds and measures each request head before Beast's
+// parser (fed by hand) reads it; whole requests go to the handler and the
+// replies are written one after the other.
 #include "daemon/internal/Connection.h"
 
 #include <boost/asio/dispatch.hpp>
@@ -17,6 +17,8 @@
 #include <boost/beast/http/serializer.hpp>
 #include <boost/beast/http/write.hpp>
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <chrono>
 #include <exception>
@@ -25,6 +27,8 @@
 #include <utility>
 #include <vector>
 
+#include "daemon/HeadScanner.h"
+#include "daemon/Log.h"
 #include "daemon/Refusals.h"
 
 namespace Arvant {
@@ -47,9 +51,33 @@ void ServerCore::add(ConnectionBase* connection) {
 }
 
 void ServerCore::remove(ConnectionBase* connection) {
-    std::lock_guard<std::mutex> lock(mutex);
-    connections.erase(connection);
-    --open;
+    bool trim = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        connections.erase(connection);
+        --open;
+        trim = ++closedSinceTrim >= kTrimEvery;
+        closedSinceTrim = trim ? 0 : closedSinceTrim;
+    }
+#ifdef __GLIBC__
+    // A connection's buffers (a TLS one holds about 85 KB) are small blocks of
+    // the heap, which the allocator keeps after they are freed: after a burst
+    // of connections the process would hold their memory for good. Every
+    // kTrimEvery closes, the free pages go back to the system.
+    if (trim) {
+        ::malloc_trim(0);
+    }
+#endif
+}
+
+void ServerCore::note(LogLevel level, const std::string& text) const noexcept {
+    try {
+        if (log != nullptr && log->enabled(level)) {
+            log->message(level, text);
+        }
+    } catch (...) {
+        // Nothing is left to tell it to.
+    }
 }
 
 void ServerCore::stopAll() {
@@ -146,7 +174,8 @@ public:
           limits(core.limits) {}
 
     void start() override {
-        asio::dispatch(socket().get_executor(), [self = shared_from_this(), this] { begin(); });
+        asio::dispatch(socket().get_executor(),
+                       [self = shared_from_this(), this] { guarded([&] { begin(); }); });
     }
 
     void stop() override {
@@ -160,9 +189,36 @@ public:
     }
 
 private:
-    enum class Phase { Handshake, Idle, Reading, Handling, Writing, Closing, Closed };
+    // Head: the head is arriving (the scanner has it); Body: the parser has the
+    // head and reads the body.
+    enum class Phase { Handshake, Idle, Head, Body, Handling, Writing, Closing, Closed };
 
     tcp::socket& socket() { return beast::get_lowest_layer(stream); }
+
+    // Runs one step of the connection. Whatever it throws closes this
+    // connection only: an exception that left an Asio handler would end
+    // io_context::run, and the daemon with it.
+    template <class Step>
+    void guarded(Step&& step) noexcept {
+        try {
+            step();
+        } catch (const std::exception& e) {
+            failed(e.what());
+        } catch (...) {
+            failed("an exception of unknown type");
+        }
+    }
+
+    void failed(const char* what) noexcept {
+        core.note(LogLevel::Error, "closing the connection of " + peer + ": " + what);
+        try {
+            closeNow();
+        } catch (...) {
+            phase = Phase::Closed;
+        }
+        error_code ignored;
+        socket().close(ignored);
+    }
 
     void begin() {
         peer = describePeer(socket());
@@ -174,16 +230,29 @@ private:
         }
         if constexpr (kTls) {
             phase = Phase::Handshake;
-            setDeadline(Clock::now() + milliseconds(limits.readTimeoutMs));
+            setDeadline(Clock::now() + milliseconds(limits.tlsHandshakeTimeoutMs));
             stream.async_handshake(asio::ssl::stream_base::server,
                                    [self = shared_from_this(), this](error_code ec) {
-                                       if (ec || timedOut || core.stopping) {
-                                           closeNow();
-                                       } else {
-                                           waitForRequest();
-                                       }
+                                       guarded([&] { onHandshake(ec); });
                                    });
         } else {
+            waitForRequest();
+        }
+    }
+
+    void onHandshake(error_code ec) {
+        if (core.stopping) {
+            closeNow();
+        } else if (ec || timedOut) {
+            core.note(LogLevel::Info,
+                      "TLS handshake with " + peer + " failed: " +
+                          (timedOut ? "not done within " +
+                                          std::to_string(limits.tlsHandshakeTimeoutMs) + " ms"
+                                    : ec.message()));
+            closeNow();
+        } else {
+            // The handshake's buffers go back until a request arrives.
+            ::SSL_set_mode(stream.native_handle(), SSL_MODE_RELEASE_BUFFERS);
             waitForRequest();
         }
     }
@@ -198,14 +267,7 @@ private:
         phase = Phase::Idle;
         request.reset();
         parser.emplace();
-        parser->header_limit(
-            static_cast<std::uint32_t>(std::min<std::size_t>(limits.maxHeadBytes, UINT32_MAX)));
         parser->body_limit(limits.maxBodyBytes);
-        headEnded = false;
-        headDone = false;
-        sawRequestLine = false;
-        scanned = 0;
-        lineBytes = 0;
         if (buffer.size() > 0) {  // the client sent its next request already
             beginRequest();
             parse();
@@ -219,26 +281,30 @@ private:
         } else {
             socket().async_wait(tcp::socket::wait_read,
                                 [self = shared_from_this(), this](error_code ec) {
-                                    if (ec || timedOut || phase == Phase::Closed) {
-                                        closeNow();
-                                    } else {
-                                        read();
-                                    }
+                                    guarded([&] {
+                                        if (ec || timedOut || phase == Phase::Closed) {
+                                            closeNow();
+                                        } else {
+                                            read();
+                                        }
+                                    });
                                 });
         }
     }
 
     void beginRequest() {
-        phase = Phase::Reading;
+        phase = Phase::Head;
+        scanner.emplace(limits.maxHeadBytes, Protocol::kMaxHeaderLineBytes);
         started = Clock::now();
         requestDeadline = started + milliseconds(limits.requestTimeoutMs);
         setDeadline(std::min(requestDeadline, started + milliseconds(limits.readTimeoutMs)));
     }
 
     void read() {
-        stream.async_read_some(
-            buffer.prepare(kReadChunkBytes),
-            [self = shared_from_this(), this](error_code ec, std::size_t n) { onRead(ec, n); });
+        stream.async_read_some(buffer.prepare(kReadChunkBytes),
+                               [self = shared_from_this(), this](error_code ec, std::size_t n) {
+                                   guarded([&] { onRead(ec, n); });
+                               });
     }
 
     void onRead(error_code ec, std::size_t n) {
@@ -268,71 +334,73 @@ private:
         parse();
     }
 
-    // Feeds what has arrived to the parser; reads more, refuses, or hands the
-    // request on.
+    // Acts on what has arrived: reads more, refuses, or hands the request on.
     void parse() {
+        if (phase == Phase::Head && !parseHead()) {
+            return;
+        }
         for (;;) {
-            if (!headEnded && !scanHeadLines()) {
-                refuse(Unreadable::HeaderLineTooLong);
+            if (parser->is_done()) {
+                handleRequest();
+                return;
+            }
+            if (buffer.size() == 0) {
+                read();
                 return;
             }
             error_code ec;
             const std::size_t used = parser->put(buffer.data(), ec);
             buffer.consume(used);
-            if (ec == http::error::need_more) {
-                ec = {};
-            }
-            if (ec) {
+            if (ec && ec != http::error::need_more) {
                 refuseUnparsable(ec);
                 return;
             }
-            if (!headDone && parser->is_header_done()) {
-                headDone = true;
-                started = Clock::now();
-                if (!admitHead()) {
-                    return;
-                }
-            }
-            if (parser->is_done()) {
-                handleRequest();
-                return;
-            }
-            if (used == 0 || buffer.size() == 0) {
+            if (used == 0) {
                 read();
                 return;
             }
         }
     }
 
-    // Counts the length of each head line over what has arrived; false when
-    // one is too long. Stops at the empty line that ends the head.
-    bool scanHeadLines() {
-        const char* bytes = static_cast<const char*>(buffer.data().data());
-        const std::size_t size = buffer.size();
-        for (; scanned < size; ++scanned) {
-            if (++lineBytes > Protocol::kMaxHeaderLineBytes) {
-                return false;
-            }
-            if (bytes[scanned] == '\n') {
-                if (sawRequestLine && lineBytes <= 2) {
-                    headEnded = true;
-                    return true;
-                }
-                sawRequestLine = true;
-                lineBytes = 0;
-            }
+    // The parser gets the head only once the scanner has found it whole and
+    // within the limits, and then exactly its bytes: what follows it never
+    // counts against it. True when the body (if any) is to be read now.
+    bool parseHead() {
+        const HeadVerdict verdict =
+            scanner->scan(static_cast<const char*>(buffer.data().data()), buffer.size());
+        if (verdict.kind == HeadVerdict::Kind::NeedMore) {
+            read();
+            return false;
         }
-        return true;
+        if (verdict.kind == HeadVerdict::Kind::Refused) {
+            refuse(verdict.refusal);
+            return false;
+        }
+        parser->header_limit(static_cast<std::uint32_t>(verdict.headBytes));
+        error_code ec;
+        const std::size_t used = parser->put(asio::buffer(buffer.data(), verdict.headBytes), ec);
+        if (!ec && !parser->is_header_done()) {
+            ec = http::error::bad_line_ending;  // the parser sees no end where the scanner did
+        }
+        if (ec) {
+            refuseUnparsable(ec);
+            return false;
+        }
+        buffer.consume(used);
+        phase = Phase::Body;
+        started = Clock::now();
+        return admitHead();
     }
 
     // The head is read: framing, the handler's own checks, and a 100 Continue
     // for a client that waits for one. False when the request was refused.
     bool admitHead() {
         const HttpRequest& head = parser->get();
+        // The parser itself refuses a length beside chunked, but takes any
+        // other transfer coding, which this server does not decode.
         const auto encoding = head.find(http::field::transfer_encoding);
         const bool hasLength = head.find(http::field::content_length) != head.end();
-        if (encoding != head.end() &&
-            (hasLength || !beast::iequals(encoding->value(), "chunked"))) {
+        if (encoding != head.end() && !beast::iequals(encoding->value(), "chunked")) {
             refuse(Unreadable::BadFraming);
             return false;
         }
@@ -344,7 +412,7 @@ private:
         bool admitted = false;
         try {
             admitted = core.handler.admitHead(head, refusal);
-        } catch (const std::exception&) {
+        } catch (...) {
             refusal = HttpReply();
             refusal.status = 500;
             refusal.body = "The server failed to examine the request.\n";
@@ -361,11 +429,13 @@ private:
             head.version() >= 11 && !parser->is_done() && buffer.size() == 0) {
             asio::async_write(stream, asio::buffer(kContinue, sizeof kContinue - 1),
                               [self = shared_from_this(), this](error_code ec, std::size_t) {
-                                  if (ec || timedOut || phase == Phase::Closed) {
-                                      closeNow();
-                                  } else {
-                                      read();  // the body comes now
-                                  }
+                                  guarded([&] {
+                                      if (ec || timedOut || phase == Phase::Closed) {
+                                          closeNow();
+                                      } else {
+                                          read();  // the body comes now
+                                      }
+                                  });
                               });
             return false;
         }
@@ -375,11 +445,9 @@ private:
     void refuseUnparsable(error_code ec) {
         const beast::string_view pending(static_cast<const char*>(buffer.data().data()),
                                          buffer.size());
-        if (ec == http::error::header_limit) {
-            refuse(Unreadable::HeadTooLong);
-        } else if (ec == http::error::body_limit) {
+        if (ec == http::error::body_limit) {
             refuse(Unreadable::BodyTooLong);
-        } else if (ec == http::error::bad_content_length && !headDone &&
+        } else if (ec == http::error::bad_content_length && phase == Phase::Head &&
                    hugeDecimalLength(pending)) {
             refuse(Unreadable::BodyTooLong);
         } else if (ec == http::error::bad_content_length ||
@@ -399,7 +467,7 @@ private:
         HttpReply reply;
         try {
             core.handler.handle(*request, reply);
-        } catch (const std::exception&) {
+        } catch (...) {
             reply = HttpReply();
             reply.status = 500;
             reply.body = "The server failed to handle the request.\n";
@@ -414,7 +482,7 @@ private:
     // connection is no next request, so the connection closes after it.
     void refuse(Unreadable why) {
         timedOut = false;
-        if (headDone) {
+        if (phase == Phase::Body) {
             request.emplace(parser->release());
         } else {
             request.reset();
@@ -452,9 +520,10 @@ private:
     }
 
     void writeSome() {
-        http::async_write_some(
-            stream, *serializer,
-            [self = shared_from_this(), this](error_code ec, std::size_t) { onWrite(ec); });
+        http::async_write_some(stream, *serializer,
+                               [self = shared_from_this(), this](error_code ec, std::size_t) {
+                                   guarded([&] { onWrite(ec); });
+                               });
     }
 
     void onWrite(error_code ec) {
@@ -490,7 +559,7 @@ private:
             reply.onComplete = nullptr;
             try {
                 onComplete(delivered);
-            } catch (const std::exception&) {
+            } catch (...) {
                 // The reply is gone either way; nothing else depends on it.
             }
         }
@@ -503,7 +572,7 @@ private:
             std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - started).count();
         try {
             core.handler.answered(outcome);
-        } catch (const std::exception&) {
+        } catch (...) {
             // A log or metrics failure must not take the connection down.
         }
         serializer.reset();
@@ -516,7 +585,8 @@ private:
         phase = Phase::Closing;
         setDeadline(Clock::now() + milliseconds(std::min(limits.readTimeoutMs, kLingerMs)));
         if constexpr (kTls) {
-            stream.async_shutdown([self = shared_from_this(), this](error_code) { closeNow(); });
+            stream.async_shutdown(
+                [self = shared_from_this(), this](error_code) { guarded([&] { closeNow(); }); });
         } else {
             error_code ignored;
             socket().shutdown(tcp::socket::shutdown_send, ignored);
@@ -529,12 +599,14 @@ private:
         socket().async_read_some(
             buffer.prepare(kReadChunkBytes),
             [self = shared_from_this(), this, drained](error_code ec, std::size_t n) {
-                buffer.consume(buffer.size());
-                if (ec || timedOut || drained + n > kLingerBytes) {
-                    closeNow();
-                } else {
-                    linger(drained + n);
-                }
+                guarded([&] {
+                    buffer.consume(buffer.size());
+                    if (ec || timedOut || drained + n > kLingerBytes) {
+                        closeNow();
+                    } else {
+                        linger(drained + n);
+                    }
+                });
             });
     }
 
@@ -567,23 +639,27 @@ private:
         const unsigned generation = ++timerGeneration;
         timerArmed = true;
         timer.async_wait([self = shared_from_this(), this, generation](error_code ec) {
-            if (generation != timerGeneration) {
-                return;  // re-armed or closed since
-            }
-            timerArmed = false;
-            if (ec || phase == Phase::Closed) {
-                return;
-            }
-            if (Clock::now() < deadline) {
-                armTimer(deadline);
-                return;
-            }
-            // The pending read, write or handshake ends with an error and
-            // sees timedOut.
-            timedOut = true;
-            error_code ignored;
-            socket().cancel(ignored);
+            guarded([&] { onTimer(ec, generation); });
         });
+    }
+
+    void onTimer(error_code ec, unsigned generation) {
+        if (generation != timerGeneration) {
+            return;  // re-armed or closed since
+        }
+        timerArmed = false;
+        if (ec || phase == Phase::Closed) {
+            return;
+        }
+        if (Clock::now() < deadline) {
+            armTimer(deadline);
+            return;
+        }
+        // The pending read, write or handshake ends with an error and
+        // sees timedOut.
+        timedOut = true;
+        error_code ignored;
+        socket().cancel(ignored);
     }
 
     Stream stream;
@@ -593,13 +669,9 @@ private:
     Phase phase = Phase::Idle;
     beast::flat_buffer buffer;
 
+    std::optional<HeadScanner> scanner;
     std::optional<http::request_parser<http::string_body>> parser;
     std::optional<HttpRequest> request;
-    bool headEnded = false;  // the head's empty line has arrived
-    bool headDone = false;   // the parser has the head
-    bool sawRequestLine = false;
-    std::size_t scanned = 0;  // head bytes whose line lengths are counted
-    std::size_t lineBytes = 0;
     std::size_t served = 0;       // requests on this connection
     Clock::time_point started{};  // end of the head, or the first byte
     Clock::time_point requestDeadline{};

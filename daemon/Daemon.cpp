@@ -74,7 +74,7 @@ std::string fieldOf(const RequestHeaders& fields, const char* name) {
     return found == fields.end() ? std::string() : found->second;
 }
 
-ServerOptions serverOptions(const DaemonOptions& options) {
+ServerOptions serverOptions(const DaemonOptions& options, Log& log) {
     ServerOptions server;
     server.limits.readTimeoutMs = options.readTimeoutMs;
     server.limits.requestTimeoutMs = options.requestTimeoutMs;
@@ -82,6 +82,9 @@ ServerOptions serverOptions(const DaemonOptions& options) {
     server.limits.keepAliveRequests = options.keepAliveRequests;
     server.limits.maxHeadBytes = options.maxHeadBytes;
     server.limits.maxBodyBytes = options.limits.maxBodyBytes;
+    server.limits.maxConnections = options.maxConnections;
+    server.limits.tlsHandshakeTimeoutMs = options.tlsHandshakeTimeoutMs;
+    server.log = &log;
     server.threads = options.threads;
     server.tlsCertificateFile = options.tlsCertificateFile;
     server.tlsKeyFile = options.tlsKeyFile;
@@ -95,7 +98,7 @@ struct Daemon::Impl : HttpHandler {
         : options(options),
           log(out, options.logLevel, options.logFormat),
           engine(store ? std::move(store) : std::make_unique<Engine::MemoryStore>(options.limits)),
-          server(serverOptions(options), *this) {}
+          server(serverOptions(options, log), *this) {}
 
     bool admitHead(const HttpRequest& head, HttpReply& refusal) override;
     void handle(const HttpRequest& request, HttpReply& reply) override;

@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 
+#include "daemon/HttpServer.h"
 #include "daemon/Log.h"
 #include "engine/ServiceEngine.h"
 
@@ -33,6 +34,8 @@ struct DaemonOptions {
     long keepAliveSeconds = 5;
     std::size_t keepAliveRequests = 1000;
     std::size_t maxHeadBytes = 64 * 1024;
+    std::size_t maxConnections = ServerLimits().maxConnections;
+    long tlsHandshakeTimeoutMs = ServerLimits().tlsHandshakeTimeoutMs;
     LogLevel logLevel = LogLevel::Info;
     LogFormat logFormat = LogFormat::Text;
     std::string token;               // empty: no Authorization asked for

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <thread>
 
+#include "daemon/Log.h"
 #include "daemon/internal/Connection.h"
 
 namespace Arvant {
@@ -39,11 +40,13 @@ std::string describe(const std::string& host, int port) {
 struct HttpServer::Impl {
     Impl(const ServerOptions& options, HttpHandler& handler)
         : options(options),
-          core(options.limits, handler),
+          core(options.limits, handler, options.log),
           io(static_cast<int>(std::max(1u, options.threads))) {}
 
     bool loadTls(std::string& error);
     void accept();
+    // Accepts again after kAcceptRetry.
+    void acceptLater() noexcept;
 
     const ServerOptions options;
     ServerCore core;  // outlives the connections the I/O context destroys
@@ -66,6 +69,10 @@ bool HttpServer::Impl::loadTls(std::string& error) {
     tls->set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 |
                      asio::ssl::context::no_sslv3 | asio::ssl::context::no_tlsv1 |
                      asio::ssl::context::no_tlsv1_1 | asio::ssl::context::single_dh_use);
+    // An idle connection gives its record buffers back, and the session cache
+    // (stateful resumption; tickets need none) cannot grow with the clients.
+    SSL_CTX_set_mode(tls->native_handle(), SSL_MODE_RELEASE_BUFFERS);
+    SSL_CTX_set_session_cache_mode(tls->native_handle(), SSL_SESS_CACHE_OFF);
     error_code ec;
     tls->use_certificate_chain_file(options.tlsCertificateFile, ec);
     if (ec) {
@@ -87,18 +94,41 @@ void HttpServer::Impl::accept() {
         if (core.stopping || ec == asio::error::operation_aborted || !acceptor.is_open()) {
             return;
         }
-        if (ec) {  // out of descriptors or memory: the pending connection waits
-            acceptPause.expires_after(kAcceptRetry);
-            acceptPause.async_wait([this](error_code waited) {
-                if (!waited && !core.stopping) {
-                    accept();
-                }
-            });
-            return;
+        // Nothing thrown may leave the handler: it would end io_context::run.
+        try {
+            if (ec) {  // out of descriptors or memory: the pending connection waits
+                acceptLater();
+                return;
+            }
+            if (core.openConnections() >= options.limits.maxConnections) {
+                error_code ignored;
+                socket.close(ignored);  // past the cap: the client sees its connection closed
+            } else {
+                startConnection(core, std::move(socket), tls.get());
+            }
+            accept();
+        } catch (const std::exception& e) {
+            core.note(LogLevel::Error, std::string("cannot accept a connection: ") + e.what());
+            acceptLater();
         }
-        startConnection(core, std::move(socket), tls.get());
-        accept();
     });
+}
+
+void HttpServer::Impl::acceptLater() noexcept {
+    try {
+        acceptPause.expires_after(kAcceptRetry);
+        acceptPause.async_wait([this](error_code waited) {
+            if (!waited && !core.stopping) {
+                try {
+                    accept();
+                } catch (const std::exception&) {
+                    acceptLater();
+                }
+            }
+        });
+    } catch (const std::exception& e) {
+        core.note(LogLevel::Error, std::string("accepting stopped: ") + e.what());
+    }
 }
 
 HttpServer::HttpServer(const ServerOptions& options, HttpHandler& handler)

@@ -3,8 +3,14 @@
 // Event-driven: a connection holds no thread. `threads` I/O threads run every
 // connection's reads, writes and time-outs, and the handler's work, which must
 // therefore be short. Every connection is bounded in size and time:
-//   - a request head holds at most maxHeadBytes and each of its lines at most
-//     Protocol::kMaxHeaderLineBytes (431), its body at most maxBodyBytes (413),
+//   - at most maxConnections are open, TLS ones still in their handshake
+//     included; one accepted past that is closed at once (so a flood meets a
+//     closed connection rather than a listen queue that never moves),
+//   - a TLS connection that has not finished its handshake within
+//     tlsHandshakeTimeoutMs closes (a failed handshake is logged at info),
+//   - each request head, measured alone (neither what was pipelined before it
+//     nor its body counts), holds at most maxHeadBytes and each of its lines
+//     at most Protocol::kMaxHeaderLineBytes (431), its body at most maxBodyBytes (413),
 //   - a request must arrive whole within requestTimeoutMs of its first byte,
 //     and the client may not fall silent for readTimeoutMs in the middle of it
 //     (408, then the connection closes),
@@ -13,6 +19,8 @@
 // Framing is strict: a head with both Content-Length and Transfer-Encoding, a
 // malformed length or chunk, or a body without either is refused at once and
 // the connection closes, so no leftover byte is ever read as a request.
+// Whatever a handler throws costs at most its request (500) or its connection;
+// it never leaves an I/O thread.
 //
 // Thread safety: stop() may be called from any thread; everything else from
 // the thread that owns the server. Handler calls happen on the I/O threads,
@@ -37,6 +45,8 @@ namespace Net {
 namespace AvQuorvel {
 namespace Daemon {
 
+class Log;
+
 struct ServerLimits {
     long readTimeoutMs = 5000;
     long requestTimeoutMs = 30000;
@@ -44,6 +54,10 @@ struct ServerLimits {
     std::size_t keepAliveRequests = 1000;
     std::size_t maxHeadBytes = 64 * 1024;
     std::size_t maxBodyBytes = 16 * 1024 * 1024;
+    // A pending TLS connection holds about 90 KB: the default keeps a flood of
+    // them near 1.5 GB, and leaves room for ten thousand idle clients.
+    std::size_t maxConnections = 16384;
+    long tlsHandshakeTimeoutMs = 10000;
 };
 
 struct ServerOptions {
@@ -52,6 +66,9 @@ struct ServerOptions {
     // Both set: HTTPS with this PEM certificate chain and private key.
     std::string tlsCertificateFile;
     std::string tlsKeyFile;
+    // Where the server tells of failed handshakes and of connections it had to
+    // close on an exception; not owned, may be null.
+    Log* log = nullptr;
 };
 
 using HttpRequest = boost::beast::http::request<boost::beast::http::string_body>;

@@ -1,5 +1,7 @@
 #include "daemon/Token.h"
 
+#include <openssl/crypto.h>
+
 #include <fstream>
 #include <iterator>
 
@@ -33,21 +35,18 @@ bool readTokenFile(const std::string& path, std::string& token, std::string& err
 }
 
 bool bearerMatches(const std::string& authorization, const std::string& token) {
-    static const char scheme[] = "bearer ";
-    constexpr std::size_t schemeLength = sizeof scheme - 1;
-    unsigned difference = authorization.size() != schemeLength + token.size() ? 1 : 0;
-    for (std::size_t i = 0; i < schemeLength; ++i) {
-        const char c = i < authorization.size() ? authorization[i] : '\0';
-        difference |= static_cast<unsigned>((c >= 'A' && c <= 'Z' ? c + 32 : c) ^ scheme[i]);
+    const std::string expected = "bearer " + token;
+    // As long as the expected value, whatever was sent, so the compare takes
+    // the same time for a given token; the scheme in any case.
+    std::string value = authorization;
+    value.resize(expected.size(), '\0');
+    for (std::size_t i = 0; i < 6 && i < value.size(); ++i) {
+        if (value[i] >= 'A' && value[i] <= 'Z') {
+            value[i] = static_cast<char>(value[i] - 'A' + 'a');
+        }
     }
-    // Every byte of the token is compared, whatever the value's length.
-    for (std::size_t i = 0; i < token.size(); ++i) {
-        const std::size_t at = schemeLength + i;
-        const char c = at < authorization.size() ? authorization[at] : '\0';
-        difference |= static_cast<unsigned>(static_cast<unsigned char>(c) ^
-                                            static_cast<unsigned char>(token[i]));
-    }
-    return difference == 0;
+    const bool same = CRYPTO_memcmp(value.data(), expected.data(), expected.size()) == 0;
+    return same && authorization.size() == expected.size();
 }
 
 }  // namespace Daemon

@@ -86,6 +86,14 @@ int main(int argc, char** argv) {
                    "Close a connection idle between requests after this many seconds")
         ->capture_default_str()
         ->check(CLI::Range(1, 3600));
+    app.add_option("--max-connections", options.maxConnections,
+                   "Most open connections, TLS handshakes included; one past it is closed at once")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--tls-handshake-timeout-ms", options.tlsHandshakeTimeoutMs,
+                   "Close a TLS connection whose handshake is not done after this")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
     app.add_option("--token-file", tokenFile,
                    "Every request but GET /healthz must carry Authorization: Bearer <the "
                    "file's token>");

@@ -12,9 +12,11 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <unordered_set>
 
 #include "daemon/HttpServer.h"
+#include "daemon/Log.h"
 
 namespace Arvant {
 namespace Net {
@@ -24,22 +26,28 @@ namespace Daemon {
 class ConnectionBase;
 
 struct ServerCore {
-    ServerCore(const ServerLimits& limits, HttpHandler& handler)
-        : limits(limits), handler(handler) {}
+    ServerCore(const ServerLimits& limits, HttpHandler& handler, Log* log)
+        : limits(limits), handler(handler), log(log) {}
 
     void add(ConnectionBase* connection);
     void remove(ConnectionBase* connection);
     // Sets stopping and asks every open connection to stop.
     void stopAll();
     std::size_t openConnections() const { return open.load(); }
+    // Logs text when there is a log; never throws.
+    void note(LogLevel level, const std::string& text) const noexcept;
 
     const ServerLimits limits;
     HttpHandler& handler;
+    Log* const log;  // may be null
     std::atomic<bool> stopping{false};
 
 private:
-    std::mutex mutex;  // guards connections
+    static constexpr std::size_t kTrimEvery = 1024;
+
+    std::mutex mutex;  // guards connections and closedSinceTrim
     std::unordered_set<ConnectionBase*> connections;
+    std::size_t closedSinceTrim = 0;
     std::atomic<std::size_t> open{0};
 };
 

@@ -1,17 +1,15 @@
-// quorveld as a child process on an ephemeral loopback port, and raw loopback
-// connections to it, for the tests of the daemon's server side.
+// quorveld as a child process on an ephemeral loopback port, for the tests of
+// the daemon's server side (RawConnection.h talks to it byte by byte).
 #ifndef AVQVL_TESTS_DAEMON_DAEMONPROCESS_H
 #define AVQVL_TESTS_DAEMON_DAEMONPROCESS_H
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
 
 #include <cstdio>
 #include <string>
 
 #include "daemon/DaemonHarness.h"
+#include "daemon/RawConnection.h"
 
 namespace Harness {
 
@@ -34,45 +32,6 @@ public:
     std::string url() const { return "QUORVEL_URL=http://127.0.0.1:" + std::to_string(port); }
     int port = 0;
 };
-
-// A raw loopback connection, for requests no client of the library sends.
-class RawConnection {
-public:
-    explicit RawConnection(int port) {
-        sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-        connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    ~RawConnection() { ::close(fd); }
-    RawConnection(const RawConnection&) = delete;
-    RawConnection& operator=(const RawConnection&) = delete;
-
-    void send(const std::string& bytes) { ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-    // What arrives until the peer closes (closed is set) or is silent for timeoutMs.
-    std::string receive(int timeoutMs) {
-        std::string received;
-        char buffer[4096];
-        pollfd entry{fd, POLLIN, 0};
-        while (!closed && ::poll(&entry, 1, timeoutMs) > 0) {
-            const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
-            closed = n <= 0;
-            received.append(buffer, closed ? 0 : n);
-        }
-        return received;
-    }
-    bool connected = false;
-    bool closed = false;
-
-private:
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-};
-
-// One request on a connection of its own: what came back until the daemon
-// closed or fell silent for timeoutMs.
-inline std::string exchangeRaw(int port, const std::string& request, int timeoutMs = 3000) {
-    RawConnection connection(port);
-    connection.send(request);
-    return connection.receive(timeoutMs);
-}
 
 }  // namespace Harness
 

@@ -1,5 +1,6 @@
-// The daemon's server in-process: the completion seam of a reply, and the
-// pieces the daemon builds on it (the token check, the metrics text).
+// The daemon's server in-process: the completion seam of a reply, the head
+// limit, handlers that throw, and the pieces the daemon builds on it (the token
+// check, the metrics text).
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,17 +10,93 @@
 
 #include <chrono>
 #include <future>
+#include <regex>
 #include <string>
 #include <thread>
 
 #include "daemon/HttpServer.h"
 #include "daemon/Metrics.h"
+#include "daemon/RawConnection.h"
 #include "daemon/Token.h"
 
 using namespace Arvant::Net::AvQuorvel::Daemon;
 using ::testing::HasSubstr;
 
 namespace {
+
+// A server on an ephemeral loopback port, served by a thread of its own until
+// the end of the scope.
+class Served {
+public:
+    Served(HttpHandler& handler, const ServerOptions& options) : server(options, handler) {
+        std::string error;
+        EXPECT_TRUE(server.bind("127.0.0.1", 0, error)) << error;
+        serving = std::thread([this] { server.run(); });
+    }
+    ~Served() {
+        server.stop();
+        serving.join();
+    }
+    int port() const { return server.port(); }
+
+private:
+    HttpServer server;
+    std::thread serving;
+};
+
+// Answers 200; a request for /admit, /handle, /answered or /complete makes
+// that call throw something that is no std::exception.
+class Thrower : public HttpHandler {
+public:
+    bool admitHead(const HttpRequest& head, HttpReply&) override {
+        throwIf(head, "/admit");
+        return true;
+    }
+    void handle(const HttpRequest& request, HttpReply& reply) override {
+        throwIf(request, "/handle");
+        if (request.target() == "/complete") {
+            reply.onComplete = [](bool) { throw 42; };
+        }
+    }
+    void answered(const RequestOutcome& outcome) override {
+        if (outcome.request != nullptr) {
+            throwIf(*outcome.request, "/answered");
+        }
+    }
+
+private:
+    static void throwIf(const HttpRequest& request, const char* path) {
+        if (request.target() == path) {
+            throw 42;
+        }
+    }
+};
+
+// The statuses of the answers in text, in order, space-separated.
+std::string statuses(const std::string& text) {
+    static const std::regex status("HTTP/1\\.1 ([0-9]{3}) ");
+    std::string found;
+    for (std::sregex_iterator it(text.begin(), text.end(), status), end; it != end; ++it) {
+        found += (found.empty() ? "" : " ") + (*it)[1].str();
+    }
+    return found;
+}
+
+// A GET head of exactly `bytes` bytes, its empty line included, made of header
+// lines of at most 8000 bytes.
+std::string headOf(std::size_t bytes, bool close) {
+    std::string head = close ? "GET / HTTP/1.1\r\nConnection: close\r\n" : "GET / HTTP/1.1\r\n";
+    std::size_t left = bytes - head.size() - 2;
+    while (left > 0) {
+        std::size_t line = std::min<std::size_t>(left, 8000);
+        if (left - line > 0 && left - line < 5) {
+            line = left - 5;  // the shortest line, "X: \r\n", must still fit
+        }
+        head += "X: " + std::string(line - 5, 'a') + "\r\n";
+        left -= line;
+    }
+    return head + "\r\n";
+}
 
 // Answers every request with `size` bytes and reports, through a promise, what
 // the server says became of the answer.
@@ -74,12 +151,9 @@ TEST(HttpServerTest, CompletionSaysWhetherTheAnswerWasWrittenWhole) {
         LargeAnswers handler(size);
         ServerOptions options;
         options.threads = 2;
-        HttpServer server(options, handler);
-        std::string error;
-        ASSERT_TRUE(server.bind("127.0.0.1", 0, error)) << error;
-        std::thread serving([&server] { server.run(); });
+        Served served(handler, options);
 
-        const int fd = connectSmall(server.port());
+        const int fd = connectSmall(served.port());
         auto outcome = handler.outcome.get_future();
         // The answer's head is under 100 bytes.
         const std::size_t wanted = clientReads ? size + 80 : 1;
@@ -87,13 +161,54 @@ TEST(HttpServerTest, CompletionSaysWhetherTheAnswerWasWrittenWhole) {
         ::close(fd);  // with unread bytes: the connection is reset
         ASSERT_EQ(outcome.wait_for(std::chrono::seconds(20)), std::future_status::ready);
         EXPECT_EQ(outcome.get(), clientReads);
-        server.stop();
-        serving.join();
+    }
+}
+
+// Each request head is measured alone, against the documented 64 KiB: however
+// much was pipelined before it.
+TEST(HttpServerTest, HeadLimitCountsOneHeadAtATime) {
+    Thrower handler;
+    Served served(handler, ServerOptions());
+    std::string pipelined, expected;
+    for (int i = 0; i < 200; ++i) {
+        pipelined += "POST / HTTP/1.1\r\nContent-Length: 10240\r\n" +
+                     std::string(i == 199 ? "Connection: close\r\n\r\n" : "\r\n") +
+                     std::string(10240, 'x');
+        expected += i == 0 ? "200" : " 200";
+    }
+    const struct {
+        std::string request, statuses;
+    } table[] = {
+        {pipelined, expected},
+        {headOf(64 * 1024, true), "200"},
+        {headOf(64 * 1024 + 1, true), "431"},
+    };
+    for (const auto& row : table) {
+        Harness::RawConnection connection(served.port());
+        connection.send(row.request);
+        EXPECT_EQ(statuses(connection.receive(5000)), row.statuses) << row.request.size();
+        EXPECT_TRUE(connection.closed) << row.request.size();
+    }
+}
+
+// Whatever a handler throws ends its own request at most, never the server.
+TEST(HttpServerTest, WhatAHandlerThrowsStaysWithItsRequest) {
+    Thrower handler;
+    Served served(handler, ServerOptions());
+    const std::pair<const char*, const char*> table[] = {
+        {"/admit", "500"},    {"/handle", "500"}, {"/answered", "200"},
+        {"/complete", "200"}, {"/", "200"},
+    };
+    for (const auto& row : table) {
+        const std::string answer =
+            Harness::exchangeRaw(served.port(), std::string("GET ") + row.first +
+                                                    " HTTP/1.1\r\nConnection: close\r\n\r\n");
+        EXPECT_EQ(statuses(answer), row.second) << row.first;
     }
 }
 
 TEST(HttpServerTest, StopBeforeRunEndsRunAtOnce) {
-    LargeAnswers handler(1);
+    Thrower handler;
     HttpServer server(ServerOptions(), handler);
     std::string error;
     ASSERT_TRUE(server.bind("127.0.0.1", 0, error)) << error;

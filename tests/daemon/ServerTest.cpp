@@ -112,7 +112,9 @@ TEST(ServerTest, SlowAndIdleConnectionsLeaveRoomForOthers) {
 }
 
 // A request is framed one way only; anything else is refused at once (the
-// read time-out is far away) and nothing after it is read as a request.
+// read time-out is far away), the connection closes and nothing after it is
+// read as a request. A length beside chunked is the parser's own refusal (the
+// first two rows); a length beside another coding is the server's.
 TEST(ServerTest, AmbiguousOrMalformedFramingIsRefusedAndCloses) {
     DaemonProcess daemon({"--read-timeout-ms=20000"});
     const std::string smuggled = "GET /healthz HTTP/1.1\r\nHost: t\r\n\r\n";
@@ -122,6 +124,8 @@ TEST(ServerTest, AmbiguousOrMalformedFramingIsRefusedAndCloses) {
         {kStatus + "Transfer-Encoding: chunked\r\nContent-Length: 5\r\n\r\n0\r\n\r\n" + smuggled,
          "400"},
         {kStatus + "Transfer-Encoding: gzip\r\n\r\n" + smuggled, "400"},
+        {kStatus + "Transfer-Encoding: gzip\r\nContent-Length: 5\r\n\r\nhello" + smuggled, "400"},
+        {kStatus + "Quorvel-Field: no-equals-sign\r\nContent-Length: 0\r\n\r\n" + smuggled, "400"},
         {kStatus + "Transfer-Encoding: chunked\r\n\r\n-1\r\nx\r\n", "400"},
         {kStatus + "Transfer-Encoding: chunked\r\n\r\nzz\r\nx\r\n", "400"},
         {kStatus + "Transfer-Encoding: chunked\r\n\r\n2\r\nxyzzy\r\n", "400"},
@@ -142,6 +146,28 @@ TEST(ServerTest, AmbiguousOrMalformedFramingIsRefusedAndCloses) {
                                      "5\r\nhello\r\n6;x=y\r\n world\r\n0\r\n\r\n");
     EXPECT_THAT(chunked, StartsWith("HTTP/1.1 200"));
     EXPECT_EQ(bodyOf(chunked), "hello world");
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+// Past --max-connections a connection is closed at once; once the others
+// have closed, the daemon serves again.
+TEST(ServerTest, ConnectionsPastTheCapAreClosedAtOnce) {
+    DaemonProcess daemon({"--max-connections=3", "--keep-alive-s=600"});
+    std::vector<std::unique_ptr<RawConnection>> held;
+    for (int i = 0; i < 3; ++i) {
+        held.push_back(std::make_unique<RawConnection>(daemon.port));
+    }
+    RawConnection past(daemon.port);
+    EXPECT_EQ(past.receive(5000), "");
+    EXPECT_TRUE(past.closed);
+    held.clear();
+    std::string health;
+    for (int i = 0; i < 250 && health.empty(); ++i) {  // until the daemon has seen them close
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        health = get(daemon.port, "/healthz");
+    }
+    EXPECT_THAT(health, StartsWith("HTTP/1.1 200"));
+    EXPECT_EQ(cli(daemon, {"status"}), kStatusText);
     EXPECT_EQ(daemon.stop(), 0);
 }
 
@@ -263,7 +289,8 @@ TEST(ServerTest, TlsServesClientsThatTrustTheCertificate) {
         ASSERT_EQ(made.code, 0) << made.err;
     }
 
-    DaemonProcess daemon({"--tls-cert", cert, "--tls-key", key});
+    DaemonProcess daemon({"--tls-cert", cert, "--tls-key", key, "--read-timeout-ms=60000",
+                          "--tls-handshake-timeout-ms=300"});
     const std::string base = "https://127.0.0.1:" + std::to_string(daemon.port);
     const Strings curl = {"/usr/bin/curl", "-sS", "--noproxy", "*", "--max-time", "10"};
     Strings trusted = curl;
@@ -300,9 +327,17 @@ TEST(ServerTest, TlsServesClientsThatTrustTheCertificate) {
     EXPECT_EQ(unverified.code, 1);
     EXPECT_THAT(unverified.err, HasSubstr("AvQVLConnectionException"));
     EXPECT_THAT(unverified.err, HasSubstr("certificate"));
-    // Plain HTTP on the TLS port gets no answer either.
+    // Plain HTTP on the TLS port gets no answer either; a client that never
+    // begins its handshake is closed after the handshake time-out. Both are
+    // logged with the peer.
     EXPECT_THAT(get(daemon.port, "/healthz"), ::testing::Not(StartsWith("HTTP/1.1 200")));
+    RawConnection silent(daemon.port);
+    EXPECT_EQ(silent.receive(20000), "");
+    EXPECT_TRUE(silent.closed) << "well before the read time-out";
     EXPECT_EQ(daemon.stop(), 0);
+    EXPECT_THAT(daemon.err(), ContainsRegex(" info TLS handshake with 127\\.0\\.0\\.1:[0-9]+ "
+                                            "failed: [^\n]+\n"));
+    EXPECT_THAT(daemon.err(), HasSubstr("failed: not done within 300 ms\n"));
 }
 
 TEST(ServerTest, LogsAsJsonAtTheChosenLevelAndTellsItsVersion) {

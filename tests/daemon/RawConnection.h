@@ -1,0 +1,56 @@
+// Raw loopback connections, for requests no client of the library sends, to
+// quorveld or to a server in the test's own process.
+#ifndef AVQVL_TESTS_DAEMON_RAWCONNECTION_H
+#define AVQVL_TESTS_DAEMON_RAWCONNECTION_H
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace Harness {
+
+// A raw loopback connection, for requests no client of the library sends.
+class RawConnection {
+public:
+    explicit RawConnection(int port) {
+        sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+    ~RawConnection() { ::close(fd); }
+    RawConnection(const RawConnection&) = delete;
+    RawConnection& operator=(const RawConnection&) = delete;
+
+    void send(const std::string& bytes) { ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+    // What arrives until the peer closes (closed is set) or is silent for timeoutMs.
+    std::string receive(int timeoutMs) {
+        std::string received;
+        char buffer[4096];
+        pollfd entry{fd, POLLIN, 0};
+        while (!closed && ::poll(&entry, 1, timeoutMs) > 0) {
+            const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+            closed = n <= 0;
+            received.append(buffer, closed ? 0 : n);
+        }
+        return received;
+    }
+    bool connected = false;
+    bool closed = false;
+
+private:
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+};
+
+// One request on a connection of its own: what came back until the daemon
+// closed or fell silent for timeoutMs.
+inline std::string exchangeRaw(int port, const std::string& request, int timeoutMs = 3000) {
+    RawConnection connection(port);
+    connection.send(request);
+    return connection.receive(timeoutMs);
+}
+
+}  // namespace Harness
+
+#endif  // AVQVL_TESTS_DAEMON_RAWCONNECTION_H
