@@ -268,7 +268,7 @@ TEST_F(ServiceEngineTest, AdminListsAndEvictsClients) {
         return headers;
     };
     std::string listed, evicted;
-    ServiceFailure failure;
+    Failure failure;
     ASSERT_TRUE(engine.handle(admin("listClients", "", ""), "", listed, failure));
     const std::regex client(
         "<ns0:client serverId=\"S\" clientId=\"(a|b&amp;&quot;c&quot;)\" waitingEvents=\"(\\d)\" "
