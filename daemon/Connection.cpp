@@ -5,6 +5,7 @@
 #include "daemon/internal/Connection.h"
 
 #include <boost/asio/dispatch.hpp>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -396,14 +397,21 @@ private:
         phase = Phase::Handling;
         ++served;
         request.emplace(parser->release());
-        HttpReply reply;
-        try {
-            core.handler.handle(*request, reply);
-        } catch (const std::exception&) {
-            reply = HttpReply();
-            reply.status = 500;
-            reply.body = "The server failed to handle the request.\n";
-        }
+        // The handler may answer from another thread, later: the connection
+        // waits (and keeps the I/O context running) until then, and takes the
+        // reply back on its strand.
+        auto executor = socket().get_executor();
+        core.handler.handleLater(
+            *request, [self = shared_from_this(), this, executor,
+                       work = asio::make_work_guard(executor)](HttpReply reply) {
+                asio::dispatch(executor, [self, this, reply = std::move(reply)]() mutable {
+                    replyReady(std::move(reply));
+                });
+            });
+    }
+
+    void replyReady(HttpReply&& reply) {
+        timedOut = false;  // a deadline that passed while the handler worked
         reply.close = reply.close || !request->keep_alive();
         sendReply(std::move(reply));
     }

@@ -1,12 +1,15 @@
 #include "daemon/Daemon.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <utility>
 
 #include "daemon/HttpServer.h"
 #include "daemon/Metrics.h"
+#include "daemon/StoreWatch.h"
 #include "daemon/Token.h"
+#include "daemon/WorkPool.h"
 #include "engine/MemoryStore.h"
 #include "wire/HttpWire.h"
 
@@ -23,7 +26,16 @@ using Engine::ServiceFailure;
 namespace {
 
 const char* const kHealthPath = "/healthz";
+const char* const kReadyPath = "/readyz";
 const char* const kMetricsPath = "/metrics";
+// How long a probe or a scrape waits on an I/O thread for the store's answer
+// before it takes the last one (StoreWatch.h): short enough that a hung store
+// never makes a probe late, long enough for any store that is well.
+constexpr std::chrono::milliseconds kProbeWait{50};
+
+bool probePath(const std::string& path) {
+    return path == kHealthPath || path == kReadyPath;
+}
 
 void answer(HttpReply& reply, int status, const std::string& message) {
     reply.status = status;
@@ -94,22 +106,30 @@ struct Daemon::Impl : HttpHandler {
         : options(options),
           log(out, options.logLevel, options.logFormat),
           engine(store ? std::move(store) : std::make_unique<Engine::MemoryStore>(options.limits)),
+          storeWatch(engine),
+          pool(options.storeThreads, options.storeQueue),
           server(serverOptions(options), *this) {}
 
     bool admitHead(const HttpRequest& head, HttpReply& refusal) override;
     void handle(const HttpRequest& request, HttpReply& reply) override;
+    void handleLater(const HttpRequest& request, std::function<void(HttpReply)> done) override;
     void answered(const RequestOutcome& outcome) override;
     void exchange(const HttpRequest& request, HttpReply& reply);
+    void scrape(HttpReply& reply);
 
     const DaemonOptions options;
     Log log;
     Engine::ServiceEngine engine;
     Metrics metrics;
+    StoreWatch storeWatch;
+    // Destroyed before the engine it calls, after the server whose connections
+    // it answers (the server's run() waits for every answer under way).
+    WorkPool pool;
     HttpServer server;
 };
 
 bool Daemon::Impl::admitHead(const HttpRequest& head, HttpReply& refusal) {
-    if (options.token.empty() || pathOf(head) == kHealthPath) {
+    if (options.token.empty() || probePath(pathOf(head))) {
         return true;
     }
     const auto authorization = head.find(http::field::authorization);
@@ -139,25 +159,72 @@ void Daemon::Impl::handle(const HttpRequest& request, HttpReply& reply) {
         } else {
             wrongMethod(reply, request, "GET");
         }
-    } else if (path == kMetricsPath) {
+    } else if (path == kReadyPath) {
         if (!get) {
             wrongMethod(reply, request, "GET");
             return;
         }
-        Gauges gauges;
-        const Engine::StoreStats stats = engine.stats();
-        gauges.registeredClients = stats.registeredClients;
-        gauges.waitingEvents = stats.waitingEvents;
-        gauges.waitingBytes = stats.waitingBytes;
-        gauges.openConnections = server.openConnections();
-        reply.contentType = "text/plain; version=0.0.4; charset=utf-8";
-        reply.body = metrics.render(gauges);
+        const StoreHealth health = storeWatch.check(kProbeWait);
+        answer(reply, health.ready ? 200 : 503, health.ready ? "ready" : health.cause);
+    } else if (path == kMetricsPath) {
+        if (get) {
+            scrape(reply);
+        } else {
+            wrongMethod(reply, request, "GET");
+        }
     } else {
         reply.close = true;
         answer(reply, 404,
                "There is nothing at " + path + "; an exchange is a POST to " + Wire::kExchangePath +
                    ".");
     }
+}
+
+// Exchanges call the store: they run on the pool, and a full pool answers 503
+// at once rather than queue without end behind a store that hangs. The rest
+// answers here, on the I/O thread, never waiting long on the store.
+void Daemon::Impl::handleLater(const HttpRequest& request, std::function<void(HttpReply)> done) {
+    if (!isExchange(request)) {
+        HttpHandler::handleLater(request, std::move(done));
+        return;
+    }
+    const bool queued = pool.trySubmit([this, &request, done] {
+        HttpReply reply;
+        try {
+            exchange(request, reply);
+        } catch (...) {
+            reply = HttpReply();
+            answer(reply, 500, "The daemon failed to serve the exchange.");
+        }
+        done(std::move(reply));
+    });
+    if (!queued) {
+        HttpReply busy;
+        busy.headers.emplace_back("Retry-After", "1");
+        answer(busy, 503,
+               "The daemon has " + std::to_string(options.storeQueue) +
+                   " exchanges waiting for its store already; try again later.");
+        done(std::move(busy));
+    }
+}
+
+// While the store fails, the scrape fails (503 with the cause) instead of
+// showing the request counters without the store gauges: a scraper keeps no
+// part of a failed scrape, so an incomplete page would only hide the outage,
+// and the counters lose nothing by waiting for the next scrape.
+void Daemon::Impl::scrape(HttpReply& reply) {
+    const StoreHealth health = storeWatch.check(kProbeWait);
+    if (!health.ready) {
+        answer(reply, 503, "The store's figures are not available: " + health.cause);
+        return;
+    }
+    Gauges gauges;
+    gauges.registeredClients = health.stats.registeredClients;
+    gauges.waitingEvents = health.stats.waitingEvents;
+    gauges.waitingBytes = health.stats.waitingBytes;
+    gauges.openConnections = server.openConnections();
+    reply.contentType = "text/plain; version=0.0.4; charset=utf-8";
+    reply.body = metrics.render(gauges);
 }
 
 void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
@@ -186,12 +253,19 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
         // its events back at the head of the client's queue. An answer written
         // whole but lost after that (the client dies before reading it) is not
         // seen here: that loss stays at most once.
+        // Putting them back is store work: on the pool, past its bound (one
+        // task per broken answer, and dropping it would lose the events).
         reply.onComplete = [this, delivery](bool delivered) {
-            ServiceFailure lost;
-            if (!delivered && !engine.redeliver(*delivery, lost)) {
-                log.message(LogLevel::Error,
-                            "events of an undelivered answer were lost: " + lost.message);
+            if (delivered) {
+                return;
             }
+            pool.submit([this, delivery] {
+                ServiceFailure lost;
+                if (!engine.redeliver(*delivery, lost)) {
+                    log.message(LogLevel::Error,
+                                "events of an undelivered answer were lost: " + lost.message);
+                }
+            });
         };
     }
 }

@@ -1,7 +1,11 @@
 // quorveld: the reference service engine behind the protocol of wire/HttpWire.h,
 // served by HttpServer.h. One POST to /quorvel/v1/exchange is one exchange;
-// GET /healthz answers "ok" (never asks for the token: a liveness probe needs
-// none and learns nothing), GET /metrics the Prometheus text of Metrics.h.
+// GET /healthz answers "ok" while the daemon serves (liveness: the store plays no
+// part), GET /readyz "ready" while the store answers, else 503 with the cause
+// (neither asks for the token: a probe needs none and learns nothing), GET
+// /metrics the Prometheus text of Metrics.h (503 with the cause while the store
+// fails). Exchanges run on a bounded pool of store threads (WorkPool.h), the
+// rest on the I/O threads, which never wait on the store for more than 50 ms.
 // With a token, every other request must carry "Authorization: Bearer
 // <token>" (401 otherwise, before its body is read).
 //
@@ -28,6 +32,10 @@ struct DaemonOptions {
     int port = 7070;  // 0 picks a free port
     Engine::ServiceLimits limits;
     unsigned threads = 1;  // I/O threads
+    // Threads that run exchanges (every store call), and how many exchanges may
+    // wait for one before the daemon answers 503 (Retry-After: 1).
+    unsigned storeThreads = 8;
+    std::size_t storeQueue = 1024;
     long readTimeoutMs = 5000;
     long requestTimeoutMs = 30000;
     long keepAliveSeconds = 5;
