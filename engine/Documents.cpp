@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "engine/Store.h"
+
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
@@ -88,6 +90,36 @@ void EventsDocument::add(const std::string& sender, std::uint64_t sequence,
 
 std::string EventsDocument::finish() {
     text += "</ns0:events>";
+    return std::move(text);
+}
+
+namespace {
+void appendAttribute(std::string& text, const char* name, const std::string& value) {
+    text += ' ';
+    text += name;
+    text += "=\"";
+    appendEscaped(text, value);
+    text += '"';
+}
+}  // namespace
+
+ClientsDocument::ClientsDocument() {
+    openRoot(text, "clients");
+}
+
+void ClientsDocument::add(const ClientInfo& client) {
+    text += "<ns0:client";
+    appendAttribute(text, "serverId", client.serverId);
+    appendAttribute(text, "clientId", client.clientId);
+    appendAttribute(text, "waitingEvents", std::to_string(client.waitingEvents));
+    appendAttribute(text, "waitingBytes", std::to_string(client.waitingBytes));
+    appendAttribute(text, "registeredMs", std::to_string(client.registeredMs));
+    appendAttribute(text, "lastFetchMs", std::to_string(client.lastFetchMs));
+    text += "/>";
+}
+
+std::string ClientsDocument::finish() {
+    text += "</ns0:clients>";
     return std::move(text);
 }
 

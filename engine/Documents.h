@@ -7,6 +7,10 @@
 //   \n<ns0:events xmlns:ns0="U">
 //   \n<ns0:event sender="K" sequence="7">text</ns0:event>...</ns0:events>
 //
+//   \n<ns0:clients xmlns:ns0="U"><ns0:client serverId="S" clientId="C"
+//   waitingEvents="2" waitingBytes="10" registeredMs="T" lastFetchMs="0"/>...
+//   </ns0:clients>
+//
 // U is kSchemaNamespace. Identifiers, senders and event texts are escaped: "&",
 // "<", ">", "%", quotation mark, apostrophe, line feed and tab become
 // references. Each writer is used by one thread; nothing throws but bad_alloc.
@@ -38,6 +42,19 @@ class EventsDocument {
 public:
     EventsDocument();
     void add(const std::string& sender, std::uint64_t sequence, const std::string& event);
+    std::string finish();
+
+private:
+    std::string text;
+};
+
+struct ClientInfo;
+
+// The operators' list of clients.
+class ClientsDocument {
+public:
+    ClientsDocument();
+    void add(const ClientInfo& client);
     std::string finish();
 
 private:

@@ -8,6 +8,20 @@ namespace Net {
 namespace AvQuorvel {
 namespace Engine {
 
+namespace {
+
+// Gives a text's bytes back to the store's count when its last copy goes.
+struct TextRelease {
+    std::shared_ptr<std::atomic<std::size_t>> storedBytes;
+    std::size_t size;
+    void operator()(const std::string* text) const {
+        *storedBytes -= size;
+        delete text;
+    }
+};
+
+}  // namespace
+
 // Runs one operation under the lock; running out of memory is a Limit failure,
 // and each operation below changes nothing before its last allocation.
 template <typename Operation>
@@ -34,7 +48,7 @@ MemoryStore::Client* MemoryStore::findClient(const std::string& serverId,
     return nullptr;
 }
 
-void MemoryStore::listClients(const std::string& serverId, ClientList& clients) const {
+void MemoryStore::copyIds(const std::string& serverId, ClientList& clients) const {
     clients.clear();
     auto group = servers.find(serverId);
     if (group != servers.end()) {
@@ -48,7 +62,7 @@ void MemoryStore::registerClient(const std::string& serverId, const std::string&
                                  ClientList& clients) {
     guarded([&] {
         if (findClient(serverId, clientId) != nullptr) {
-            listClients(serverId, clients);  // already known: its events stay
+            copyIds(serverId, clients);  // already known: its events stay
             return;
         }
         auto group = servers.find(serverId);
@@ -58,9 +72,9 @@ void MemoryStore::registerClient(const std::string& serverId, const std::string&
                                tooManyClientsMessage(serverId, clientId, count)};
         }
         ClientList after;
-        listClients(serverId, after);
+        copyIds(serverId, after);
         after.push_back(clientId);
-        Client added{clientId, {}};
+        Client added{clientId, {}, 0, epochMilliseconds(), 0};
         ServerGroup& target = servers[serverId];
         try {
             target.clients.push_back(std::move(added));
@@ -78,7 +92,7 @@ void MemoryStore::unregisterClient(const std::string& serverId, const std::strin
                                    ClientList& remaining) {
     guarded([&] {
         ClientList after;
-        listClients(serverId, after);
+        copyIds(serverId, after);
         after.erase(std::remove(after.begin(), after.end(), clientId), after.end());
         auto group = servers.find(serverId);
         if (group != servers.end()) {
@@ -96,7 +110,7 @@ void MemoryStore::unregisterClient(const std::string& serverId, const std::strin
 }
 
 void MemoryStore::clients(const std::string& serverId, ClientList& clients) {
-    guarded([&] { listClients(serverId, clients); });
+    guarded([&] { copyIds(serverId, clients); });
 }
 
 void MemoryStore::post(const std::string& serverId, const std::string& senderId,
@@ -107,6 +121,12 @@ void MemoryStore::post(const std::string& serverId, const std::string& senderId,
         }
         ServerGroup& group = servers.find(serverId)->second;
         const ServiceLimits& limit = limits();
+        const std::size_t held = *storedBytes;
+        if (group.clients.size() > 1 && held + text.size() > limit.maxStoredBytes) {
+            throw StoreFailure{FailureKind::Limit,
+                               tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
+                                                         limit.maxStoredBytes)};
+        }
         for (const Client& recipient : group.clients) {
             if (recipient.id == senderId) {
                 continue;
@@ -125,8 +145,11 @@ void MemoryStore::post(const std::string& serverId, const std::string& senderId,
             }
         }
         ClientList after;
-        listClients(serverId, after);
-        StoredEvent event{senderId, group.nextSequence, std::make_shared<const std::string>(text)};
+        copyIds(serverId, after);
+        StoredEvent event{senderId, group.nextSequence, nullptr};
+        auto* copy = new std::string(text);
+        *storedBytes += text.size();  // given back by TextRelease, even if the next line throws
+        event.text.reset(copy, TextRelease{storedBytes, text.size()});
         std::size_t queued = 0;
         try {
             for (Client& recipient : group.clients) {
@@ -166,6 +189,7 @@ void MemoryStore::take(const std::string& serverId, const std::string& clientId,
                                        std::make_move_iterator(client->pending.end()));
         client->pending.clear();  // nothing can throw from here on
         client->pendingBytes = 0;
+        client->lastFetchMs = epochMilliseconds();
         events.swap(taken);
     });
 }
@@ -200,6 +224,54 @@ StoreStats MemoryStore::stats() {
         }
     });
     return stats;
+}
+
+ClientInfo MemoryStore::describeClient(const std::string& serverId, const Client& client) {
+    return ClientInfo{serverId,
+                      client.id,
+                      client.pending.size(),
+                      client.pendingBytes,
+                      client.registeredMs,
+                      client.lastFetchMs};
+}
+
+void MemoryStore::listClients(const std::string& serverId, std::vector<ClientInfo>& clients) {
+    guarded([&] {
+        std::vector<ClientInfo> listed;
+        for (const auto& group : servers) {
+            if (serverId.empty() || group.first == serverId) {
+                for (const Client& client : group.second.clients) {
+                    listed.push_back(describeClient(group.first, client));
+                }
+            }
+        }
+        clients.swap(listed);
+    });
+}
+
+void MemoryStore::expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) {
+    guarded([&] {
+        auto idle = [idleBeforeMs](const Client& client) {
+            const std::int64_t lastSeen =
+                client.lastFetchMs != 0 ? client.lastFetchMs : client.registeredMs;
+            return lastSeen < idleBeforeMs;
+        };
+        std::vector<ClientInfo> found;
+        for (const auto& group : servers) {
+            for (const Client& client : group.second.clients) {
+                if (idle(client)) {
+                    found.push_back(describeClient(group.first, client));
+                }
+            }
+        }
+        // Nothing below allocates: the clients go as unregistering them would.
+        for (auto group = servers.begin(); group != servers.end();) {
+            auto& clients = group->second.clients;
+            clients.erase(std::remove_if(clients.begin(), clients.end(), idle), clients.end());
+            group = clients.empty() ? servers.erase(group) : std::next(group);
+        }
+        expired.swap(found);
+    });
 }
 
 }  // namespace Engine

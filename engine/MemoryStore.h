@@ -1,10 +1,12 @@
 // The store that keeps everything in the process's memory: the embedded
 // backend's store and quorveld's default. Fast, and gone with the process.
-// A posted text is held once, shared by every recipient. Thread-safe: one lock
-// around each operation.
+// A posted text is held once, shared by every recipient, and counted against
+// maxStoredBytes until its last copy goes (a getEvents answer still being
+// carried holds it too). Thread-safe: one lock around each operation.
 #ifndef AVQVL_ENGINE_MEMORYSTORE_H
 #define AVQVL_ENGINE_MEMORYSTORE_H
 
+#include <atomic>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -32,12 +34,17 @@ public:
     void restore(const std::string& serverId, const std::string& clientId,
                  const std::vector<StoredEvent>& events) override;
     StoreStats stats() override;
+    void listClients(const std::string& serverId, std::vector<ClientInfo>& clients) override;
+    void expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) override;
+    void ping() override {}
+    std::string describe() const override { return "memory"; }
 
 private:
     struct Client {
         std::string id;
         std::deque<StoredEvent> pending;
         std::size_t pendingBytes = 0;  // event text in `pending`
+        std::int64_t registeredMs = 0, lastFetchMs = 0;
     };
     struct ServerGroup {
         std::vector<Client> clients;  // registration order
@@ -45,12 +52,17 @@ private:
     };
 
     Client* findClient(const std::string& serverId, const std::string& clientId);
-    void listClients(const std::string& serverId, ClientList& clients) const;
+    void copyIds(const std::string& serverId, ClientList& clients) const;
+    static ClientInfo describeClient(const std::string& serverId, const Client& client);
     template <typename Operation>
     void guarded(Operation operation);
 
     std::mutex mutex;  // guards servers
     std::map<std::string, ServerGroup> servers;
+    // Bytes of the texts alive, shared with each text's deleter, which may run
+    // on any thread after the store is gone.
+    const std::shared_ptr<std::atomic<std::size_t>> storedBytes =
+        std::make_shared<std::atomic<std::size_t>>(0);
 };
 
 }  // namespace Engine

@@ -213,7 +213,10 @@ bool parseRedisUrl(const std::string& url, RedisAddress& address, std::string& e
 }
 
 RedisStore::RedisStore(const RedisAddress& address, const ServiceLimits& limits)
-    : Store(limits), pool(new RedisConnectionPool(address)), scripts(new RedisScripts) {}
+    : Store(limits),
+      address(address),
+      pool(new RedisConnectionPool(address)),
+      scripts(new RedisScripts) {}
 
 RedisStore::~RedisStore() = default;
 
@@ -381,6 +384,19 @@ StoreStats RedisStore::stats() {
         } while (cursor != "0");
         return stats;
     });
+}
+
+void RedisStore::listClients(const std::string&, std::vector<ClientInfo>&) {
+    throw StoreFailure{FailureKind::Limit, "listClients: not yet"};
+}
+
+void RedisStore::expireIdleClients(std::int64_t, std::vector<ClientInfo>&) {
+    throw StoreFailure{FailureKind::Limit, "expireIdleClients: not yet"};
+}
+
+std::string RedisStore::describe() const {
+    return "Redis redis://" + address.host + ":" + std::to_string(address.port) + "/" +
+           std::to_string(address.database);
 }
 
 }  // namespace Engine

@@ -32,13 +32,18 @@ struct RedisAddress {
     std::string host = "127.0.0.1";
     int port = 6379;
     int database = 0;  // SELECTed on every connection
+    // Sent with AUTH on every connection before SELECT, when the password is not
+    // empty (with the user when that is not empty either).
+    std::string user;
+    std::string password;
     int connectTimeoutMs = 2000;
     int commandTimeoutMs = 10000;  // a reply of 128 MiB of events must fit in it
 };
 
-// Reads "redis://HOST[:PORT][/DB]" (IPv6 as [::1]; port 6379 and database 0 by
-// default) into address, keeping its time-outs. False with error filled for
-// anything else.
+// Reads "redis://[[USER:]PASSWORD@]HOST[:PORT][/DB]" (IPv6 as [::1]; port 6379
+// and database 0 by default; "%XX" in the user or password stands for the byte
+// XX) into address, keeping its time-outs. False with error filled for anything
+// else.
 bool parseRedisUrl(const std::string& url, RedisAddress& address, std::string& error);
 
 class RedisStore : public Store {
@@ -47,8 +52,10 @@ public:
     RedisStore(const RedisAddress& address, const ServiceLimits& limits);
     ~RedisStore() override;
 
-    // Throws StoreFailure unless Redis answers; for a daemon to check at start.
-    void ping();
+    // PING on a connection of its own, bounded to 1 s in all, so that a Redis
+    // that hangs cannot hold the caller longer; throws StoreFailure otherwise.
+    void ping() override;
+    std::string describe() const override;
 
     void registerClient(const std::string& serverId, const std::string& clientId,
                         ClientList& clients) override;
@@ -63,8 +70,12 @@ public:
                  const std::vector<StoredEvent>& events) override;
     // Scans every server in the database: meant for metrics, not for each request.
     StoreStats stats() override;
+    // Like stats(), they scan every server: for operators, not for each request.
+    void listClients(const std::string& serverId, std::vector<ClientInfo>& clients) override;
+    void expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) override;
 
 private:
+    const RedisAddress address;
     const std::unique_ptr<RedisConnectionPool> pool;
     const std::unique_ptr<RedisScripts> scripts;
 };

@@ -17,6 +17,7 @@ namespace Engine {
 namespace {
 
 const char* const kServiceName = "AvQVLRequest";
+const char* const kAdminServiceName = "AvQVLAdmin";
 
 // Thrown inside the engine and turned into a ServiceFailure at its edge.
 struct Refusal {
@@ -122,7 +123,8 @@ bool ServiceEngine::redeliver(Delivery& delivery, ServiceFailure& failure) {
 std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::string& body,
                                     Delivery* delivery) {
     const std::string& serviceName = requiredHeader(headers, "Service-Name");
-    if (serviceName != kServiceName) {
+    const bool admin = serviceName == kAdminServiceName;
+    if (serviceName != kServiceName && !admin) {
         refuseProtocol("Unknown \"Service-Name\" " + quoted(serviceName) + "; expected " +
                        quoted(kServiceName) + ".");
     }
@@ -131,6 +133,9 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
     if (body.size() > maxBodyBytes) {
         refuseLimit("The request body of " + std::to_string(body.size()) +
                     " bytes exceeds the limit of " + std::to_string(maxBodyBytes) + " bytes.");
+    }
+    if (admin) {
+        return administer(operation, headers);
     }
     if (operation == "getStatus") {
         return body;
@@ -229,6 +234,53 @@ std::string ServiceEngine::getSharedClients(const std::string& serverId) {
     ClientList clients;
     store->clients(serverId, clients);
     return sharedClientDocument(clients);
+}
+
+std::string ServiceEngine::administer(const std::string& operation, const RequestHeaders& headers) {
+    if (operation == "listClients") {
+        auto server = headers.find("Server-ID");
+        std::vector<ClientInfo> clients;
+        store->listClients(server == headers.end() ? std::string() : server->second, clients);
+        ClientsDocument document;
+        for (const ClientInfo& client : clients) {
+            document.add(client);
+        }
+        return document.finish();
+    }
+    if (operation != "evictClient") {
+        refuseProtocol("Unknown \"Operation-Name\" " + quoted(operation) + " of \"Service-Name\" " +
+                       quoted(kAdminServiceName) + ".");
+    }
+    const std::string& serverId = requiredHeader(headers, "Server-ID");
+    const std::string& clientId = requiredHeader(headers, "Client-ID");
+    ClientList clients;
+    store->clients(serverId, clients);
+    if (std::find(clients.begin(), clients.end(), clientId) == clients.end()) {
+        refuseProtocol(notRegisteredMessage(serverId, clientId));
+    }
+    // Should the client leave meanwhile, unregistering it again is no error.
+    return unregisterClient(serverId, clientId);
+}
+
+void ServiceEngine::expireIdleClients(std::chrono::milliseconds idle,
+                                      std::vector<ClientInfo>& expired) {
+    store->expireIdleClients(epochMilliseconds() - idle.count(), expired);
+}
+
+bool ServiceEngine::ready(std::string& cause) {
+    try {
+        store->ping();
+        return true;
+    } catch (const StoreFailure& failure) {
+        cause = failure.message;
+    } catch (const std::bad_alloc&) {
+        cause = outOfMemoryMessage();
+    }
+    return false;
+}
+
+std::string ServiceEngine::describeStore() const {
+    return store->describe();
 }
 
 }  // namespace Engine

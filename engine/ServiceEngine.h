@@ -13,6 +13,13 @@
 //   getEvents         drains the registered caller's queue into the events document.
 //   getSharedClients  the shared-client document.
 //
+// The operators' service ("Service-Name" AvQVLAdmin), which whoever carries the
+// request authorises first:
+//   listClients       every registered client of "Server-ID" (missing or empty:
+//                     of every server), as the clients document.
+//   evictClient       unregisters "Client-ID" on the operator's behalf; answers
+//                     the remaining clients. An unknown client is refused.
+//
 // The answers are the documents of Documents.h: the shared-client document lists
 // clients in registration order, the events document the oldest event first.
 // The sequence number counts the
@@ -28,6 +35,7 @@
 #ifndef AVQVL_ENGINE_SERVICEENGINE_H
 #define AVQVL_ENGINE_SERVICEENGINE_H
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <string>
@@ -87,6 +95,12 @@ public:
     // see (the client dies after the last byte was written) stays at most once.
     bool redeliver(Delivery& delivery, ServiceFailure& failure);
 
+    // Unregisters clients that have not fetched for `idle`; may throw StoreFailure.
+    void expireIdleClients(std::chrono::milliseconds idle, std::vector<ClientInfo>& expired);
+    // True when the store answers; otherwise false with the cause.
+    bool ready(std::string& cause);
+    std::string describeStore() const;
+
 private:
     std::string dispatch(const RequestHeaders& headers, const std::string& body,
                          Delivery* delivery);
@@ -97,6 +111,7 @@ private:
     std::string getEvents(const std::string& serverId, const std::string& clientId,
                           Delivery* delivery);
     std::string getSharedClients(const std::string& serverId);
+    std::string administer(const std::string& operation, const RequestHeaders& headers);
 
     const std::unique_ptr<Store> store;
 };

@@ -10,6 +10,9 @@ namespace Net {
 namespace AvQuorvel {
 namespace Engine {
 
+// A quarter of the machine's physical memory (Store.cpp says why).
+std::size_t defaultMaxStoredBytes();
+
 struct ServiceLimits {
     std::size_t maxBodyBytes = 16 * 1024 * 1024;
     std::size_t maxQueuedEventsPerClient = 100000;
@@ -19,6 +22,10 @@ struct ServiceLimits {
     // escaping may make text up to six times longer); the count alone would
     // allow 100 000 bodies of 16 MiB.
     std::size_t maxQueuedBytesPerClient = 128 * 1024 * 1024;
+    // Bytes of event text the whole store holds, each text counted once however
+    // many clients it waits for: without it, a few senders on many servers fill
+    // the machine. The default is chosen in Store.cpp.
+    std::size_t maxStoredBytes = defaultMaxStoredBytes();
 };
 
 // Why a request failed: those who carry the answer (the transport, the daemon)

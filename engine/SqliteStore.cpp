@@ -335,14 +335,13 @@ std::string SqliteStore::databasePath(const std::string& directory) {
 }
 
 SqliteStore::SqliteStore(const std::string& directory, const ServiceLimits& limits, Sync sync)
-    : Store(limits) {
+    : Store(limits), path(databasePath(directory)) {
     std::error_code error;
     std::filesystem::create_directories(directory, error);
     if (error) {
         throw StoreFailure{FailureKind::Limit,
                            storeFailedMessage("make the directory " + directory, error.message())};
     }
-    const std::string path = databasePath(directory);
     try {
         db = std::make_unique<Database>(path, sync);
     } catch (const SqliteError& failure) {
@@ -555,6 +554,22 @@ StoreStats SqliteStore::stats() {
         stats.waitingBytes = static_cast<std::uint64_t>(query.number(2));
     });
     return stats;
+}
+
+void SqliteStore::listClients(const std::string&, std::vector<ClientInfo>&) {
+    throw StoreFailure{FailureKind::Limit, "listClients: not yet"};
+}
+
+void SqliteStore::expireIdleClients(std::int64_t, std::vector<ClientInfo>&) {
+    throw StoreFailure{FailureKind::Limit, "expireIdleClients: not yet"};
+}
+
+void SqliteStore::ping() {
+    stats();
+}
+
+std::string SqliteStore::describe() const {
+    return "SQLite " + path;
 }
 
 }  // namespace Engine

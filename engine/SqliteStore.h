@@ -55,8 +55,13 @@ public:
     void restore(const std::string& serverId, const std::string& clientId,
                  const std::vector<StoredEvent>& events) override;
     StoreStats stats() override;
+    void listClients(const std::string& serverId, std::vector<ClientInfo>& clients) override;
+    void expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) override;
+    void ping() override;
+    std::string describe() const override;
 
 private:
+    const std::string path;
     struct Database;
     template <typename Operation>
     void transaction(const char* action, Operation operation);

@@ -1,5 +1,9 @@
 #include "engine/Store.h"
 
+#include <unistd.h>
+
+#include <chrono>
+
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
@@ -18,6 +22,27 @@ std::string cannotQueue(const std::string& serverId, const std::string& senderId
 }
 
 }  // namespace
+
+// The memory store holds every text in this process, and a getEvents answer
+// briefly holds a client's texts again, escaped; a quarter of the physical
+// memory leaves room for that, for the rest of the process and for the other
+// programs of the machine. The same default bounds the SQLite and Redis stores,
+// whose data are served through this process's memory too. Without a page
+// count, 1 GiB.
+std::size_t defaultMaxStoredBytes() {
+    const long pages = ::sysconf(_SC_PHYS_PAGES);
+    const long pageSize = ::sysconf(_SC_PAGESIZE);
+    if (pages <= 0 || pageSize <= 0) {
+        return std::size_t(1) << 30;
+    }
+    return static_cast<std::size_t>(pages) / 4 * static_cast<std::size_t>(pageSize);
+}
+
+std::int64_t epochMilliseconds() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
 
 std::string notRegisteredMessage(const std::string& serverId, const std::string& clientId) {
     return "Client " + quoted(clientId) + " is not registered with server " + quoted(serverId) +
@@ -42,6 +67,15 @@ std::string tooManyBytesMessage(const std::string& serverId, const std::string& 
     return cannotQueue(serverId, senderId, recipientId) + std::to_string(waitingBytes) +
            " bytes of events waiting; " + std::to_string(moreBytes) +
            " more would pass the limit of " + std::to_string(limit) + " bytes.";
+}
+
+std::string tooManyStoredBytesMessage(const std::string& serverId, const std::string& senderId,
+                                      std::size_t storedBytes, std::size_t moreBytes,
+                                      std::size_t limit) {
+    return "Cannot queue the event of client " + quoted(senderId) + " of server " +
+           quoted(serverId) + ": the service already holds " + std::to_string(storedBytes) +
+           " bytes of events; " + std::to_string(moreBytes) + " more would pass its limit of " +
+           std::to_string(limit) + " bytes for all servers.";
 }
 
 std::string outOfMemoryMessage() {

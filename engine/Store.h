@@ -45,6 +45,16 @@ struct StoreStats {
 
 using ClientList = std::vector<std::string>;  // registration order
 
+// One registered client, for operators.
+struct ClientInfo {
+    std::string serverId, clientId;
+    std::uint64_t waitingEvents = 0, waitingBytes = 0;
+    std::int64_t registeredMs = 0, lastFetchMs = 0;  // Unix epoch ms; 0 = never fetched
+};
+
+// The clock of registration and fetch times: milliseconds since the Unix epoch.
+std::int64_t epochMilliseconds();
+
 class Store {
 public:
     explicit Store(const ServiceLimits& limits) : storeLimits(limits) {}
@@ -70,11 +80,13 @@ public:
     // Queues text for every client of the server but the sender, under the
     // server's next sequence number, all or none. Refused when the sender is not
     // registered; a Limit when any recipient would pass maxQueuedEventsPerClient
-    // or maxQueuedBytesPerClient. clients receives the server's clients.
+    // or maxQueuedBytesPerClient, or when the store would pass maxStoredBytes (a
+    // post that no one receives stores nothing and passes no limit). clients
+    // receives the server's clients.
     virtual void post(const std::string& serverId, const std::string& senderId,
                       const std::string& text, ClientList& clients) = 0;
-    // Removes and returns the client's waiting events, oldest first. Refused when
-    // the client is not registered.
+    // Removes and returns the client's waiting events, oldest first, and records
+    // the time of the fetch. Refused when the client is not registered.
     virtual void take(const std::string& serverId, const std::string& clientId,
                       std::vector<StoredEvent>& events) = 0;
     // Puts events taken earlier, whose answer never reached the client, back at
@@ -84,6 +96,19 @@ public:
     virtual void restore(const std::string& serverId, const std::string& clientId,
                          const std::vector<StoredEvent>& events) = 0;
     virtual StoreStats stats() = 0;
+
+    // Every registered client ("" = all servers), by server id (byte order) then
+    // registration order.
+    virtual void listClients(const std::string& serverId, std::vector<ClientInfo>& clients) = 0;
+    // Unregisters every client whose last fetch (its registration, if it never
+    // fetched) is older than idleBeforeMs; expired receives them as they were.
+    virtual void expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) = 0;
+    // Readiness: returns when the store answers, throws StoreFailure naming the
+    // cause otherwise (memory: always; SQLite: a read; Redis: PING within 1 s).
+    virtual void ping() = 0;
+    // What the start line shows: "memory", "SQLite /path/quorvel.sqlite3",
+    // "Redis redis://:***@127.0.0.1:6379/0" (the password masked).
+    virtual std::string describe() const = 0;
 
 private:
     const ServiceLimits storeLimits;
@@ -98,6 +123,9 @@ std::string tooManyEventsMessage(const std::string& serverId, const std::string&
 std::string tooManyBytesMessage(const std::string& serverId, const std::string& senderId,
                                 const std::string& recipientId, std::size_t waitingBytes,
                                 std::size_t moreBytes, std::size_t limit);
+std::string tooManyStoredBytesMessage(const std::string& serverId, const std::string& senderId,
+                                      std::size_t storedBytes, std::size_t moreBytes,
+                                      std::size_t limit);
 std::string outOfMemoryMessage();
 // A store that could not do its work: action says what ("queue the event"),
 // cause what went wrong, in the store's own words ("disk I/O error").
