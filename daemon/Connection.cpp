@@ -344,7 +344,7 @@ private:
         HttpReply refusal;
         bool admitted = false;
         try {
-            admitted = core.handler.admitHead(head, refusal);
+            admitted = core.handler.admitHead(head, peer, refusal);
         } catch (const std::exception&) {
             refusal = HttpReply();
             refusal.status = 500;

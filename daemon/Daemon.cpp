@@ -1,9 +1,16 @@
 #include "daemon/Daemon.h"
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <climits>
+#include <condition_variable>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include "daemon/HttpServer.h"
 #include "daemon/Metrics.h"
@@ -25,6 +32,8 @@ using Engine::ServiceFailure;
 
 namespace {
 
+// The operators' service, which the daemon authorises before the engine.
+const char* const kAdminServiceName = "AvQVLAdmin";
 const char* const kHealthPath = "/healthz";
 const char* const kReadyPath = "/readyz";
 const char* const kMetricsPath = "/metrics";
@@ -110,12 +119,15 @@ struct Daemon::Impl : HttpHandler {
           pool(options.storeThreads, options.storeQueue),
           server(serverOptions(options), *this) {}
 
-    bool admitHead(const HttpRequest& head, HttpReply& refusal) override;
+    bool admitHead(const HttpRequest& head, const std::string& peer, HttpReply& refusal) override;
+    bool admitAdmin(const HttpRequest& head, const std::string& peer, HttpReply& refusal);
     void handle(const HttpRequest& request, HttpReply& reply) override;
     void handleLater(const HttpRequest& request, std::function<void(HttpReply)> done) override;
     void answered(const RequestOutcome& outcome) override;
     void exchange(const HttpRequest& request, HttpReply& reply);
     void scrape(HttpReply& reply);
+    void sweepIdleClients();
+    void sweepEvery(std::chrono::milliseconds interval);
 
     const DaemonOptions options;
     Log log;
@@ -126,15 +138,25 @@ struct Daemon::Impl : HttpHandler {
     // it answers (the server's run() waits for every answer under way).
     WorkPool pool;
     HttpServer server;
+
+    std::mutex sweepMutex;  // guards stopping
+    std::condition_variable sweepWake;
+    bool stopping = false;
+    std::atomic<bool> sweeping{false};  // a sweep is queued or running
 };
 
-bool Daemon::Impl::admitHead(const HttpRequest& head, HttpReply& refusal) {
-    if (options.token.empty() || probePath(pathOf(head))) {
-        return true;
-    }
+namespace {
+
+// "ADDRESS:PORT" or "[V6ADDRESS]:PORT", as HttpServer.h gives peers.
+bool loopbackPeer(const std::string& peer) {
+    return peer.rfind("127.", 0) == 0 || peer.rfind("[::1]:", 0) == 0 ||
+           peer.rfind("[::ffff:127.", 0) == 0;
+}
+
+// 401 for a bearer token that is missing or not the expected one.
+bool bearerAdmitted(const HttpRequest& head, const std::string& token, HttpReply& refusal) {
     const auto authorization = head.find(http::field::authorization);
-    if (authorization != head.end() &&
-        bearerMatches(std::string(authorization->value()), options.token)) {
+    if (authorization != head.end() && bearerMatches(std::string(authorization->value()), token)) {
         return true;
     }
     refusal.headers.emplace_back("WWW-Authenticate", "Bearer");
@@ -142,6 +164,41 @@ bool Daemon::Impl::admitHead(const HttpRequest& head, HttpReply& refusal) {
            authorization == head.end() ? "The request needs an Authorization: Bearer token."
                                        : "The bearer token is not the daemon's.");
     return false;
+}
+
+}  // namespace
+
+bool Daemon::Impl::admitHead(const HttpRequest& head, const std::string& peer, HttpReply& refusal) {
+    if (probePath(pathOf(head))) {
+        return true;
+    }
+    if (isExchange(head)) {
+        // The fields are all in the head. Damaged ones are refused (400) when the
+        // exchange is read; until then they make no admin request.
+        RequestHeaders fields;
+        std::string problem;
+        if (readFields(head, fields, problem) &&
+            fieldOf(fields, "Service-Name") == kAdminServiceName) {
+            return admitAdmin(head, peer, refusal);
+        }
+    }
+    return options.token.empty() || bearerAdmitted(head, options.token, refusal);
+}
+
+// With an admin token, it alone admits (the service token is not asked for);
+// without one, loopback peers only, with the service token if there is one.
+bool Daemon::Impl::admitAdmin(const HttpRequest& head, const std::string& peer,
+                              HttpReply& refusal) {
+    if (!options.adminToken.empty()) {
+        return bearerAdmitted(head, options.adminToken, refusal);
+    }
+    if (!loopbackPeer(peer)) {
+        answer(refusal, 403,
+               "admin requests are served to loopback peers only (start quorveld with "
+               "--admin-token-file to allow others)");
+        return false;
+    }
+    return options.token.empty() || bearerAdmitted(head, options.token, refusal);
 }
 
 void Daemon::Impl::handle(const HttpRequest& request, HttpReply& reply) {
@@ -270,6 +327,38 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     }
 }
 
+// Idle clients go on the pool, like any store work; one sweep at a time, so a
+// store that hangs collects no queue of sweeps.
+void Daemon::Impl::sweepIdleClients() {
+    if (sweeping.exchange(true)) {
+        return;
+    }
+    pool.submit([this] {
+        std::vector<Engine::ClientInfo> expired;
+        try {
+            engine.expireIdleClients(std::chrono::milliseconds(options.clientIdleExpiryMs),
+                                     expired);
+        } catch (const Engine::StoreFailure& failure) {
+            log.message(LogLevel::Warn, "the sweep of idle clients failed: " + failure.message);
+        }
+        for (const Engine::ClientInfo& client : expired) {
+            log.message(LogLevel::Info,
+                        "expired idle client server=" + printable(client.serverId) +
+                            " client=" + printable(client.clientId) +
+                            " waiting_events=" + std::to_string(client.waitingEvents));
+        }
+        metrics.addExpiredClients(expired.size());
+        sweeping = false;
+    });
+}
+
+void Daemon::Impl::sweepEvery(std::chrono::milliseconds interval) {
+    std::unique_lock<std::mutex> lock(sweepMutex);
+    while (!sweepWake.wait_for(lock, interval, [this] { return stopping; })) {
+        sweepIdleClients();
+    }
+}
+
 // The log line and the metrics of every answered request. An exchange's
 // fields are read again here so that the refusals of the server (which never
 // reach handle()) name their operation too.
@@ -311,15 +400,59 @@ int Daemon::port() const {
 }
 
 bool Daemon::run() {
-    return impl->server.run();
+    std::thread sweeper;
+    if (impl->options.clientIdleExpiryMs > 0) {
+        // A client is expired at most a tenth of the expiry late (100 ms to 1 min).
+        const long interval =
+            std::min(60000L, std::max(100L, impl->options.clientIdleExpiryMs / 10));
+        sweeper = std::thread(
+            [this, interval] { impl->sweepEvery(std::chrono::milliseconds(interval)); });
+    }
+    const bool served = impl->server.run();
+    if (sweeper.joinable()) {
+        stop();  // when the server ended by itself
+        sweeper.join();
+    }
+    return served;
 }
 
 void Daemon::stop() {
+    {
+        std::lock_guard<std::mutex> lock(impl->sweepMutex);
+        impl->stopping = true;
+    }
+    impl->sweepWake.notify_all();
     impl->server.stop();
+}
+
+std::string Daemon::describeStore() const {
+    return impl->engine.describeStore();
 }
 
 Log& Daemon::log() {
     return impl->log;
+}
+
+bool parseDuration(const std::string& text, long& milliseconds, std::string& error) {
+    static const struct {
+        const char* suffix;
+        long milliseconds;
+    } kUnits[] = {{"ms", 1}, {"s", 1000}, {"m", 60000}, {"h", 3600000}, {"d", 86400000}};
+    error = "A duration is a whole number with a unit (ms, s, m, h or d), e.g. 30m, not \"" + text +
+            "\".";
+    char* end = nullptr;
+    const long number = std::strtol(text.c_str(), &end, 10);
+    if (end == text.c_str() || number <= 0 || text[0] == '-' || text[0] == '+') {
+        return false;
+    }
+    for (const auto& unit : kUnits) {
+        if (std::string(end) == unit.suffix && number <= LONG_MAX / unit.milliseconds) {
+            milliseconds = number * unit.milliseconds;
+            error.clear();
+            return true;
+        }
+    }
+    return false;
 }
 
 bool parseListenAddress(const std::string& text, std::string& host, int& port, std::string& error) {

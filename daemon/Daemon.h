@@ -7,7 +7,9 @@
 // fails). Exchanges run on a bounded pool of store threads (WorkPool.h), the
 // rest on the I/O threads, which never wait on the store for more than 50 ms.
 // With a token, every other request must carry "Authorization: Bearer
-// <token>" (401 otherwise, before its body is read).
+// <token>" (401 otherwise, before its body is read). Admin exchanges (Service-Name
+// AvQVLAdmin) carry the admin token instead when there is one, and come from a
+// loopback peer when there is none (403 otherwise).
 //
 // stop() lets the exchanges under way finish and closes idle connections;
 // run() then returns.
@@ -43,7 +45,13 @@ struct DaemonOptions {
     std::size_t maxHeadBytes = 64 * 1024;
     LogLevel logLevel = LogLevel::Info;
     LogFormat logFormat = LogFormat::Text;
-    std::string token;               // empty: no Authorization asked for
+    std::string token;  // empty: no Authorization asked for
+    // Asked of admin exchanges instead of token; empty: admin exchanges are
+    // served to loopback peers only.
+    std::string adminToken;
+    // Clients that have not fetched for this long are unregistered by a periodic
+    // sweep; 0: never (a client is kept until it unregisters).
+    long clientIdleExpiryMs = 0;
     std::string tlsCertificateFile;  // both set: HTTPS
     std::string tlsKeyFile;
 };
@@ -68,11 +76,17 @@ public:
     void stop();
     // Log messages besides the request lines, in the daemon's log format.
     Log& log();
+    // "memory", "SQLite PATH", "Redis URL" with any password masked.
+    std::string describeStore() const;
 
 private:
     struct Impl;
     std::unique_ptr<Impl> impl;
 };
+
+// "250ms", "30s", "15m", "12h", "7d": a positive whole number and a unit; false
+// with error set otherwise.
+bool parseDuration(const std::string& text, long& milliseconds, std::string& error);
 
 // "HOST:PORT", "[V6HOST]:PORT" or ":PORT"; false with error set otherwise.
 bool parseListenAddress(const std::string& text, std::string& host, int& port, std::string& error);

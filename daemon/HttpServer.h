@@ -86,8 +86,10 @@ class HttpHandler {
 public:
     virtual ~HttpHandler() = default;
     // Once the head is read, before the body: false with refusal filled
-    // answers it instead of reading the body, and the connection closes.
-    virtual bool admitHead(const HttpRequest& head, HttpReply& refusal) = 0;
+    // answers it instead of reading the body, and the connection closes. peer
+    // as in RequestOutcome.
+    virtual bool admitHead(const HttpRequest& head, const std::string& peer,
+                           HttpReply& refusal) = 0;
     // The whole request; fills reply.
     virtual void handle(const HttpRequest& request, HttpReply& reply) = 0;
     // The whole request, answered through done, called exactly once, on any

@@ -15,6 +15,9 @@ namespace {
 StoreHealth ask(Engine::ServiceEngine& engine) {
     StoreHealth health;
     try {
+        if (!engine.ready(health.cause)) {
+            return health;
+        }
         health.stats = engine.stats();
         health.ready = true;
     } catch (const Engine::StoreFailure& failure) {

@@ -7,7 +7,7 @@ packages=(
     cmake ninja-build g++ make pkg-config
     libxerces-c-dev libicu-dev
     googletest libgtest-dev libgmock-dev libbenchmark-dev
-    libcli11-dev libboost-dev libssl-dev openssl python3 curl
+    libcli11-dev libboost-dev libssl-dev nlohmann-json3-dev openssl python3 curl
     libsqlite3-dev redis-server redis-tools libhiredis-dev
     clang libclang-rt-14-dev valgrind
     doxygen
