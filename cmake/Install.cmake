@@ -1,6 +1,6 @@
 # Installation: both libraries, the static test transport, the public headers
 # under include/AvQvlCppBinding/ (same sub-paths as in the source tree), the
-# quorvel tool with its man page and bash completion, quorveld's man page, a
+# quorvel tool with its man page and bash completion, quorveld's man page and bash completion, a
 # CMake package and a pkg-config file.
 #
 #   find_package(AvQvlCppBinding CONFIG REQUIRED)
@@ -43,6 +43,8 @@ endif()
 if(TARGET quorveld)
     install(FILES ${PROJECT_SOURCE_DIR}/share/man/man8/quorveld.8
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+    install(FILES ${PROJECT_SOURCE_DIR}/share/bash-completion/completions/quorveld
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
 endif()
 
 foreach(dir client util schemas)

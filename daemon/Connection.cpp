@@ -5,6 +5,7 @@
 #include "daemon/internal/Connection.h"
 
 #include <boost/asio/dispatch.hpp>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -411,7 +412,7 @@ private:
         HttpReply refusal;
         bool admitted = false;
         try {
-            admitted = core.handler.admitHead(head, refusal);
+            admitted = core.handler.admitHead(head, peer, refusal);
         } catch (...) {
             refusal = HttpReply();
             refusal.status = 500;
@@ -464,14 +465,28 @@ private:
         phase = Phase::Handling;
         ++served;
         request.emplace(parser->release());
-        HttpReply reply;
+        // The handler may answer from another thread, later: the connection
+        // waits (and keeps the I/O context running) until then, and takes the
+        // reply back on its strand.
+        auto executor = socket().get_executor();
         try {
-            core.handler.handle(*request, reply);
+            core.handler.handleLater(
+                *request, [self = shared_from_this(), this, executor,
+                           work = asio::make_work_guard(executor)](HttpReply reply) {
+                    asio::dispatch(executor, [self, this, reply = std::move(reply)]() mutable {
+                        replyReady(std::move(reply));
+                    });
+                });
         } catch (...) {
-            reply = HttpReply();
+            HttpReply reply;
             reply.status = 500;
             reply.body = "The server failed to handle the request.\n";
+            replyReady(std::move(reply));
         }
+    }
+
+    void replyReady(HttpReply&& reply) {
+        timedOut = false;  // a deadline that passed while the handler worked
         reply.close = reply.close || !request->keep_alive();
         sendReply(std::move(reply));
     }

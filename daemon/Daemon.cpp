@@ -1,11 +1,22 @@
 #include "daemon/Daemon.h"
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <condition_variable>
+#include <cstdlib>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include "daemon/HttpServer.h"
 #include "daemon/Metrics.h"
+#include "daemon/StoreWatch.h"
 #include "daemon/Token.h"
+#include "daemon/WorkPool.h"
 #include "engine/MemoryStore.h"
 #include "protocol/Failure.h"
 #include "protocol/HostPort.h"
@@ -24,7 +35,16 @@ using Protocol::Failure;
 namespace {
 
 const char* const kHealthPath = "/healthz";
+const char* const kReadyPath = "/readyz";
 const char* const kMetricsPath = "/metrics";
+// How long a probe or a scrape waits on an I/O thread for the store's answer
+// before it takes the last one (StoreWatch.h): short enough that a hung store
+// never makes a probe late, long enough for any store that is well.
+constexpr std::chrono::milliseconds kProbeWait{50};
+
+bool probePath(const std::string& path) {
+    return path == kHealthPath || path == kReadyPath;
+}
 
 void answer(HttpReply& reply, int status, const std::string& message) {
     reply.status = status;
@@ -98,27 +118,48 @@ struct Daemon::Impl : HttpHandler {
         : options(options),
           log(out, options.logLevel, options.logFormat),
           engine(store ? std::move(store) : std::make_unique<Engine::MemoryStore>(options.limits)),
+          storeWatch(engine),
+          pool(options.storeThreads, options.storeQueue),
           server(serverOptions(options, log), *this) {}
 
-    bool admitHead(const HttpRequest& head, HttpReply& refusal) override;
+    bool admitHead(const HttpRequest& head, const std::string& peer, HttpReply& refusal) override;
+    bool admitAdmin(const HttpRequest& head, const std::string& peer, HttpReply& refusal);
     void handle(const HttpRequest& request, HttpReply& reply) override;
+    void handleLater(const HttpRequest& request, std::function<void(HttpReply)> done) override;
     void answered(const RequestOutcome& outcome) override;
     void exchange(const HttpRequest& request, HttpReply& reply);
+    void scrape(HttpReply& reply);
+    void sweepIdleClients();
+    void sweepEvery(std::chrono::milliseconds interval);
 
     const DaemonOptions options;
     Log log;
     Engine::ServiceEngine engine;
     Metrics metrics;
+    StoreWatch storeWatch;
+    // Destroyed before the engine it calls, after the server whose connections
+    // it answers (the server's run() waits for every answer under way).
+    WorkPool pool;
     HttpServer server;
+
+    std::mutex sweepMutex;  // guards stopping
+    std::condition_variable sweepWake;
+    bool stopping = false;
+    std::atomic<bool> sweeping{false};  // a sweep is queued or running
 };
 
-bool Daemon::Impl::admitHead(const HttpRequest& head, HttpReply& refusal) {
-    if (options.token.empty() || pathOf(head) == kHealthPath) {
-        return true;
-    }
+namespace {
+
+// "ADDRESS:PORT" or "[V6ADDRESS]:PORT", as HttpServer.h gives peers.
+bool loopbackPeer(const std::string& peer) {
+    return peer.rfind("127.", 0) == 0 || peer.rfind("[::1]:", 0) == 0 ||
+           peer.rfind("[::ffff:127.", 0) == 0;
+}
+
+// 401 for a bearer token that is missing or not the expected one.
+bool bearerAdmitted(const HttpRequest& head, const std::string& token, HttpReply& refusal) {
     const auto authorization = head.find(http::field::authorization);
-    if (authorization != head.end() &&
-        bearerMatches(std::string(authorization->value()), options.token)) {
+    if (authorization != head.end() && bearerMatches(std::string(authorization->value()), token)) {
         return true;
     }
     refusal.headers.emplace_back("WWW-Authenticate", "Bearer");
@@ -126,6 +167,41 @@ bool Daemon::Impl::admitHead(const HttpRequest& head, HttpReply& refusal) {
            authorization == head.end() ? "The request needs an Authorization: Bearer token."
                                        : "The bearer token is not the daemon's.");
     return false;
+}
+
+}  // namespace
+
+bool Daemon::Impl::admitHead(const HttpRequest& head, const std::string& peer, HttpReply& refusal) {
+    if (probePath(pathOf(head))) {
+        return true;
+    }
+    if (isExchange(head)) {
+        // The fields are all in the head. Damaged ones are refused (400) when the
+        // exchange is read; until then they make no admin request.
+        RequestHeaders fields;
+        std::string problem;
+        if (readFields(head, fields, problem) &&
+            fieldOf(fields, Protocol::kServiceNameField) == Protocol::kAdminServiceName) {
+            return admitAdmin(head, peer, refusal);
+        }
+    }
+    return options.token.empty() || bearerAdmitted(head, options.token, refusal);
+}
+
+// With an admin token, it alone admits (the service token is not asked for);
+// without one, loopback peers only, with the service token if there is one.
+bool Daemon::Impl::admitAdmin(const HttpRequest& head, const std::string& peer,
+                              HttpReply& refusal) {
+    if (!options.adminToken.empty()) {
+        return bearerAdmitted(head, options.adminToken, refusal);
+    }
+    if (!loopbackPeer(peer)) {
+        answer(refusal, 403,
+               "admin requests are served to loopback peers only (start quorveld with "
+               "--admin-token-file to allow others)");
+        return false;
+    }
+    return options.token.empty() || bearerAdmitted(head, options.token, refusal);
 }
 
 void Daemon::Impl::handle(const HttpRequest& request, HttpReply& reply) {
@@ -143,25 +219,72 @@ void Daemon::Impl::handle(const HttpRequest& request, HttpReply& reply) {
         } else {
             wrongMethod(reply, request, "GET");
         }
-    } else if (path == kMetricsPath) {
+    } else if (path == kReadyPath) {
         if (!get) {
             wrongMethod(reply, request, "GET");
             return;
         }
-        Gauges gauges;
-        const Engine::StoreStats stats = engine.stats();
-        gauges.registeredClients = stats.registeredClients;
-        gauges.waitingEvents = stats.waitingEvents;
-        gauges.waitingBytes = stats.waitingBytes;
-        gauges.openConnections = server.openConnections();
-        reply.contentType = "text/plain; version=0.0.4; charset=utf-8";
-        reply.body = metrics.render(gauges);
+        const StoreHealth health = storeWatch.check(kProbeWait);
+        answer(reply, health.ready ? 200 : 503, health.ready ? "ready" : health.cause);
+    } else if (path == kMetricsPath) {
+        if (get) {
+            scrape(reply);
+        } else {
+            wrongMethod(reply, request, "GET");
+        }
     } else {
         reply.close = true;
         answer(reply, 404,
                "There is nothing at " + path + "; an exchange is a POST to " + Wire::kExchangePath +
                    ".");
     }
+}
+
+// Exchanges call the store: they run on the pool, and a full pool answers 503
+// at once rather than queue without end behind a store that hangs. The rest
+// answers here, on the I/O thread, never waiting long on the store.
+void Daemon::Impl::handleLater(const HttpRequest& request, std::function<void(HttpReply)> done) {
+    if (!isExchange(request)) {
+        HttpHandler::handleLater(request, std::move(done));
+        return;
+    }
+    const bool queued = pool.trySubmit([this, &request, done] {
+        HttpReply reply;
+        try {
+            exchange(request, reply);
+        } catch (...) {
+            reply = HttpReply();
+            answer(reply, 500, "The daemon failed to serve the exchange.");
+        }
+        done(std::move(reply));
+    });
+    if (!queued) {
+        HttpReply busy;
+        busy.headers.emplace_back("Retry-After", "1");
+        answer(busy, 503,
+               "The daemon has " + std::to_string(options.storeQueue) +
+                   " exchanges waiting for its store already; try again later.");
+        done(std::move(busy));
+    }
+}
+
+// While the store fails, the scrape fails (503 with the cause) instead of
+// showing the request counters without the store gauges: a scraper keeps no
+// part of a failed scrape, so an incomplete page would only hide the outage,
+// and the counters lose nothing by waiting for the next scrape.
+void Daemon::Impl::scrape(HttpReply& reply) {
+    const StoreHealth health = storeWatch.check(kProbeWait);
+    if (!health.ready) {
+        answer(reply, 503, "The store's figures are not available: " + health.cause);
+        return;
+    }
+    Gauges gauges;
+    gauges.registeredClients = health.stats.registeredClients;
+    gauges.waitingEvents = health.stats.waitingEvents;
+    gauges.waitingBytes = health.stats.waitingBytes;
+    gauges.openConnections = server.openConnections();
+    reply.contentType = "text/plain; version=0.0.4; charset=utf-8";
+    reply.body = metrics.render(gauges);
 }
 
 void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
@@ -187,13 +310,52 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
         // its events back at the head of the client's queue. An answer written
         // whole but lost after that (the client dies before reading it) is not
         // seen here: that loss stays at most once.
+        // Putting them back is store work: on the pool, past its bound (one
+        // task per broken answer, and dropping it would lose the events).
         reply.onComplete = [this, delivery](bool delivered) {
-            Failure lost;
-            if (!delivered && !engine.redeliver(*delivery, lost)) {
-                log.message(LogLevel::Error,
-                            "events of an undelivered answer were lost: " + lost.message);
+            if (delivered) {
+                return;
             }
+            pool.submit([this, delivery] {
+                Failure lost;
+                if (!engine.redeliver(*delivery, lost)) {
+                    log.message(LogLevel::Error,
+                                "events of an undelivered answer were lost: " + lost.message);
+                }
+            });
         };
+    }
+}
+
+// Idle clients go on the pool, like any store work; one sweep at a time, so a
+// store that hangs collects no queue of sweeps.
+void Daemon::Impl::sweepIdleClients() {
+    if (sweeping.exchange(true)) {
+        return;
+    }
+    pool.submit([this] {
+        std::vector<Engine::ClientInfo> expired;
+        try {
+            engine.expireIdleClients(std::chrono::milliseconds(options.clientIdleExpiryMs),
+                                     expired);
+        } catch (const Protocol::Failure& failure) {
+            log.message(LogLevel::Warn, "the sweep of idle clients failed: " + failure.message);
+        }
+        for (const Engine::ClientInfo& client : expired) {
+            log.message(LogLevel::Info,
+                        "expired idle client server=" + printable(client.serverId) +
+                            " client=" + printable(client.clientId) +
+                            " waiting_events=" + std::to_string(client.waitingEvents));
+        }
+        metrics.addExpiredClients(expired.size());
+        sweeping = false;
+    });
+}
+
+void Daemon::Impl::sweepEvery(std::chrono::milliseconds interval) {
+    std::unique_lock<std::mutex> lock(sweepMutex);
+    while (!sweepWake.wait_for(lock, interval, [this] { return stopping; })) {
+        sweepIdleClients();
     }
 }
 
@@ -238,15 +400,59 @@ int Daemon::port() const {
 }
 
 bool Daemon::run() {
-    return impl->server.run();
+    std::thread sweeper;
+    if (impl->options.clientIdleExpiryMs > 0) {
+        // A client is expired at most a tenth of the expiry late (100 ms to 1 min).
+        const long interval =
+            std::min(60000L, std::max(100L, impl->options.clientIdleExpiryMs / 10));
+        sweeper = std::thread(
+            [this, interval] { impl->sweepEvery(std::chrono::milliseconds(interval)); });
+    }
+    const bool served = impl->server.run();
+    if (sweeper.joinable()) {
+        stop();  // when the server ended by itself
+        sweeper.join();
+    }
+    return served;
 }
 
 void Daemon::stop() {
+    {
+        std::lock_guard<std::mutex> lock(impl->sweepMutex);
+        impl->stopping = true;
+    }
+    impl->sweepWake.notify_all();
     impl->server.stop();
+}
+
+std::string Daemon::describeStore() const {
+    return impl->engine.describeStore();
 }
 
 Log& Daemon::log() {
     return impl->log;
+}
+
+bool parseDuration(const std::string& text, long& milliseconds, std::string& error) {
+    static const struct {
+        const char* suffix;
+        long milliseconds;
+    } kUnits[] = {{"ms", 1}, {"s", 1000}, {"m", 60000}, {"h", 3600000}, {"d", 86400000}};
+    error = "A duration is a whole number with a unit (ms, s, m, h or d), e.g. 30m, not \"" + text +
+            "\".";
+    char* end = nullptr;
+    const long number = std::strtol(text.c_str(), &end, 10);
+    if (end == text.c_str() || number <= 0 || text[0] == '-' || text[0] == '+') {
+        return false;
+    }
+    for (const auto& unit : kUnits) {
+        if (std::string(end) == unit.suffix && number <= LONG_MAX / unit.milliseconds) {
+            milliseconds = number * unit.milliseconds;
+            error.clear();
+            return true;
+        }
+    }
+    return false;
 }
 
 bool parseListenAddress(const std::string& text, std::string& host, int& port, std::string& error) {

@@ -1,9 +1,15 @@
 // quorveld: the reference service engine behind the protocol of wire/HttpWire.h,
 // served by HttpServer.h. One POST to /quorvel/v1/exchange is one exchange;
-// GET /healthz answers "ok" (never asks for the token: a liveness probe needs
-// none and learns nothing), GET /metrics the Prometheus text of Metrics.h.
+// GET /healthz answers "ok" while the daemon serves (liveness: the store plays no
+// part), GET /readyz "ready" while the store answers, else 503 with the cause
+// (neither asks for the token: a probe needs none and learns nothing), GET
+// /metrics the Prometheus text of Metrics.h (503 with the cause while the store
+// fails). Exchanges run on a bounded pool of store threads (WorkPool.h), the
+// rest on the I/O threads, which never wait on the store for more than 50 ms.
 // With a token, every other request must carry "Authorization: Bearer
-// <token>" (401 otherwise, before its body is read).
+// <token>" (401 otherwise, before its body is read). Admin exchanges (Service-Name
+// AvQVLAdmin) carry the admin token instead when there is one, and come from a
+// loopback peer when there is none (403 otherwise).
 //
 // stop() lets the exchanges under way finish and closes idle connections;
 // run() then returns.
@@ -29,6 +35,10 @@ struct DaemonOptions {
     int port = 7070;  // 0 picks a free port
     Engine::ServiceLimits limits;
     unsigned threads = 1;  // I/O threads
+    // Threads that run exchanges (every store call), and how many exchanges may
+    // wait for one before the daemon answers 503 (Retry-After: 1).
+    unsigned storeThreads = 8;
+    std::size_t storeQueue = 1024;
     long readTimeoutMs = 5000;
     long requestTimeoutMs = 30000;
     long keepAliveSeconds = 5;
@@ -38,7 +48,13 @@ struct DaemonOptions {
     long tlsHandshakeTimeoutMs = ServerLimits().tlsHandshakeTimeoutMs;
     LogLevel logLevel = LogLevel::Info;
     LogFormat logFormat = LogFormat::Text;
-    std::string token;               // empty: no Authorization asked for
+    std::string token;  // empty: no Authorization asked for
+    // Asked of admin exchanges instead of token; empty: admin exchanges are
+    // served to loopback peers only.
+    std::string adminToken;
+    // Clients that have not fetched for this long are unregistered by a periodic
+    // sweep; 0: never (a client is kept until it unregisters).
+    long clientIdleExpiryMs = 0;
     std::string tlsCertificateFile;  // both set: HTTPS
     std::string tlsKeyFile;
 };
@@ -63,11 +79,17 @@ public:
     void stop();
     // Log messages besides the request lines, in the daemon's log format.
     Log& log();
+    // "memory", "SQLite PATH", "Redis URL" with any password masked.
+    std::string describeStore() const;
 
 private:
     struct Impl;
     std::unique_ptr<Impl> impl;
 };
+
+// "250ms", "30s", "15m", "12h", "7d": a positive whole number and a unit; false
+// with error set otherwise.
+bool parseDuration(const std::string& text, long& milliseconds, std::string& error);
 
 // "HOST:PORT", "[V6HOST]:PORT" or ":PORT"; false with error set otherwise.
 bool parseListenAddress(const std::string& text, std::string& host, int& port, std::string& error);

@@ -102,10 +102,27 @@ class HttpHandler {
 public:
     virtual ~HttpHandler() = default;
     // Once the head is read, before the body: false with refusal filled
-    // answers it instead of reading the body, and the connection closes.
-    virtual bool admitHead(const HttpRequest& head, HttpReply& refusal) = 0;
+    // answers it instead of reading the body, and the connection closes. peer
+    // as in RequestOutcome.
+    virtual bool admitHead(const HttpRequest& head, const std::string& peer,
+                           HttpReply& refusal) = 0;
     // The whole request; fills reply.
     virtual void handle(const HttpRequest& request, HttpReply& reply) = 0;
+    // The whole request, answered through done, called exactly once, on any
+    // thread, now or later (request lives until then; the connection waits). A
+    // handler that must not hold an I/O thread overrides this; it must not throw.
+    // By default: handle(), then done.
+    virtual void handleLater(const HttpRequest& request, std::function<void(HttpReply)> done) {
+        HttpReply reply;
+        try {
+            handle(request, reply);
+        } catch (...) {
+            reply = HttpReply();
+            reply.status = 500;
+            reply.body = "The server failed to handle the request.\n";
+        }
+        done(std::move(reply));
+    }
     // Every request that got a reply, the server's own refusals included.
     virtual void answered(const RequestOutcome& outcome) = 0;
 };

@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include <nlohmann/json.hpp>
+
 #include <cstdio>
 
 namespace Arvant {
@@ -30,17 +32,11 @@ std::string utcNow() {
     return text;
 }
 
-// A JSON string of text already made printable: only the quote and the
-// backslash still need escaping.
-std::string jsonString(const std::string& shown) {
-    std::string quoted = "\"";
-    for (char c : shown) {
-        if (c == '"' || c == '\\') {
-            quoted += '\\';
-        }
-        quoted += c;
-    }
-    return quoted + "\"";
+// One JSON object a line, its members in the order written. Text that is not
+// UTF-8 (client input is made printable first; a message may hold anything)
+// gets U+FFFD instead of failing the line.
+std::string jsonLine(const nlohmann::ordered_json& object) {
+    return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace
@@ -53,6 +49,17 @@ bool parseLogLevel(const std::string& text, LogLevel& level) {
         }
     }
     return false;
+}
+
+std::string logLevelChoices() {
+    std::string choices;
+    for (int i = 0; i <= static_cast<int>(LogLevel::Off); ++i) {
+        choices += std::string(i == 0                                 ? ""
+                               : i == static_cast<int>(LogLevel::Off) ? " or "
+                                                                      : ", ") +
+                   kLevelNames[i];
+    }
+    return choices;
 }
 
 bool parseLogFormat(const std::string& text, LogFormat& format) {
@@ -93,8 +100,6 @@ void Log::request(const RequestLine& line) {
     // Whatever the client sent as method and path, the line stays short.
     const std::string method = printable(line.method.substr(0, 16));
     const std::string path = printable(line.path.substr(0, 200));
-    const std::string status = std::to_string(line.status);
-    const std::string micros = std::to_string(line.micros);
     std::string text = utcNow();
     if (format == LogFormat::Text) {
         text += std::string(" ") + levelName(level);
@@ -104,19 +109,26 @@ void Log::request(const RequestLine& line) {
         } else {
             text += " request method=" + method + " path=" + path;
         }
-        text += " status=" + status + " us=" + micros + " peer=" + line.peer + "\n";
+        text += " status=" + std::to_string(line.status) + " us=" + std::to_string(line.micros) +
+                " peer=" + line.peer + "\n";
     } else {
-        text = "{\"time\":\"" + text + "\",\"level\":\"" + levelName(level) + "\",";
+        nlohmann::ordered_json object;
+        object["time"] = text;
+        object["level"] = levelName(level);
         if (line.exchange) {
-            text += "\"event\":\"exchange\",\"op\":" + jsonString(printable(line.operation)) +
-                    ",\"server\":" + jsonString(printable(line.server)) +
-                    ",\"client\":" + jsonString(printable(line.client));
+            object["event"] = "exchange";
+            object["op"] = printable(line.operation);
+            object["server"] = printable(line.server);
+            object["client"] = printable(line.client);
         } else {
-            text += "\"event\":\"request\",\"method\":" + jsonString(method) +
-                    ",\"path\":" + jsonString(path);
+            object["event"] = "request";
+            object["method"] = method;
+            object["path"] = path;
         }
-        text += ",\"status\":" + status + ",\"us\":" + micros +
-                ",\"peer\":" + jsonString(line.peer) + "}\n";
+        object["status"] = line.status;
+        object["us"] = line.micros;
+        object["peer"] = line.peer;
+        text = jsonLine(object);
     }
     write(text);
 }
@@ -128,12 +140,11 @@ void Log::message(LogLevel level, const std::string& text) {
     if (format == LogFormat::Text) {
         write(utcNow() + " " + levelName(level) + " " + text + "\n");
     } else {
-        std::string shown;
-        for (char c : text) {  // our own messages: only control bytes need care
-            shown += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
-        }
-        write("{\"time\":\"" + utcNow() + "\",\"level\":\"" + levelName(level) +
-              "\",\"message\":" + jsonString(shown) + "}\n");
+        nlohmann::ordered_json object;
+        object["time"] = utcNow();
+        object["level"] = levelName(level);
+        object["message"] = text;
+        write(jsonLine(object));
     }
 }
 

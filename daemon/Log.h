@@ -18,6 +18,8 @@ enum class LogFormat { Text, Json };
 
 // "debug", "info", "warn", "error", "off"; false for anything else.
 bool parseLogLevel(const std::string& text, LogLevel& level);
+// Those names as a sentence, for help and errors: "debug, info, ... or off".
+std::string logLevelChoices();
 // "text" or "json"; false for anything else.
 bool parseLogFormat(const std::string& text, LogFormat& format);
 

@@ -1,5 +1,7 @@
 #include "daemon/Metrics.h"
 
+#include "protocol/Names.h"
+
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
@@ -16,17 +18,22 @@ const char* const kBoundSeconds[] = {"0.0001", "0.00025", "0.0005", "0.001", "0.
                                      "0.01",   "0.025",   "0.05",   "0.1",   "0.25",   "0.5",
                                      "1",      "2.5",     "5",      "10"};
 
-bool plainName(const std::string& name) {
-    if (name.empty() || name.size() > 64) {
-        return false;
+// The operations of the client library's service and of the operators' one.
+const char* const kOperations[] = {Protocol::kGetStatus,        Protocol::kRegisterClient,
+                                   Protocol::kUnregisterClient, Protocol::kPutEvents,
+                                   Protocol::kGetEvents,        Protocol::kGetSharedClients,
+                                   Protocol::kListClients,      Protocol::kEvictClient};
+
+std::string label(const std::string& operation) {
+    if (operation.empty()) {
+        return "none";
     }
-    for (char c : name) {
-        const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-        if (!letter && !(c >= '0' && c <= '9') && c != '_') {
-            return false;
+    for (const char* known : kOperations) {
+        if (operation == known) {
+            return operation;
         }
     }
-    return true;
+    return "other";
 }
 
 std::string gauge(const char* name, const char* help, std::size_t value) {
@@ -38,23 +45,9 @@ std::string gauge(const char* name, const char* help, std::size_t value) {
 
 static_assert(sizeof kBoundMicros / sizeof kBoundMicros[0] == 16, "one count per bucket");
 
-std::string Metrics::label(const std::string& operation) {
-    if (operation.empty()) {
-        return "none";
-    }
-    if (!plainName(operation)) {
-        return "other";
-    }
-    for (const auto& series : requests) {
-        if (series.first.first == operation) {
-            return operation;
-        }
-    }
-    if (operations < kMaxOperations) {
-        ++operations;
-        return operation;
-    }
-    return "other";
+void Metrics::addExpiredClients(std::size_t count) {
+    std::lock_guard<std::mutex> lock(mutex);
+    expiredClients += count;
 }
 
 void Metrics::recordRequest(const std::string& operation, int status, long long micros) {
@@ -93,6 +86,11 @@ std::string Metrics::render(const Gauges& gauges) {
             std::to_string(durationCount) + "\n" + "quorveld_request_duration_seconds_sum " +
             std::to_string(durationMicros / 1000000) + "." + micros.substr(1) + "\n" +
             "quorveld_request_duration_seconds_count " + std::to_string(durationCount) + "\n";
+    text +=
+        "# HELP quorveld_expired_clients_total Clients unregistered for being idle too long.\n"
+        "# TYPE quorveld_expired_clients_total counter\n"
+        "quorveld_expired_clients_total " +
+        std::to_string(expiredClients) + "\n";
     text += gauge("quorveld_registered_clients", "Clients registered.", gauges.registeredClients);
     text += gauge("quorveld_waiting_events", "Events waiting to be fetched, one per recipient.",
                   gauges.waitingEvents);

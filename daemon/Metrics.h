@@ -27,24 +27,23 @@ struct Gauges {
 class Metrics {
 public:
     // operation is the exchange's operation name, or empty for other requests
-    // ("none"). Names are client input: only the first few distinct names
-    // made of letters, digits and "_" get a series of their own, the rest
-    // count as "other".
+    // ("none"). Names are client input: the service's own operations get a
+    // series each, every other name counts as "other", so no client can add
+    // series or crowd the real ones out.
     void recordRequest(const std::string& operation, int status, long long micros);
+    // Clients the idle sweep unregistered.
+    void addExpiredClients(std::size_t count);
     std::string render(const Gauges& gauges);
 
 private:
-    static constexpr std::size_t kMaxOperations = 32;
     static constexpr std::size_t kBuckets = 16;
-
-    std::string label(const std::string& operation);
 
     std::mutex mutex;  // guards everything below
     std::map<std::pair<std::string, int>, std::uint64_t> requests;
-    std::size_t operations = 0;                           // distinct names with a series
     std::array<std::uint64_t, kBuckets + 1> durations{};  // per bucket, the last +Inf
     std::uint64_t durationCount = 0;
     std::uint64_t durationMicros = 0;
+    std::uint64_t expiredClients = 0;
 };
 
 }  // namespace Daemon

@@ -9,12 +9,17 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include "daemon/Daemon.h"
 #include "daemon/Token.h"
@@ -28,52 +33,81 @@ namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
 
 namespace {
 
-// Every connection is a descriptor: take as many as the hard limit allows.
-void raiseDescriptorLimit() {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
-        limit.rlim_cur = limit.rlim_max;
-        ::setrlimit(RLIMIT_NOFILE, &limit);
-    }
-}
+// Read by quorveld, so that the secret stays out of the process list.
+const char* const kRedisPasswordVariable = "QUORVEL_REDIS_PASSWORD";
+const char* const kEnvironmentHelp =
+    "Environment:\n"
+    "  QUORVEL_REDIS_PASSWORD  the password of --redis (overrides one in the URL)\n";
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// What the command line says, before it is checked.
+struct CommandLine {
     DaemonOptions options;
-    options.threads = std::max(1u, std::thread::hardware_concurrency());
     std::string listen = "127.0.0.1:7070";
     std::size_t workers = 0;
     std::string logLevel = "info";
     std::string logFormat = "text";
     bool quiet = false;
-    std::string tokenFile;
-    CLI::App app{"quorveld: the Quorvel event service over HTTP/1.1 (POST /quorvel/v1/exchange)."};
-    app.set_version_flag("--version", std::string("quorveld ") + QUORVELD_VERSION);
-    app.add_option("--listen", listen, "HOST:PORT to listen on; port 0 picks a free one")
+    std::string tokenFile, adminTokenFile;
+    std::string idleExpiry;
+    std::string dataDirectory, dataSync = "normal", redisUrl;
+};
+
+// Start-up ends with this exit code (0 after --help or --version).
+struct Exit {
+    int code;
+};
+
+[[noreturn]] void fail(int code, const std::string& message) {
+    std::cerr << "quorveld: " << message << "\n";
+    throw Exit{code};
+}
+
+void addServiceOptions(CLI::App& app, CommandLine& line) {
+    Engine::ServiceLimits& limits = line.options.limits;
+    app.add_option("--max-body", limits.maxBodyBytes, "Largest request body in bytes")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--max-queued-events", limits.maxQueuedEventsPerClient,
+                   "Most events waiting for one client")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--max-queued-bytes", limits.maxQueuedBytesPerClient,
+                   "Most bytes of event text waiting for one client")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--max-stored-bytes", limits.maxStoredBytes,
+                   "Most bytes of event text the store holds in all, each text counted once "
+                   "(default: a quarter of the memory)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--max-clients-per-server", limits.maxClientsPerServer,
+                   "Most clients registered under one server identifier")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--client-idle-expiry", line.idleExpiry,
+                   "Unregister clients that have not fetched for this long (e.g. 30m, 12h; "
+                   "default: never)");
+}
+
+void addServerOptions(CLI::App& app, CommandLine& line) {
+    DaemonOptions& options = line.options;
+    app.add_option("--listen", line.listen, "HOST:PORT to listen on; port 0 picks a free one")
         ->capture_default_str();
     app.add_option("--threads", options.threads,
                    "I/O threads serving every connection (default: the number of cores)")
         ->capture_default_str()
         ->check(CLI::Range(1, 256));
-    app.add_option("--workers", workers,
+    app.add_option("--store-threads", options.storeThreads,
+                   "Threads running the exchanges, each waiting on the store at most")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1024));
+    app.add_option("--store-queue", options.storeQueue,
+                   "Exchanges that may wait for a store thread; more are answered 503")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+    app.add_option("--workers", line.workers,
                    "Accepted for old command lines and ignored: connections hold no thread")
         ->check(CLI::Range(1, 1024));
-    app.add_option("--max-body", options.limits.maxBodyBytes, "Largest request body in bytes")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    app.add_option("--max-queued-events", options.limits.maxQueuedEventsPerClient,
-                   "Most events waiting for one client")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    app.add_option("--max-queued-bytes", options.limits.maxQueuedBytesPerClient,
-                   "Most bytes of event text waiting for one client")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    app.add_option("--max-clients-per-server", options.limits.maxClientsPerServer,
-                   "Most clients registered under one server identifier")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
     app.add_option("--read-timeout-ms", options.readTimeoutMs,
                    "Answer 408 when a client is silent this long in the middle of a request")
         ->capture_default_str()
@@ -86,126 +120,178 @@ int main(int argc, char** argv) {
                    "Close a connection idle between requests after this many seconds")
         ->capture_default_str()
         ->check(CLI::Range(1, 3600));
-    app.add_option("--max-connections", options.maxConnections,
+    app.add_option("--max-connections", line.options.maxConnections,
                    "Most open connections, TLS handshakes included; one past it is closed at once")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
-    app.add_option("--tls-handshake-timeout-ms", options.tlsHandshakeTimeoutMs,
+    app.add_option("--tls-handshake-timeout-ms", line.options.tlsHandshakeTimeoutMs,
                    "Close a TLS connection whose handshake is not done after this")
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
-    app.add_option("--token-file", tokenFile,
-                   "Every request but GET /healthz must carry Authorization: Bearer <the "
-                   "file's token>");
-    app.add_option("--tls-cert", options.tlsCertificateFile,
+}
+
+void addAccessOptions(CLI::App& app, CommandLine& line) {
+    app.add_option("--token-file", line.tokenFile,
+                   "Every request but GET /healthz and /readyz must carry Authorization: "
+                   "Bearer <the file's token>");
+    app.add_option("--admin-token-file", line.adminTokenFile,
+                   "Admin requests must carry this file's token (then from any peer); without "
+                   "it they are served to loopback peers only");
+    app.add_option("--tls-cert", line.options.tlsCertificateFile,
                    "Serve HTTPS with this PEM certificate chain (with --tls-key)");
-    app.add_option("--tls-key", options.tlsKeyFile, "The PEM private key of --tls-cert");
-    app.add_option("--log-level", logLevel, "debug, info, warn, error or off")
-        ->capture_default_str()
-        ->check(CLI::IsMember({"debug", "info", "warn", "error", "off"}));
-    app.add_option("--log-format", logFormat, "text or json (one object per line)")
-        ->capture_default_str()
-        ->check(CLI::IsMember({"text", "json"}));
-    app.add_flag("--quiet", quiet, "No log at all (as --log-level off)");
-    std::string dataDirectory;
-    app.add_option("--data", dataDirectory,
+    app.add_option("--tls-key", line.options.tlsKeyFile, "The PEM private key of --tls-cert");
+}
+
+void addStoreAndLogOptions(CLI::App& app, CommandLine& line) {
+    app.add_option("--data", line.dataDirectory,
                    "Keep registrations and waiting events in an SQLite database in this "
-                   "directory (made when missing); without it they are kept in memory");
-    std::string dataSync = "normal";
-    app.add_option("--data-sync", dataSync,
+                   "directory (made 0700 when missing); without it they are kept in memory");
+    app.add_option("--data-sync", line.dataSync,
                    "normal: a put answered survives the end of the daemon; full: also a "
                    "power cut, at a far lower rate")
         ->capture_default_str()
         ->check(CLI::IsMember({"normal", "full"}));
-    std::string redisUrl;
-    app.add_option("--redis", redisUrl,
-                   "Keep the state in Redis at redis://HOST[:PORT][/DB], shared by every daemon "
-                   "started with the same URL");
+    app.add_option("--redis", line.redisUrl,
+                   "Keep the state in Redis at redis://[[USER:]PASSWORD@]HOST[:PORT][/DB], "
+                   "shared by every daemon started with the same URL");
+    app.add_option("--log-level", line.logLevel, logLevelChoices())
+        ->capture_default_str()
+        ->check([](const std::string& text) {
+            LogLevel level;
+            return parseLogLevel(text, level) ? std::string() : "one of " + logLevelChoices();
+        });
+    app.add_option("--log-format", line.logFormat, "text or json (one object per line)")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"text", "json"}));
+    app.add_flag("--quiet", line.quiet, "No log at all (as --log-level off)");
+}
+
+// Throws Exit on --help, --version and usage errors.
+CommandLine parseCommandLine(int argc, char** argv) {
+    CommandLine line;
+    line.options.threads = std::max(1u, std::thread::hardware_concurrency());
+    CLI::App app{"quorveld: the Quorvel event service over HTTP/1.1 (POST /quorvel/v1/exchange)."};
+    app.set_version_flag("--version", std::string("quorveld ") + QUORVELD_VERSION);
+    app.footer(kEnvironmentHelp);
+    addServerOptions(app, line);
+    addServiceOptions(app, line);
+    addAccessOptions(app, line);
+    addStoreAndLogOptions(app, line);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         const int code = app.exit(e);
-        return code == 0 ? 0 : 2;  // --help, --version, or a usage error
+        throw Exit{code == 0 ? 0 : 2};  // --help, --version, or a usage error
     }
+    return line;
+}
 
+// The usage errors that no single option shows.
+void checkCommandLine(CommandLine& line) {
+    DaemonOptions& options = line.options;
     std::string error;
-    if (!parseListenAddress(listen, options.host, options.port, error)) {
-        std::cerr << "quorveld: " << error << "\n";
-        return 2;
+    if (!parseListenAddress(line.listen, options.host, options.port, error)) {
+        fail(2, error);
     }
     if (options.tlsCertificateFile.empty() != options.tlsKeyFile.empty()) {
-        std::cerr << "quorveld: --tls-cert and --tls-key go together.\n";
-        return 2;
+        fail(2, "--tls-cert and --tls-key go together.");
     }
-    parseLogLevel(quiet ? "off" : logLevel, options.logLevel);
-    parseLogFormat(logFormat, options.logFormat);
-    if (!tokenFile.empty() && !readTokenFile(tokenFile, options.token, error)) {
-        std::cerr << "quorveld: " << error << "\n";
-        return 1;
+    if (!line.dataDirectory.empty() && !line.redisUrl.empty()) {
+        fail(2, "--data and --redis exclude each other: the state lives in one store");
     }
-    raiseDescriptorLimit();
+    if (!line.idleExpiry.empty() &&
+        !parseDuration(line.idleExpiry, options.clientIdleExpiryMs, error)) {
+        fail(2, "--client-idle-expiry: " + error);
+    }
+    parseLogLevel(line.quiet ? "off" : line.logLevel, options.logLevel);
+    parseLogFormat(line.logFormat, options.logFormat);
+}
 
-    if (!dataDirectory.empty() && !redisUrl.empty()) {
-        std::cerr << "quorveld: --data and --redis exclude each other: the state lives in one "
-                     "store\n";
-        return 2;
+// Reads a token file; a file that group or others may read is said in warnings.
+void readSecret(const std::string& path, std::string& token, std::vector<std::string>& warnings) {
+    std::string error;
+    if (!readTokenFile(path, token, error)) {
+        fail(1, error);
     }
-    std::unique_ptr<Engine::Store> store;
-    if (!dataDirectory.empty()) {
-        try {
-            store = std::make_unique<Engine::SqliteStore>(dataDirectory, options.limits,
-                                                          dataSync == "full"
-                                                              ? Engine::SqliteStore::Sync::Full
-                                                              : Engine::SqliteStore::Sync::Normal);
-        } catch (const Protocol::Failure& failure) {
-            std::cerr << "quorveld: " << failure.message << "\n";
-            return 1;
-        }
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0 && (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
+        warnings.push_back("the token file " + path + " has mode " + mode +
+                           ": others than its owner may read it (chmod 600 " + path + ")");
     }
-    if (!redisUrl.empty()) {
-        Engine::RedisAddress address;
-        if (!Engine::parseRedisUrl(redisUrl, address, error)) {
-            std::cerr << "quorveld: --redis: " << error << "\n";
-            return 2;
+}
+
+// The directory of --data is made here, 0700, so that no one else may even list
+// it; the store makes its database 0600 in it.
+void makeDataDirectory(const std::string& directory) {
+    struct stat status {};
+    if (::stat(directory.c_str(), &status) == 0) {
+        return;
+    }
+    const std::string parent = directory.substr(0, directory.find_last_of('/'));
+    if (parent != directory && !parent.empty()) {
+        makeDataDirectory(parent);
+    }
+    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+        fail(1, "cannot make the directory " + directory + ": " + std::strerror(errno));
+    }
+}
+
+std::unique_ptr<Engine::Store> makeStore(const CommandLine& line) {
+    const Engine::ServiceLimits& limits = line.options.limits;
+    try {
+        if (!line.dataDirectory.empty()) {
+            makeDataDirectory(line.dataDirectory);
+            return std::make_unique<Engine::SqliteStore>(line.dataDirectory, limits,
+                                                         line.dataSync == "full"
+                                                             ? Engine::SqliteStore::Sync::Full
+                                                             : Engine::SqliteStore::Sync::Normal);
         }
-        auto redis = std::make_unique<Engine::RedisStore>(address, options.limits);
-        try {
+        if (!line.redisUrl.empty()) {
+            Engine::RedisAddress address;
+            std::string error;
+            if (!Engine::parseRedisUrl(line.redisUrl, address, error)) {
+                fail(2, "--redis: " + error);
+            }
+            if (const char* password = std::getenv(kRedisPasswordVariable)) {
+                address.password = password;
+            }
+            auto redis = std::make_unique<Engine::RedisStore>(address, limits);
             redis->ping();  // a wrong address shows now, not at the first request
-        } catch (const Protocol::Failure& failure) {
-            std::cerr << "quorveld: " << failure.message << "\n";
-            return 1;
+            return redis;
         }
-        store = std::move(redis);
+    } catch (const Protocol::Failure& failure) {
+        fail(1, failure.message);
     }
+    return nullptr;  // memory
+}
 
+// Signals the process reacts to, set before any thread starts so that every
+// thread inherits them.
+sigset_t prepareSignals() {
     // A peer that goes away mid-answer must not kill the daemon.
     signal(SIGPIPE, SIG_IGN);
     // A store file that reaches the file size limit fails that write, which the
     // store reports, instead of ending the daemon.
     signal(SIGXFSZ, SIG_IGN);
     // SIGINT and SIGTERM are taken by one thread with sigwait; every other thread
-    // (the I/O threads inherit this mask) leaves them alone.
+    // leaves them alone.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    // Every connection is a descriptor: take as many as the hard limit allows.
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    return stopSignals;
+}
 
-    Daemon daemon(options, stderr, std::move(store));
-    if (workers != 0) {
-        daemon.log().message(LogLevel::Warn,
-                             "--workers is ignored: connections hold no thread; --threads sets "
-                             "the I/O threads.");
-    }
-    if (!daemon.bind(error)) {
-        std::cerr << "quorveld: " << error << "\n";
-        return 1;
-    }
-    std::thread signalWaiter([&] {
-        int signal = 0;
-        sigwait(&stopSignals, &signal);
-        daemon.stop();
-    });
+void announce(Daemon& daemon, const DaemonOptions& options) {
     // An IPv6 address in brackets, as a URL wants it.
     const bool v6 = options.host.find(':') != std::string::npos;
     const std::string where =
@@ -214,9 +300,34 @@ int main(int argc, char** argv) {
     daemon.log().message(LogLevel::Info,
                          std::string("quorveld ") + QUORVELD_VERSION + " listening on " + where +
                              (options.tlsCertificateFile.empty() ? "" : " (TLS)") + " with " +
-                             std::to_string(options.threads) + " I/O threads" +
+                             std::to_string(options.threads) + " I/O threads, " +
+                             std::to_string(options.storeThreads) + " store threads, store " +
+                             daemon.describeStore() +
                              (options.token.empty() ? "" : ", token required"));
+}
 
+int serve(const CommandLine& line, std::unique_ptr<Engine::Store> store,
+          const std::vector<std::string>& warnings) {
+    sigset_t stopSignals = prepareSignals();
+    Daemon daemon(line.options, stderr, std::move(store));
+    for (const std::string& warning : warnings) {
+        daemon.log().message(LogLevel::Warn, warning);
+    }
+    if (line.workers != 0) {
+        daemon.log().message(LogLevel::Warn,
+                             "--workers is ignored: connections hold no thread; --threads sets "
+                             "the I/O threads.");
+    }
+    std::string error;
+    if (!daemon.bind(error)) {
+        fail(1, error);
+    }
+    std::thread signalWaiter([&] {
+        int signal = 0;
+        sigwait(&stopSignals, &signal);
+        daemon.stop();
+    });
+    announce(daemon, line.options);
     const bool served = daemon.run();
     if (!served) {
         std::cerr << "quorveld: the listening socket failed.\n";
@@ -226,4 +337,23 @@ int main(int argc, char** argv) {
     signalWaiter.join();
     daemon.log().message(LogLevel::Info, "quorveld stopped");
     return served ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        CommandLine line = parseCommandLine(argc, argv);
+        checkCommandLine(line);
+        std::vector<std::string> warnings;
+        if (!line.tokenFile.empty()) {
+            readSecret(line.tokenFile, line.options.token, warnings);
+        }
+        if (!line.adminTokenFile.empty()) {
+            readSecret(line.adminTokenFile, line.options.adminToken, warnings);
+        }
+        return serve(line, makeStore(line), warnings);
+    } catch (const Exit& exit) {
+        return exit.code;
+    }
 }

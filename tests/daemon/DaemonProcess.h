@@ -10,14 +10,15 @@
 
 #include "daemon/DaemonHarness.h"
 #include "daemon/RawConnection.h"
+#include "wire/HttpWire.h"
 
 namespace Harness {
 
 // quorveld on an ephemeral loopback port, logging to err(); always stopped.
 class DaemonProcess : public Child {
 public:
-    explicit DaemonProcess(const Strings& options = {})
-        : Child(program({QUORVELD_BINARY, "--listen", "127.0.0.1:0"}, options)) {
+    explicit DaemonProcess(const Strings& options = {}, const Strings& env = {})
+        : Child(program({QUORVELD_BINARY, "--listen", "127.0.0.1:0"}, options), env) {
         char newline = 0;
         for (int i = 0; i < 2000 && newline != '\n' && running(); ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -32,6 +33,38 @@ public:
     std::string url() const { return "QUORVEL_URL=http://127.0.0.1:" + std::to_string(port); }
     int port = 0;
 };
+
+// GET path on a connection of its own.
+inline std::string getRaw(int port, const std::string& path, const std::string& headers = "",
+                          int timeoutMs = 3000) {
+    return exchangeRaw(
+        port, "GET " + path + " HTTP/1.1\r\nHost: t\r\n" + headers + "Connection: close\r\n\r\n",
+        timeoutMs);
+}
+
+// An exchange as the HTTP backend sends it, on a connection the daemon closes
+// after it: the fields ("Name=value" each) and the body; extra header lines as
+// they are.
+inline std::string exchangeText(const Strings& fields, const std::string& body = "",
+                                const std::string& headers = "") {
+    std::string text =
+        "POST /quorvel/v1/exchange HTTP/1.1\r\nHost: t\r\nConnection: close\r\n" + headers;
+    for (const std::string& field : fields) {
+        const std::size_t equals = field.find('=');
+        text += "Quorvel-Field: " +
+                Arvant::Net::AvQuorvel::Wire::encodeField(field.substr(0, equals),
+                                                          field.substr(equals + 1)) +
+                "\r\n";
+    }
+    return text + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+// The status of an HTTP answer; 0 when none came.
+inline int statusOf(const std::string& answer) {
+    int status = 0;
+    std::sscanf(answer.c_str(), "HTTP/1.1 %d", &status);
+    return status;
+}
 
 }  // namespace Harness
 

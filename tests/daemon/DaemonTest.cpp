@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <fstream>
@@ -54,6 +55,78 @@ TEST(DaemonTest, BadCommandLinesExitWithTwo) {
         EXPECT_EQ(result.code, 2) << option;
         EXPECT_NE(result.err, "") << option;
     }
+}
+
+// The operators' side: admin requests with their own token, idle clients
+// expired and counted, the store's byte bound, the store named at start, and
+// files that others may read.
+TEST(DaemonTest, OperatorsGetAdminAccessExpiryBoundsAndSafeFiles) {
+    char directory[] = "/tmp/quorvel-operators-XXXXXX";
+    ASSERT_NE(::mkdtemp(directory), nullptr);
+    const std::string tokenFile = std::string(directory) + "/token";
+    const std::string adminFile = std::string(directory) + "/admin";
+    std::ofstream(tokenFile) << "s3rvice\n";
+    std::ofstream(adminFile) << "adm1n\n";
+    ::chmod(tokenFile.c_str(), 0644);
+    ::chmod(adminFile.c_str(), 0600);
+    Daemon daemon({"--token-file", tokenFile, "--admin-token-file", adminFile,
+                   "--client-idle-expiry", "1s", "--max-stored-bytes", "64"});
+    const Strings list = {"Service-Name=AvQVLAdmin", "Operation-Name=listClients"};
+    const Strings status = {"Service-Name=AvQVLRequest", "Operation-Name=getStatus"};
+    const auto as = [](const char* op, const char* client) {
+        return Strings{"Service-Name=AvQVLRequest", std::string("Operation-Name=") + op,
+                       "Server-ID=S", std::string("Client-ID=") + client};
+    };
+    const std::string service = "Authorization: Bearer s3rvice\r\n";
+    const std::string admin = "Authorization: Bearer adm1n\r\n";
+    const struct {
+        Strings fields;
+        std::string body, headers;
+        int status;
+    } table[] = {
+        {list, "", admin, 200},
+        {list, "", service, 401},
+        {list, "", "", 401},
+        {status, "", admin, 401},
+        {status, "", service, 200},
+        {as("registerClient", "alice"), "", service, 200},
+        {as("registerClient", "bob"), "", service, 200},
+        {as("putEvents", "alice"), std::string(65, 'x'), service, 507},  // past the store's 64
+        {as("putEvents", "alice"), std::string(64, 'x'), service, 200},
+    };
+    for (const auto& row : table) {
+        const std::string answer =
+            exchangeRaw(daemon.port, exchangeText(row.fields, row.body, row.headers));
+        EXPECT_EQ(statusOf(answer), row.status) << row.fields[1] << " " << row.headers << answer;
+    }
+    // Neither client fetches: both expire.
+    std::string metrics;
+    for (int i = 0;
+         i < 100 && metrics.find("\nquorveld_expired_clients_total 2\n") == std::string::npos;
+         ++i) {
+        std::this_thread::sleep_for(milliseconds(50));
+        metrics = getRaw(daemon.port, "/metrics", service);
+    }
+    EXPECT_NE(metrics.find("\nquorveld_expired_clients_total 2\n"), std::string::npos) << metrics;
+    EXPECT_EQ(daemon.stop(), 0);
+    const std::string log = daemon.err();
+    EXPECT_NE(log.find("info expired idle client server=S client=alice"), std::string::npos);
+    EXPECT_NE(log.find("the token file " + tokenFile + " has mode 0644"), std::string::npos);
+    EXPECT_EQ(log.find(adminFile + " has mode"), std::string::npos) << log;
+    EXPECT_NE(log.find(", store memory"), std::string::npos) << log;
+
+    // Without an admin token, loopback peers are served; a store directory
+    // the daemon makes is its owner's alone.
+    const std::string data = std::string(directory) + "/made/data";
+    Daemon sqlite({"--data", data});
+    Daemon memory;
+    EXPECT_EQ(statusOf(exchangeRaw(memory.port, exchangeText(list))), 200);
+    EXPECT_EQ(sqlite.stop(), 0);
+    EXPECT_NE(sqlite.err().find(", store SQLite " + data), std::string::npos) << sqlite.err();
+    struct stat made {};
+    ASSERT_EQ(::stat(data.c_str(), &made), 0);
+    EXPECT_EQ(made.st_mode & 0777, 0700u);
+    std::system(("rm -rf '" + std::string(directory) + "'").c_str());
 }
 
 TEST(DaemonTest, ClientProcessesShareTheDaemon) {

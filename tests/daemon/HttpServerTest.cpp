@@ -103,7 +103,7 @@ std::string headOf(std::size_t bytes, bool close) {
 class LargeAnswers : public HttpHandler {
 public:
     explicit LargeAnswers(std::size_t size) : size(size) {}
-    bool admitHead(const HttpRequest&, HttpReply&) override { return true; }
+    bool admitHead(const HttpRequest&, const std::string&, HttpReply&) override { return true; }
     void handle(const HttpRequest&, HttpReply& reply) override {
         reply.body.assign(size, 'x');
         reply.onComplete = [this](bool delivered) { outcome.set_value(delivered); };
@@ -238,17 +238,22 @@ TEST(MetricsTest, OperationLabelsStayFewAndSafe) {
     }
     metrics.recordRequest("bad\"name\n", 400, 20000000);
     metrics.recordRequest("", 404, 50);
+    // Names sent first crowd no operation of the service out.
+    metrics.recordRequest("putEvents", 507, 0);
+    metrics.recordRequest("evictClient", 200, 0);
     const std::string text = metrics.render(Gauges{1, 2, 3, 4});
-    EXPECT_THAT(text, HasSubstr("quorveld_requests_total{operation=\"op31\",status=\"200\"} 1\n"));
-    EXPECT_EQ(text.find("op32"), std::string::npos) << "beyond the first 32 names";
-    EXPECT_THAT(text, HasSubstr("quorveld_requests_total{operation=\"other\",status=\"200\"} 8\n"));
+    EXPECT_EQ(text.find("op0"), std::string::npos) << "a name of the client's own";
+    EXPECT_THAT(text, HasSubstr("{operation=\"putEvents\",status=\"507\"} 1\n"));
+    EXPECT_THAT(text, HasSubstr("{operation=\"evictClient\",status=\"200\"} 1\n"));
+    EXPECT_THAT(text,
+                HasSubstr("quorveld_requests_total{operation=\"other\",status=\"200\"} 40\n"));
     EXPECT_THAT(text, HasSubstr("quorveld_requests_total{operation=\"other\",status=\"400\"} 1\n"));
     EXPECT_THAT(text, HasSubstr("quorveld_requests_total{operation=\"none\",status=\"404\"} 1\n"));
-    // 50 us falls in the first bucket, the 40 of 150 us in the second, 20 s only in +Inf.
-    EXPECT_THAT(text, HasSubstr("quorveld_request_duration_seconds_bucket{le=\"0.0001\"} 1\n"));
-    EXPECT_THAT(text, HasSubstr("quorveld_request_duration_seconds_bucket{le=\"0.00025\"} 41\n"));
-    EXPECT_THAT(text, HasSubstr("quorveld_request_duration_seconds_bucket{le=\"10\"} 41\n"));
-    EXPECT_THAT(text, HasSubstr("quorveld_request_duration_seconds_bucket{le=\"+Inf\"} 42\n"));
+    // 0 and 50 us fall in the first bucket, the 40 of 150 us in the second, 20 s only in +Inf.
+    EXPECT_THAT(text, HasSubstr("quorveld_request_duration_seconds_bucket{le=\"0.0001\"} 3\n"));
+    EXPECT_THAT(text, HasSubstr("quorveld_request_duration_seconds_bucket{le=\"0.00025\"} 43\n"));
+    EXPECT_THAT(text, HasSubstr("quorveld_request_duration_seconds_bucket{le=\"10\"} 43\n"));
+    EXPECT_THAT(text, HasSubstr("quorveld_request_duration_seconds_bucket{le=\"+Inf\"} 44\n"));
     EXPECT_THAT(text, HasSubstr("quorveld_request_duration_seconds_sum 20.006050\n"));
     EXPECT_THAT(text, HasSubstr("\nquorveld_waiting_bytes 3\n"));
     EXPECT_THAT(text, HasSubstr("\nquorveld_open_connections 4\n"));

@@ -46,6 +46,7 @@ public:
 
     int port = 0;
     std::string directory;
+    pid_t pid() const { return child; }  // for a test that stops and resumes it
     std::string url() const { return "redis://127.0.0.1:" + std::to_string(port); }
 
     void start() {
@@ -79,8 +80,8 @@ public:
         }
         argv.push_back(nullptr);
         std::fflush(nullptr);
-        pid = ::fork();
-        if (pid == 0) {
+        child = ::fork();
+        if (child == 0) {
             ::execv(argv[0], argv.data());
             ::_exit(127);
         }
@@ -89,8 +90,8 @@ public:
                 return;
             }
             int status = 0;
-            if (::waitpid(pid, &status, WNOHANG) == pid) {
-                pid = -1;
+            if (::waitpid(child, &status, WNOHANG) == child) {
+                child = -1;
                 throw std::runtime_error("RedisServer: redis-server ended at start; see " +
                                          directory + "/redis.log");
             }
@@ -109,21 +110,22 @@ public:
 
     // SIGSTOP makes a server that accepts connections and never answers; SIGCONT
     // brings it back.
-    void signal(int signal) const { ::kill(pid, signal); }
+    void signal(int signal) const { ::kill(child, signal); }
 
     // signal SIGTERM lets Redis finish its append-only file; SIGKILL does not.
     void stop(int signal = SIGTERM) {
-        if (pid <= 0) {
+        if (child <= 0) {
             return;
         }
-        ::kill(pid, signal);
+        ::kill(child, signal);
         int status = 0;
-        for (int waited = 0; waited < 10000 && ::waitpid(pid, &status, WNOHANG) == 0; waited += 5) {
+        for (int waited = 0; waited < 10000 && ::waitpid(child, &status, WNOHANG) == 0;
+             waited += 5) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &status, 0);
-        pid = -1;
+        ::kill(child, SIGKILL);
+        ::waitpid(child, &status, 0);
+        child = -1;
     }
 
 private:
@@ -168,7 +170,7 @@ private:
         return answer;
     }
 
-    pid_t pid = -1;
+    pid_t child = -1;
     const std::string password;
 };
 

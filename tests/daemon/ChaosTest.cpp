@@ -1,0 +1,119 @@
+// quorveld while its store fails under it: a real redis-server stopped (SIGSTOP),
+// resumed, killed and restarted, and an SQLite store held under a file size
+// limit. Whatever the store does, the daemon lives on and answers /healthz, says
+// through /readyz and /metrics whether the store answers, and serves exchanges
+// again once it does.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "daemon/DaemonProcess.h"
+#include "support/RedisServer.h"
+
+using namespace Harness;
+
+namespace {
+
+Strings asClient(const char* operation, const char* client) {
+    return {"Service-Name=AvQVLRequest", std::string("Operation-Name=") + operation, "Server-ID=S",
+            std::string("Client-ID=") + client};
+}
+
+enum class Exchanges { Served, Failed, Stuck };
+
+struct Phase {
+    const char* name;
+    std::function<void()> act;
+    int ready;  // what /readyz and /metrics answer once the phase has settled
+    Exchanges exchanges;
+};
+
+// How long a probe or a scrape may take: only "did it answer" counts, but a
+// probe stuck behind a store call would wait out the store's 10 s time-out.
+constexpr int kProbeMs = 5000;
+// For exchanges: beyond any store time-out.
+constexpr int kPatientMs = 30000;
+
+// Probes /readyz until it says want, about 40 s at most (a store call under way
+// when the store came back ends with its own time-out); the last status.
+int awaitReadiness(int port, int want) {
+    int status = 0;
+    for (int i = 0; i < 400 && status != want; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(i == 0 ? 0 : 100));
+        status = statusOf(getRaw(port, "/readyz", "", kProbeMs));
+    }
+    return status;
+}
+
+void runPhases(DaemonProcess& daemon, const std::vector<Phase>& phases) {
+    std::vector<std::unique_ptr<RawConnection>> stuck;
+    for (const Phase& phase : phases) {
+        SCOPED_TRACE(phase.name);
+        phase.act();
+        if (phase.exchanges == Exchanges::Stuck) {
+            // More exchanges waiting on the store than the daemon has I/O threads.
+            for (int i = 0; i < 4; ++i) {
+                stuck.push_back(std::make_unique<RawConnection>(daemon.port));
+                stuck.back()->send(exchangeText(asClient("putEvents", "alice"), "stuck"));
+            }
+        }
+        EXPECT_EQ(statusOf(getRaw(daemon.port, "/healthz", "", kProbeMs)), 200);
+        EXPECT_EQ(awaitReadiness(daemon.port, phase.ready), phase.ready);
+        EXPECT_EQ(statusOf(getRaw(daemon.port, "/metrics", "", kProbeMs)), phase.ready);
+        if (phase.exchanges != Exchanges::Stuck) {
+            const int put = statusOf(exchangeRaw(
+                daemon.port, exchangeText(asClient("putEvents", "alice"), "e"), kPatientMs));
+            EXPECT_EQ(put == 200, phase.exchanges == Exchanges::Served) << put;
+        }
+        ASSERT_TRUE(daemon.running()) << daemon.err();
+    }
+}
+
+void registerBoth(int port) {
+    for (const char* client : {"alice", "bob"}) {
+        ASSERT_EQ(statusOf(exchangeRaw(port, exchangeText(asClient("registerClient", client)))),
+                  200);
+    }
+}
+
+void setFileSizeLimit(pid_t pid, rlim_t bytes) {
+    rlimit limit{};
+    ASSERT_EQ(::prlimit(pid, RLIMIT_FSIZE, nullptr, &limit), 0);
+    limit.rlim_cur = bytes;  // the soft limit only: no privilege needed either way
+    ASSERT_EQ(::prlimit(pid, RLIMIT_FSIZE, &limit, nullptr), 0);
+}
+
+}  // namespace
+
+TEST(ChaosTest, TheDaemonOutlivesItsStoreAndServesAgainWhenItIsBack) {
+    RedisServer redis;
+    DaemonProcess daemon({"--redis", redis.url(), "--threads", "2", "--store-threads", "2"});
+    registerBoth(daemon.port);
+    const std::vector<Phase> redisPhases = {
+        {"Redis answers", [] {}, 200, Exchanges::Served},
+        {"Redis stopped", [&] { ::kill(redis.pid(), SIGSTOP); }, 503, Exchanges::Stuck},
+        {"Redis resumed", [&] { ::kill(redis.pid(), SIGCONT); }, 200, Exchanges::Served},
+        {"Redis killed", [&] { redis.stop(SIGKILL); }, 503, Exchanges::Failed},
+        {"Redis restarted", [&] { redis.start(); }, 200, Exchanges::Served},
+    };
+    runPhases(daemon, redisPhases);
+    EXPECT_EQ(daemon.stop(), 0);
+
+    char directory[] = "/tmp/quorvel-chaos-XXXXXX";
+    ASSERT_NE(::mkdtemp(directory), nullptr);
+    DaemonProcess sqlite({"--data", directory});
+    registerBoth(sqlite.port);
+    const std::vector<Phase> sqlitePhases = {
+        // Reading still works, so the store is ready; writing is not.
+        {"file size limit", [&] { setFileSizeLimit(sqlite.id(), 1); }, 200, Exchanges::Failed},
+        {"limit lifted", [&] { setFileSizeLimit(sqlite.id(), RLIM_INFINITY); }, 200,
+         Exchanges::Served},
+    };
+    runPhases(sqlite, sqlitePhases);
+    EXPECT_EQ(sqlite.stop(), 0);
+    std::system(("rm -rf '" + std::string(directory) + "'").c_str());
+}
