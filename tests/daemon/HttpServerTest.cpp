@@ -48,7 +48,7 @@ private:
 // that call throw something that is no std::exception.
 class Thrower : public HttpHandler {
 public:
-    bool admitHead(const HttpRequest& head, HttpReply&) override {
+    bool admitHead(const HttpRequest& head, const std::string&, HttpReply&) override {
         throwIf(head, "/admit");
         return true;
     }
