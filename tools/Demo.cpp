@@ -153,6 +153,45 @@ bool fetchEvents(Participant& who, int& exitCode) {
         exitCode);
 }
 
+// The status check: the service must echo the status text.
+bool checkStatus(Participant& who, int& exitCode) {
+    sends(who, "getStatus() with the body \"AvQVL Status check\"");
+    int32_t status = -1;
+    if (!attempt([&] { status = who.connection.getStatus(); }, exitCode)) {
+        return false;
+    }
+    if (status != 0) {
+        receives(std::to_string(status) + " (the service answered with another text)");
+        exitCode = kExitServiceFailure;
+        return false;
+    }
+    receives("0 (the service echoed the status text)");
+    return true;
+}
+
+bool listShared(Participant& who, int& exitCode) {
+    sends(who, "getSharedClients()");
+    return attempt(
+        [&] {
+            std::vector<std::string> shared;
+            who.connection.getSharedClients(shared);
+            receives("shared clients: " + joined(shared));
+        },
+        exitCode);
+}
+
+bool leave(Participant& who, int& exitCode) {
+    sends(who, "unregisterClient()");
+    return attempt(
+        [&] {
+            std::vector<std::string> shared;
+            who.connection.unregisterClient(shared);
+            who.registered = false;
+            receives("unregistered; shared clients: " + joined(shared));
+        },
+        exitCode);
+}
+
 // The last step: a fetch after unregistering must be refused as unregistered.
 int fetchAfterLeaving(Participant& bob) {
     heading(7, "bob, no longer registered, tries to fetch");
@@ -195,16 +234,9 @@ int runDemo() {
               << where << ".\n";
 
     heading(1, "Status check (works before registration)");
-    sends(alice, "getStatus() with the body \"AvQVL Status check\"");
-    int32_t status = -1;
-    if (!attempt([&] { status = alice.connection.getStatus(); }, exitCode)) {
+    if (!checkStatus(alice, exitCode)) {
         return exitCode;
     }
-    if (status != 0) {
-        receives(std::to_string(status) + " (the service answered with another text)");
-        return kExitServiceFailure;
-    }
-    receives("0 (the service echoed the status text)");
 
     heading(2, "Three clients register under one server");
     for (Participant* who : {&alice, &bob, &carol}) {
@@ -225,27 +257,12 @@ int runDemo() {
     }
 
     heading(5, "carol lists the clients sharing the service");
-    sends(carol, "getSharedClients()");
-    if (!attempt(
-            [&] {
-                std::vector<std::string> shared;
-                carol.connection.getSharedClients(shared);
-                receives("shared clients: " + joined(shared));
-            },
-            exitCode)) {
+    if (!listShared(carol, exitCode)) {
         return exitCode;
     }
 
     heading(6, "bob unregisters");
-    sends(bob, "unregisterClient()");
-    if (!attempt(
-            [&] {
-                std::vector<std::string> shared;
-                bob.connection.unregisterClient(shared);
-                bob.registered = false;
-                receives("unregistered; shared clients: " + joined(shared));
-            },
-            exitCode)) {
+    if (!leave(bob, exitCode)) {
         return exitCode;
     }
 
