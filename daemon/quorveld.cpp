@@ -19,6 +19,7 @@
 #include <iostream>
 #include <memory>
 #include <thread>
+#include <variant>
 #include <vector>
 
 #include "daemon/Daemon.h"
@@ -62,28 +63,40 @@ struct Exit {
     throw Exit{code};
 }
 
+// A number option whose default is shown in --help and whose range is checked.
+struct NumberOption {
+    const char* name;
+    std::variant<unsigned*, long*, std::size_t*> value;
+    const char* help;
+    CLI::Validator range;
+};
+
+void addNumbers(CLI::App& app, const std::vector<NumberOption>& table) {
+    for (const NumberOption& option : table) {
+        std::visit(
+            [&](auto* value) {
+                app.add_option(option.name, *value, option.help)
+                    ->capture_default_str()
+                    ->check(option.range);
+            },
+            option.value);
+    }
+}
+
 void addServiceOptions(CLI::App& app, CommandLine& line) {
     Engine::ServiceLimits& limits = line.options.limits;
-    app.add_option("--max-body", limits.maxBodyBytes, "Largest request body in bytes")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    app.add_option("--max-queued-events", limits.maxQueuedEventsPerClient,
-                   "Most events waiting for one client")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    app.add_option("--max-queued-bytes", limits.maxQueuedBytesPerClient,
-                   "Most bytes of event text waiting for one client")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    app.add_option("--max-stored-bytes", limits.maxStoredBytes,
-                   "Most bytes of event text the store holds in all, each text counted once "
-                   "(default: a quarter of the memory)")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    app.add_option("--max-clients-per-server", limits.maxClientsPerServer,
-                   "Most clients registered under one server identifier")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
+    addNumbers(app, {{"--max-body", &limits.maxBodyBytes, "Largest request body in bytes",
+                      CLI::PositiveNumber},
+                     {"--max-queued-events", &limits.maxQueuedEventsPerClient,
+                      "Most events waiting for one client", CLI::PositiveNumber},
+                     {"--max-queued-bytes", &limits.maxQueuedBytesPerClient,
+                      "Most bytes of event text waiting for one client", CLI::PositiveNumber},
+                     {"--max-stored-bytes", &limits.maxStoredBytes,
+                      "Most bytes of event text the store holds in all, each text counted once "
+                      "(default: a quarter of the memory)",
+                      CLI::PositiveNumber},
+                     {"--max-clients-per-server", &limits.maxClientsPerServer,
+                      "Most clients registered under one server identifier", CLI::PositiveNumber}});
     app.add_option("--client-idle-expiry", line.idleExpiry,
                    "Unregister clients that have not fetched for this long (e.g. 30m, 12h; "
                    "default: never)");
@@ -93,67 +106,70 @@ void addServerOptions(CLI::App& app, CommandLine& line) {
     DaemonOptions& options = line.options;
     app.add_option("--listen", line.listen, "HOST:PORT to listen on; port 0 picks a free one")
         ->capture_default_str();
-    app.add_option("--threads", options.threads,
-                   "I/O threads serving every connection (default: the number of cores)")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 256));
-    app.add_option("--store-threads", options.storeThreads,
-                   "Threads running the exchanges, each waiting on the store at most")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 1024));
-    app.add_option("--store-queue", options.storeQueue,
-                   "Exchanges that may wait for a store thread; more are answered 503")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
     app.add_option("--workers", line.workers,
                    "Accepted for old command lines and ignored: connections hold no thread")
         ->check(CLI::Range(1, 1024));
-    app.add_option("--read-timeout-ms", options.readTimeoutMs,
-                   "Answer 408 when a client is silent this long in the middle of a request")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    app.add_option("--request-timeout-ms", options.requestTimeoutMs,
-                   "Answer 408 when a request (head and body) takes longer than this")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    app.add_option("--keep-alive-s", options.keepAliveSeconds,
-                   "Close a connection idle between requests after this many seconds")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 3600));
-    app.add_option("--max-connections", line.options.maxConnections,
-                   "Most open connections, TLS handshakes included; one past it is closed at once")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
-    app.add_option("--tls-handshake-timeout-ms", line.options.tlsHandshakeTimeoutMs,
-                   "Close a TLS connection whose handshake is not done after this")
-        ->capture_default_str()
-        ->check(CLI::PositiveNumber);
+    addNumbers(
+        app,
+        {{"--threads", &options.threads,
+          "I/O threads serving every connection (default: the number of cores)",
+          CLI::Range(1, 256)},
+         {"--store-threads", &options.storeThreads,
+          "Threads running the exchanges, each waiting on the store at most", CLI::Range(1, 1024)},
+         {"--store-queue", &options.storeQueue,
+          "Exchanges that may wait for a store thread; more are answered 503", CLI::PositiveNumber},
+         {"--read-timeout-ms", &options.readTimeoutMs,
+          "Answer 408 when a client is silent this long in the middle of a request",
+          CLI::PositiveNumber},
+         {"--request-timeout-ms", &options.requestTimeoutMs,
+          "Answer 408 when a request (head and body) takes longer than this", CLI::PositiveNumber},
+         {"--keep-alive-s", &options.keepAliveSeconds,
+          "Close a connection idle between requests after this many seconds", CLI::Range(1, 3600)},
+         {"--max-connections", &options.maxConnections,
+          "Most open connections, TLS handshakes included; one past it is closed at once",
+          CLI::PositiveNumber},
+         {"--tls-handshake-timeout-ms", &options.tlsHandshakeTimeoutMs,
+          "Close a TLS connection whose handshake is not done after this", CLI::PositiveNumber}});
 }
 
-void addAccessOptions(CLI::App& app, CommandLine& line) {
-    app.add_option("--token-file", line.tokenFile,
-                   "Every request but GET /healthz and /readyz must carry Authorization: "
-                   "Bearer <the file's token>");
-    app.add_option("--admin-token-file", line.adminTokenFile,
-                   "Admin requests must carry this file's token (then from any peer); without "
-                   "it they are served to loopback peers only");
-    app.add_option("--tls-cert", line.options.tlsCertificateFile,
-                   "Serve HTTPS with this PEM certificate chain (with --tls-key)");
-    app.add_option("--tls-key", line.options.tlsKeyFile, "The PEM private key of --tls-cert");
+// Text options: a file, a directory, a URL.
+struct TextOption {
+    const char* name;
+    std::string* value;
+    const char* help;
+};
+
+void addTexts(CLI::App& app, const std::vector<TextOption>& table) {
+    for (const TextOption& option : table) {
+        app.add_option(option.name, *option.value, option.help);
+    }
+}
+
+// Files, the data directory and the Redis URL.
+void addTextOptions(CLI::App& app, CommandLine& line) {
+    addTexts(app, {{"--token-file", &line.tokenFile,
+                    "Every request but GET /healthz and /readyz must carry Authorization: "
+                    "Bearer <the file's token>"},
+                   {"--admin-token-file", &line.adminTokenFile,
+                    "Admin requests must carry this file's token (then from any peer); without "
+                    "it they are served to loopback peers only"},
+                   {"--tls-cert", &line.options.tlsCertificateFile,
+                    "Serve HTTPS with this PEM certificate chain (with --tls-key)"},
+                   {"--tls-key", &line.options.tlsKeyFile, "The PEM private key of --tls-cert"},
+                   {"--data", &line.dataDirectory,
+                    "Keep registrations and waiting events in an SQLite database in this "
+                    "directory (made 0700 when missing); without it they are kept in memory"},
+                   {"--redis", &line.redisUrl,
+                    "Keep the state in Redis at redis://[[USER:]PASSWORD@]HOST[:PORT][/DB], "
+                    "shared by every daemon started with the same URL"}});
 }
 
 void addStoreAndLogOptions(CLI::App& app, CommandLine& line) {
-    app.add_option("--data", line.dataDirectory,
-                   "Keep registrations and waiting events in an SQLite database in this "
-                   "directory (made 0700 when missing); without it they are kept in memory");
     app.add_option("--data-sync", line.dataSync,
                    "normal: a put answered survives the end of the daemon; full: also a "
                    "power cut, at a far lower rate")
         ->capture_default_str()
         ->check(CLI::IsMember({"normal", "full"}));
-    app.add_option("--redis", line.redisUrl,
-                   "Keep the state in Redis at redis://[[USER:]PASSWORD@]HOST[:PORT][/DB], "
-                   "shared by every daemon started with the same URL");
     app.add_option("--log-level", line.logLevel, logLevelChoices())
         ->capture_default_str()
         ->check([](const std::string& text) {
@@ -175,7 +191,7 @@ CommandLine parseCommandLine(int argc, char** argv) {
     app.footer(kEnvironmentHelp);
     addServerOptions(app, line);
     addServiceOptions(app, line);
-    addAccessOptions(app, line);
+    addTextOptions(app, line);
     addStoreAndLogOptions(app, line);
     try {
         app.parse(argc, argv);

@@ -82,14 +82,8 @@ void listRegisteredClients(const std::string& server, std::vector<RegisteredClie
 
 void evictClient(const std::string& server, const std::string& client,
                  std::vector<std::string>& remaining) {
-    const std::string response =
-        sendExchange({{Protocol::kServiceNameField, Protocol::kAdminServiceName},
-                      {Protocol::kOperationNameField, Protocol::kEvictClient},
-                      {Protocol::kLogCorrelationIdField, "quorvel.admin.evict"},
-                      {Protocol::kServerIdField, server},
-                      {Protocol::kClientIdField, client}},
-                     "evictClient");
-    parseSharedClients(response, remaining);
+    exchangeForClients(Protocol::kAdminServiceName, Protocol::kEvictClient, "quorvel.admin.evict",
+                       server, client, remaining);
 }
 
 std::string isoTime(std::int64_t unixMs) {

@@ -93,6 +93,13 @@ bool attempt(const std::function<void()>& step, int& exitCode) {
     }
 }
 
+// One call of `who` that should succeed: says it, runs it, reports a failure.
+bool step(const Participant& who, const std::string& call, const std::function<void()>& body,
+          int& exitCode) {
+    sends(who, call);
+    return attempt(body, exitCode);
+}
+
 void printEvents(const std::string& events) {
     receives("events document (" + std::to_string(events.size()) + " bytes):");
     std::istringstream lines(events);
@@ -109,9 +116,10 @@ void printEvents(const std::string& events) {
 }
 
 bool registerParticipant(Participant& who, int& exitCode) {
-    sends(who, "registerClient(server " + quoted(scenarioServer) + ", client " + quoted(who.name) +
-                   ", locale " + quoted(kLocale) + ")");
-    return attempt(
+    const std::string call = "registerClient(server " + quoted(scenarioServer) + ", client " +
+                             quoted(who.name) + ", locale " + quoted(kLocale) + ")";
+    return step(
+        who, call,
         [&who] {
             std::string server = scenarioServer;
             std::string client = who.name;
@@ -126,8 +134,8 @@ bool registerParticipant(Participant& who, int& exitCode) {
 
 bool postEvent(Participant& who, const std::string& text, const std::string& correlationId,
                int& exitCode) {
-    sends(who, "putEvents(" + quoted(text) + ", correlation " + quoted(correlationId) + ")");
-    return attempt(
+    return step(
+        who, "putEvents(" + quoted(text) + ", correlation " + quoted(correlationId) + ")",
         [&] {
             std::string events = text;
             std::string id = correlationId;
@@ -140,8 +148,8 @@ bool postEvent(Participant& who, const std::string& text, const std::string& cor
 
 bool fetchEvents(Participant& who, int& exitCode) {
     const std::string correlationId = "demo.get." + who.name;
-    sends(who, "getEvents(correlation " + quoted(correlationId) + ")");
-    return attempt(
+    return step(
+        who, "getEvents(correlation " + quoted(correlationId) + ")",
         [&] {
             std::string events;
             std::string id = correlationId;
@@ -170,8 +178,8 @@ bool checkStatus(Participant& who, int& exitCode) {
 }
 
 bool listShared(Participant& who, int& exitCode) {
-    sends(who, "getSharedClients()");
-    return attempt(
+    return step(
+        who, "getSharedClients()",
         [&] {
             std::vector<std::string> shared;
             who.connection.getSharedClients(shared);
@@ -181,15 +189,15 @@ bool listShared(Participant& who, int& exitCode) {
 }
 
 bool leave(Participant& who, int& exitCode) {
-    sends(who, "unregisterClient()");
-    return attempt(
-        [&] {
-            std::vector<std::string> shared;
-            who.connection.unregisterClient(shared);
-            who.registered = false;
-            receives("unregistered; shared clients: " + joined(shared));
-        },
-        exitCode);
+    std::vector<std::string> shared;
+    if (!step(
+            who, "unregisterClient()", [&] { who.connection.unregisterClient(shared); },
+            exitCode)) {
+        return false;
+    }
+    who.registered = false;
+    receives("unregistered; shared clients: " + joined(shared));
+    return true;
 }
 
 // The last step: a fetch after unregistering must be refused as unregistered.

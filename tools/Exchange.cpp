@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "client/AvQVLRequest.h"
+#include "protocol/Names.h"
 #include "schemas/SharedClientIDs.h"
 #include "util/SAXToNodeParser.h"
 #include "util/XMLNode.h"
@@ -32,6 +33,18 @@ void parseSharedClients(const std::string& document, std::vector<std::string>& c
     Arvant::Schemas::AvQuorvel::_2009_06::Base::SharedClientIDs list;
     list.parse(*root);
     list.getSharedClients(clients);
+}
+
+void exchangeForClients(const char* service, const char* operation,
+                        const std::string& correlationId, const std::string& server,
+                        const std::string& client, std::vector<std::string>& clients) {
+    const std::string response = sendExchange({{Protocol::kServiceNameField, service},
+                                               {Protocol::kOperationNameField, operation},
+                                               {Protocol::kLogCorrelationIdField, correlationId},
+                                               {Protocol::kServerIdField, server},
+                                               {Protocol::kClientIdField, client}},
+                                              operation);
+    parseSharedClients(response, clients);
 }
 
 }  // namespace Arvant::Net::AvQuorvel::Tools

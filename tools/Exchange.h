@@ -18,6 +18,12 @@ using HeaderList = std::vector<std::pair<const char*, std::string>>;
 // library's operations throw.
 std::string sendExchange(const HeaderList& headers, const std::string& operation);
 
+// Sends `operation` of `service` about one client (server and client set) and
+// appends the clients of the sharedClients document it answers to `clients`.
+void exchangeForClients(const char* service, const char* operation,
+                        const std::string& correlationId, const std::string& server,
+                        const std::string& client, std::vector<std::string>& clients);
+
 // Appends the identifiers of a sharedClients document to `clients`. Throws
 // DomException when the answer is empty or malformed.
 void parseSharedClients(const std::string& document, std::vector<std::string>& clients);

@@ -7,14 +7,8 @@ namespace Arvant::Net::AvQuorvel::Tools {
 
 void listSharedClients(const std::string& server, const std::string& client,
                        std::vector<std::string>& clients) {
-    const std::string response =
-        sendExchange({{Protocol::kServiceNameField, Protocol::kServiceName},
-                      {Protocol::kOperationNameField, Protocol::kGetSharedClients},
-                      {Protocol::kLogCorrelationIdField, "quorvel.clients"},
-                      {Protocol::kServerIdField, server},
-                      {Protocol::kClientIdField, client}},
-                     "getClients");
-    parseSharedClients(response, clients);
+    exchangeForClients(Protocol::kServiceName, Protocol::kGetSharedClients, "quorvel.clients",
+                       server, client, clients);
 }
 
 }  // namespace Arvant::Net::AvQuorvel::Tools
