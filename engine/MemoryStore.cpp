@@ -135,6 +135,32 @@ bool MemoryStore::remembered(Client& sender, const std::string& postId, std::int
     return false;
 }
 
+// Throws the Limit a post of `size` bytes would pass, if any.
+void MemoryStore::checkLimits(const ServerGroup& group, const std::string& serverId,
+                              const std::string& senderId, std::size_t size) const {
+    const ServiceLimits& limit = limits();
+    const std::size_t held = *storedBytes;
+    if (group.clients.size() > 1 && held + size > limit.maxStoredBytes) {
+        throw Failure{FailureKind::Limit, tooManyStoredBytesMessage(serverId, senderId, held, size,
+                                                                    limit.maxStoredBytes)};
+    }
+    for (const Client& recipient : group.clients) {
+        if (recipient.id == senderId) {
+            continue;
+        }
+        // The messages are made only when a post is refused: puts are frequent.
+        if (recipient.waitingEvents >= limit.maxQueuedEventsPerClient) {
+            throw Failure{FailureKind::Limit, tooManyEventsMessage(serverId, senderId, recipient.id,
+                                                                   recipient.waitingEvents)};
+        }
+        if (recipient.waitingBytes + size > limit.maxQueuedBytesPerClient) {
+            throw Failure{FailureKind::Limit, tooManyBytesMessage(serverId, senderId, recipient.id,
+                                                                  recipient.waitingBytes, size,
+                                                                  limit.maxQueuedBytesPerClient)};
+        }
+    }
+}
+
 void MemoryStore::post(const std::string& serverId, const std::string& senderId,
                        const std::string& text, const std::string& postId, ClientList& clients) {
     guarded([&] {
@@ -150,31 +176,8 @@ void MemoryStore::post(const std::string& serverId, const std::string& senderId,
             clients.swap(after);  // posted already: answered as the first time
             return;
         }
-        const ServiceLimits& limit = limits();
         const bool othersListen = group.clients.size() > 1;
-        const std::size_t held = *storedBytes;
-        if (othersListen && held + text.size() > limit.maxStoredBytes) {
-            throw Failure{FailureKind::Limit,
-                          tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
-                                                    limit.maxStoredBytes)};
-        }
-        for (const Client& recipient : group.clients) {
-            if (recipient.id == senderId) {
-                continue;
-            }
-            // The messages are made only when a post is refused: puts are frequent.
-            if (recipient.waitingEvents >= limit.maxQueuedEventsPerClient) {
-                throw Failure{FailureKind::Limit,
-                              tooManyEventsMessage(serverId, senderId, recipient.id,
-                                                   recipient.waitingEvents)};
-            }
-            if (recipient.waitingBytes + text.size() > limit.maxQueuedBytesPerClient) {
-                throw Failure{
-                    FailureKind::Limit,
-                    tooManyBytesMessage(serverId, senderId, recipient.id, recipient.waitingBytes,
-                                        text.size(), limit.maxQueuedBytesPerClient)};
-            }
-        }
+        checkLimits(group, serverId, senderId, text.size());
         const std::uint64_t sequence = group.nextSequence;
         if (!postId.empty()) {
             sender->posts.push_back(RememberedPost{postId, now});

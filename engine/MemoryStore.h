@@ -62,6 +62,8 @@ private:
 
     Client* findClient(const std::string& serverId, const std::string& clientId);
     static bool remembered(Client& sender, const std::string& postId, std::int64_t now);
+    void checkLimits(const ServerGroup& group, const std::string& serverId,
+                     const std::string& senderId, std::size_t size) const;
     // Moves client's cursor to upTo (never back, never past the log) and trims
     // the log; allocates nothing.
     static void advance(ServerGroup& group, Client& client, std::uint64_t upTo);

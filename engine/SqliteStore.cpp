@@ -404,6 +404,22 @@ struct SqliteStore::Database {
         storedBytes -= Query(dropTakenEvents).text(1, serverId).sum();
     }
 
+    bool posted(std::int64_t sender, const std::string& postId, std::int64_t now) {
+        Query seen(findPost);
+        return seen.number(1, sender).text(2, postId).number(3, now - kRememberedPostAgeMs).step();
+    }
+
+    // Keeps postId among the sender's recent post ids, forgetting the oldest
+    // past kRememberedPosts and those past their age.
+    void remember(std::int64_t sender, const std::string& postId, std::int64_t now) {
+        Query(addPost).number(1, sender).text(2, postId).number(3, now).run();
+        Query(forgetPosts)
+            .number(1, sender)
+            .number(2, now - kRememberedPostAgeMs)
+            .number(3, static_cast<std::int64_t>(kRememberedPosts))
+            .run();
+    }
+
     static ClientInfo readInfo(Query& query) {
         return ClientInfo{query.text(0),
                           query.text(1),
@@ -565,6 +581,8 @@ void SqliteStore::clients(const std::string& serverId, ClientList& clients) {
     transaction("list the clients", [&] { db->list(serverId, clients); });
 }
 
+// One pass over the clients serves the answer and the limit checks; split, it
+// would read them twice in every post.
 void SqliteStore::post(const std::string& serverId, const std::string& senderId,
                        const std::string& text, const std::string& postId, ClientList& clients) {
     transaction("queue the event", [&] {
@@ -574,15 +592,9 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
         }
         const std::int64_t senderRow = sender.number(kRow);
         const std::int64_t now = epochMilliseconds();
-        if (!postId.empty()) {
-            Query seen(db->findPost);
-            if (seen.number(1, senderRow)
-                    .text(2, postId)
-                    .number(3, now - kRememberedPostAgeMs)
-                    .step()) {
-                db->list(serverId, clients);  // posted already: answered as the first time
-                return;
-            }
+        if (!postId.empty() && db->posted(senderRow, postId, now)) {
+            db->list(serverId, clients);  // posted already: answered as the first time
+            return;
         }
         const std::int64_t size = static_cast<std::int64_t>(text.size());
         // The clients in their order, each recipient checked against the limits.
@@ -638,12 +650,7 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
             Query(db->countOwnPost).number(1, senderRow).number(2, size).run();
         }
         if (!postId.empty()) {
-            Query(db->addPost).number(1, senderRow).text(2, postId).number(3, now).run();
-            Query(db->forgetPosts)
-                .number(1, senderRow)
-                .number(2, now - kRememberedPostAgeMs)
-                .number(3, static_cast<std::int64_t>(kRememberedPosts))
-                .run();
+            db->remember(senderRow, postId, now);
         }
         clients.swap(after);
     });
