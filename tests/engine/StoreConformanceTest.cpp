@@ -287,6 +287,19 @@ TEST_P(StoreConformance, CursorsMoveOnlyForwardByAcknowledgement) {
     }
 }
 
+// A sender's post ids are remembered up to kRememberedPosts: the oldest beyond
+// that posts again.
+TEST_P(StoreConformance, PostIdsAreRememberedUpToTheirBound) {
+    add("S", {"a", "b"});
+    for (std::size_t i = 0; i <= kRememberedPosts; ++i) {
+        post("S", "a", "x", std::to_string(i));
+    }
+    post("S", "a", "newest", std::to_string(kRememberedPosts));
+    post("S", "a", "oldest", "0");
+    EXPECT_EQ(read("S", "b", kRememberedPosts + 1),
+              (Lines{"a|" + std::to_string(kRememberedPosts + 2) + "|oldest"}));
+}
+
 TEST_P(StoreConformance, ListsClientsByServerWithTheirQueuesAndTimes) {
     add("S", {"b", "a"});
     add("R", {"c"});
