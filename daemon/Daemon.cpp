@@ -6,6 +6,7 @@
 #include <climits>
 #include <condition_variable>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -146,6 +147,12 @@ struct Daemon::Impl : HttpHandler {
     std::condition_variable sweepWake;
     bool stopping = false;
     std::atomic<bool> sweeping{false};  // a sweep is queued or running
+
+    // getEvents answers written whole whose acknowledgement may not have reached
+    // the store yet, by (server, client): the client's next getEvents
+    // acknowledges them first, so that it never gets them twice.
+    std::mutex deliveredMutex;  // guards delivered
+    std::map<std::pair<std::string, std::string>, std::uint64_t> delivered;
 };
 
 namespace {
@@ -297,30 +304,52 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     }
     std::string response;
     Failure failure;
-    auto delivery = std::make_shared<Engine::Delivery>();
-    if (!engine.handle(fields, request.body(), response, failure, delivery.get())) {
+    Engine::ExchangeResult result;
+    Engine::ExchangeOptions options;
+    const auto client = std::make_pair(fieldOf(fields, Protocol::kServerIdField),
+                                       fieldOf(fields, Protocol::kClientIdField));
+    if (fieldOf(fields, Protocol::kOperationNameField) == Protocol::kGetEvents) {
+        std::lock_guard<std::mutex> lock(deliveredMutex);
+        auto found = delivered.find(client);
+        if (found != delivered.end()) {
+            options.ack = found->second;
+        }
+    }
+    if (!engine.exchange(fields, request.body(), options, response, failure, result)) {
         answer(reply, Wire::statusForFailure(Protocol::failureCode(failure.kind)), failure.message);
         return;
     }
     reply.status = 200;
     reply.contentType = "application/octet-stream";
     reply.body = std::move(response);
-    if (!delivery->empty()) {
-        // A getEvents answer that the connection could not carry to its end puts
-        // its events back at the head of the client's queue. An answer written
-        // whole but lost after that (the client dies before reading it) is not
-        // seen here: that loss stays at most once.
-        // Putting them back is store work: on the pool, past its bound (one
-        // task per broken answer, and dropping it would lose the events).
-        reply.onComplete = [this, delivery](bool delivered) {
-            if (delivered) {
+    if (result.lastSequence != 0) {
+        // A getEvents answer moves the client's cursor once written whole; one
+        // the connection could not carry leaves its events to come again. An
+        // answer written whole but lost after that (the client dies before
+        // reading it) is not seen here: that loss stays at most once.
+        // Acknowledging is store work: on the pool, past its bound.
+        reply.onComplete = [this, client, upTo = result.lastSequence](bool written) {
+            if (!written) {
                 return;
             }
-            pool.submit([this, delivery] {
-                Failure lost;
-                if (!engine.redeliver(*delivery, lost)) {
+            {
+                std::lock_guard<std::mutex> lock(deliveredMutex);
+                std::uint64_t& known = delivered[client];
+                known = std::max(known, upTo);
+            }
+            pool.submit([this, client, upTo] {
+                Failure failed;
+                if (!engine.acknowledge(client.first, client.second, upTo, failed)) {
                     log.message(LogLevel::Error,
-                                "events of an undelivered answer were lost: " + lost.message);
+                                "a delivered answer could not be acknowledged; "
+                                "its events come again: " +
+                                    failed.message);
+                    return;
+                }
+                std::lock_guard<std::mutex> lock(deliveredMutex);
+                auto found = delivered.find(client);
+                if (found != delivered.end() && found->second <= upTo) {
+                    delivered.erase(found);
                 }
             });
         };

@@ -1,5 +1,6 @@
 // The SQLite store keeps its state across closing and reopening: clients in
-// their order, waiting events in theirs (given-back ones first), sequences.
+// their order, cursors, waiting events in theirs, sequences; and refuses a file
+// of another layout.
 #include "engine/SqliteStore.h"
 
 #include <gtest/gtest.h>
@@ -29,7 +30,10 @@ protected:
     }
     Lines take(Store& store, const std::string& client) {
         std::vector<StoredEvent> events;
-        store.take("S", client, events);
+        store.read("S", client, std::nullopt, events);
+        if (!events.empty()) {
+            store.acknowledge("S", client, events.back().sequence);
+        }
         Lines shown;
         for (const StoredEvent& event : events) {
             shown.push_back(event.sender + "|" + std::to_string(event.sequence) + "|" +
@@ -45,33 +49,32 @@ TEST_F(SqliteStoreTest, StateSurvivesReopening) {
     ServiceLimits limits;
     limits.maxQueuedEventsPerClient = 4;
     Lines clients;
-    std::vector<StoredEvent> taken;
     {
         SqliteStore store(directory, limits);
         for (const char* client : {"c", "a", "b"}) {
             store.registerClient("S", client, clients);
         }
-        store.post("S", "a", "one", clients);
-        store.post("S", "c", "two", clients);
-        store.take("S", "b", taken);  // an answer that will not arrive
-        store.post("S", "a", "three", clients);
-        store.post("S", "a", "four", clients);
-        store.post("S", "a", "five", clients);
+        store.post("S", "a", "one", "", clients);
+        store.post("S", "c", "two", "", clients);
+        std::vector<StoredEvent> unacknowledged;
+        store.read("S", "b", std::nullopt, unacknowledged);
+        store.acknowledge("S", "c", 1);
+        store.post("S", "a", "three", "", clients);
+        store.post("S", "a", "four", "", clients);
     }
     {
         SqliteStore store(directory, limits);
         store.clients("S", clients);
         EXPECT_EQ(clients, (Lines{"c", "a", "b"}));
-        store.restore("S", "b", taken);
-        EXPECT_EQ(store.stats().waitingEvents, 5u + 4u + 1u);
+        EXPECT_EQ(store.stats().waitingEvents, 4u + 2u + 1u);
         Lines none;
-        EXPECT_THROW(store.post("S", "a", "over", none), Failure);  // b's limit held
+        EXPECT_THROW(store.post("S", "a", "over", "", none), Failure);  // b's limit held
     }
     SqliteStore store(directory, limits);
-    EXPECT_EQ(take(store, "b"), (Lines{"a|1|one", "c|2|two", "a|3|three", "a|4|four", "a|5|five"}));
-    EXPECT_EQ(take(store, "c"), (Lines{"a|1|one", "a|3|three", "a|4|four", "a|5|five"}));
-    store.post("S", "b", "six", clients);  // the sequence goes on
-    EXPECT_EQ(take(store, "a"), (Lines{"c|2|two", "b|6|six"}));
+    EXPECT_EQ(take(store, "b"), (Lines{"a|1|one", "c|2|two", "a|3|three", "a|4|four"}));
+    EXPECT_EQ(take(store, "c"), (Lines{"a|3|three", "a|4|four"}));
+    store.post("S", "b", "six", "", clients);  // the sequence goes on
+    EXPECT_EQ(take(store, "a"), (Lines{"c|2|two", "b|5|six"}));
     const StoreStats stats = store.stats();
     EXPECT_EQ(stats.registeredClients, 3u);
     EXPECT_EQ(stats.waitingEvents, 1u);  // c: six
@@ -95,10 +98,10 @@ TEST_F(SqliteStoreTest, AFileInTheWayIsAClearFailure) {
 }
 
 // The store's files are its owner's alone: a directory it makes is 0700, the
-// database and its -wal file 0600, and a database found wider is
-// narrowed. A database written before clients had times opens, its clients
-// registered as of the upgrade.
-TEST_F(SqliteStoreTest, FilesArePrivateAndOlderDatabasesOpen) {
+// database and its -wal file 0600, and a database found wider is narrowed. A
+// file of another layout (one written before layouts had versions, or by a
+// later build) is refused, naming the file, its version and what to do.
+TEST_F(SqliteStoreTest, FilesArePrivateAndOtherLayoutsAreRefused) {
     auto mode = [](const std::string& path) {
         struct stat status {};
         EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
@@ -111,28 +114,36 @@ TEST_F(SqliteStoreTest, FilesArePrivateAndOlderDatabasesOpen) {
         SqliteStore store(made, ServiceLimits());
         store.registerClient("S", "a", clients);
         store.registerClient("S", "b", clients);
-        store.post("S", "a", "x", clients);
+        store.post("S", "a", "x", "", clients);
         EXPECT_EQ(mode(made), 0700u);
         for (const std::string& path : {file, file + "-wal"}) {  // no -shm: exclusive mode
             EXPECT_EQ(mode(path), 0600u) << path;
         }
     }
     ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(db,
-                           "ALTER TABLE clients DROP COLUMN registered_ms;"
-                           "ALTER TABLE clients DROP COLUMN last_fetch_ms;",
-                           nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    sqlite3_close(db);
-    SqliteStore store(made, ServiceLimits());
-    EXPECT_EQ(mode(file), 0600u);
-    std::vector<ClientInfo> listed;
-    store.listClients("", listed);
-    ASSERT_EQ(listed.size(), 2u);
-    EXPECT_GT(listed[1].registeredMs, 0);
-    EXPECT_EQ(listed[1].waitingEvents, 1u);
+    {
+        SqliteStore store(made, ServiceLimits());
+        EXPECT_EQ(mode(file), 0600u);
+        EXPECT_EQ(store.stats().waitingEvents, 1u);
+    }
+    for (const char* version : {"0", "3"}) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, (std::string("PRAGMA user_version = ") + version).c_str(),
+                               nullptr, nullptr, nullptr),
+                  SQLITE_OK);
+        sqlite3_close(db);
+        try {
+            SqliteStore store(made, ServiceLimits());
+            ADD_FAILURE() << "version " << version << " opened";
+        } catch (const Failure& failure) {
+            EXPECT_EQ(failure.kind, FailureKind::Limit);
+            for (const std::string& part :
+                 {file + " has layout version " + version, std::string("move it aside")}) {
+                EXPECT_NE(failure.message.find(part), std::string::npos) << failure.message;
+            }
+        }
+    }
 }
 
 }  // namespace

@@ -1,11 +1,12 @@
 // What every store must do, run over each store of StoreFactories.h: the
 // order of clients and events, sequences, all-or-nothing fan-out, the limits,
-// restore at the head, unregistering dropping events, the operators' listing and
-// expiry, and the bound on the bytes the whole store holds.
+// cursors and post ids, unregistering dropping events, the operators' listing
+// and expiry, and the bound on the bytes the whole store holds.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <filesystem>
+#include <optional>
 #include <thread>
 
 #include "engine/StoreFactories.h"
@@ -43,15 +44,30 @@ protected:
         }
         return after;
     }
-    Lines post(const std::string& server, const std::string& sender, const std::string& text) {
+    Lines post(const std::string& server, const std::string& sender, const std::string& text,
+               const std::string& postId = "") {
         Lines clients;
-        store->post(server, sender, text, clients);
+        store->post(server, sender, text, postId, clients);
         return clients;
     }
-    // The client's events as "sender|sequence|text".
+    // The client's events as "sender|sequence|text", after acknowledging ack
+    // when given; the cursor stays.
+    Lines read(const std::string& server, const std::string& client,
+               std::optional<std::uint64_t> ack = std::nullopt) {
+        std::vector<StoredEvent> events;
+        store->read(server, client, ack, events);
+        return shown(events);
+    }
+    // Reads and acknowledges what was read.
     Lines take(const std::string& server, const std::string& client) {
         std::vector<StoredEvent> events;
-        store->take(server, client, events);
+        store->read(server, client, std::nullopt, events);
+        if (!events.empty()) {
+            store->acknowledge(server, client, events.back().sequence);
+        }
+        return shown(events);
+    }
+    static Lines shown(const std::vector<StoredEvent>& events) {
         Lines shown;
         for (const StoredEvent& event : events) {
             shown.push_back(event.sender + "|" + std::to_string(event.sequence) + "|" +
@@ -161,22 +177,22 @@ TEST_P(StoreConformance, UnregisteredCallersAreRefusedAndChangeNothing) {
         {"post",
          [](Store& s) {
              Lines c;
-             s.post("S", "x", "t", c);
+             s.post("S", "x", "t", "", c);
          }},
         {"post to unknown server",
          [](Store& s) {
              Lines c;
-             s.post("U", "a", "t", c);
+             s.post("U", "a", "t", "id", c);
          }},
-        {"take",
+        {"read",
          [](Store& s) {
              std::vector<StoredEvent> e;
-             s.take("S", "x", e);
+             s.read("S", "x", std::uint64_t(1), e);
          }},
-        {"take from unknown server",
+        {"read from unknown server",
          [](Store& s) {
              std::vector<StoredEvent> e;
-             s.take("U", "a", e);
+             s.read("U", "a", std::nullopt, e);
          }},
     };
     for (const Case& c : cases) {
@@ -217,34 +233,71 @@ TEST_P(StoreConformance, LimitsRefuseTheWholePost) {
     EXPECT_EQ(take("S", "c"), (Lines{"b|3|123456"}));
 }
 
-TEST_P(StoreConformance, RestorePutsEventsBackAtTheHead) {
-    ServiceLimits limits;
-    limits.maxQueuedEventsPerClient = 3;
-    open(limits);
-    add("S", {"a", "b"});
-    post("S", "a", "one");
-    post("S", "a", "two");
-    std::vector<StoredEvent> taken;
-    store->take("S", "b", taken);
-    post("S", "a", "three");
-    post("S", "a", "four");
-    post("S", "a", "five");
-    store->restore("S", "b", taken);  // past the limit: they were counted before
-    EXPECT_EQ(store->stats().waitingEvents, 5u);
-    EXPECT_EQ(take("S", "b"), (Lines{"a|1|one", "a|2|two", "a|3|three", "a|4|four", "a|5|five"}));
-    post("S", "a", "six");  // the count went back to what take left
-    EXPECT_EQ(take("S", "b"), (Lines{"a|6|six"}));
+// Cursors, one scenario a row, on server "S" with clients a and b. A step is
+// "a+text" (a posts text), "a+text#id" (with a post id), "b?" (b reads, expect
+// then what it gets as "sender|sequence|text" after a space each), "b?N" (reads
+// after acknowledging N), "b!N" (acknowledges N) or "c=" (c registers).
+TEST_P(StoreConformance, CursorsMoveOnlyForwardByAcknowledgement) {
+    struct Case {
+        const char* rule;
+        std::vector<std::string> steps;
+    } cases[] = {
+        {"unacknowledged events come again, in order",
+         {"a+one", "a+two", "b? a|1|one a|2|two", "b? a|1|one a|2|two", "b!1", "b? a|2|two", "b?2",
+          "b?"}},
+        {"the cursor never moves back nor past the log (c keeps the log whole)",
+         {"c=", "a+one", "a+two", "b!1", "b!0", "b?0 a|2|two", "b!2", "b!1", "b?", "a+three",
+          "b?1 a|3|three", "b!99", "a+four", "b? a|4|four"}},
+        {"own posts are left out; a new client starts at the head",
+         {"a+one", "b+two", "a? b|2|two", "c=", "c?", "a+three", "c? a|3|three",
+          "b? a|1|one a|3|three", "a?2", "a?"}},
+        {"a repeated post id posts once, per sender",
+         {"a+one#p", "a+one#p", "a+other#p", "b+two#p", "a+three#q", "b? a|1|one a|3|three",
+          "a? b|2|two"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.rule);
+        open(ServiceLimits{});
+        add("S", {"a", "b"});
+        for (const std::string& step : c.steps) {
+            SCOPED_TRACE(step);
+            const std::string client = step.substr(0, 1);
+            const char op = step[1];
+            const std::size_t space = std::min(step.find(' '), step.size());
+            const std::string rest = step.substr(2, space - 2);
+            if (op == '+') {
+                const std::size_t hash = rest.find('#');
+                post("S", client, rest.substr(0, hash),
+                     hash == std::string::npos ? "" : rest.substr(hash + 1));
+            } else if (op == '!') {
+                store->acknowledge("S", client, std::stoull(rest));
+            } else if (op == '=') {
+                add("S", {client});
+            } else {
+                Lines got = read(
+                    "S", client,
+                    rest.empty() ? std::nullopt : std::optional<std::uint64_t>(std::stoull(rest)));
+                std::string joined;
+                for (const std::string& event : got) {
+                    joined += " " + event;
+                }
+                EXPECT_EQ(joined, step.substr(space));
+            }
+        }
+    }
+}
 
-    // Events of a client that left are dropped; restoring nothing is nothing.
-    post("S", "a", "seven");
-    store->take("S", "b", taken);
-    Lines clients;
-    store->unregisterClient("S", "b", clients);
-    store->restore("S", "b", taken);
-    store->restore("S", "a", {});
-    add("S", {"b"});
-    EXPECT_EQ(take("S", "b"), Lines{});
-    EXPECT_EQ(store->stats().waitingEvents, 0u);
+// A sender's post ids are remembered up to kRememberedPosts: the oldest beyond
+// that posts again.
+TEST_P(StoreConformance, PostIdsAreRememberedUpToTheirBound) {
+    add("S", {"a", "b"});
+    for (std::size_t i = 0; i <= kRememberedPosts; ++i) {
+        post("S", "a", "x", std::to_string(i));
+    }
+    post("S", "a", "newest", std::to_string(kRememberedPosts));
+    post("S", "a", "oldest", "0");
+    EXPECT_EQ(read("S", "b", kRememberedPosts + 1),
+              (Lines{"a|" + std::to_string(kRememberedPosts + 2) + "|oldest"}));
 }
 
 TEST_P(StoreConformance, ListsClientsByServerWithTheirQueuesAndTimes) {
