@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -95,6 +96,43 @@ std::string fieldOf(const RequestHeaders& fields, const char* name) {
     return found == fields.end() ? std::string() : found->second;
 }
 
+// The header lines the HTTP backend adds to an exchange (HttpWire.h): the
+// acknowledgement of a getEvents, the post id of a putEvents. False with
+// problem set when a value is not of its form, or an acknowledge-only request
+// is not a getEvents with an acknowledgement.
+bool readCarriage(const HttpRequest& request, const RequestHeaders& fields,
+                  Engine::ExchangeOptions& carriage, bool& ackOnly, std::string& problem) {
+    const auto ack = request.find(Protocol::kAckHeader);
+    if (ack != request.end()) {
+        std::uint64_t upTo = 0;
+        if (!Wire::parseSequence(std::string(ack->value()), upTo)) {
+            problem = std::string(Protocol::kAckHeader) + " takes a sequence number, not \"" +
+                      std::string(ack->value()) + "\".";
+            return false;
+        }
+        carriage.ack = upTo;
+    }
+    const auto only = request.find(Protocol::kAckOnlyHeader);
+    ackOnly = only != request.end();
+    if (ackOnly && (only->value() != "1" || !carriage.ack ||
+                    fieldOf(fields, Protocol::kOperationNameField) != Protocol::kGetEvents)) {
+        problem = std::string(Protocol::kAckOnlyHeader) + ": 1 goes with " + Protocol::kAckHeader +
+                  " on a getEvents only.";
+        return false;
+    }
+    const auto postId = request.find(Protocol::kPostIdHeader);
+    if (postId != request.end()) {
+        carriage.postId = std::string(postId->value());
+        if (!Wire::isPostId(carriage.postId)) {
+            problem = std::string(Protocol::kPostIdHeader) + " takes " +
+                      std::to_string(Wire::kPostIdDigits) + " lowercase hex digits, not \"" +
+                      carriage.postId + "\".";
+            return false;
+        }
+    }
+    return true;
+}
+
 ServerOptions serverOptions(const DaemonOptions& options, Log& log) {
     ServerOptions server;
     server.limits.readTimeoutMs = options.readTimeoutMs;
@@ -128,7 +166,10 @@ struct Daemon::Impl : HttpHandler {
     void handle(const HttpRequest& request, HttpReply& reply) override;
     void handleLater(const HttpRequest& request, std::function<void(HttpReply)> done) override;
     void answered(const RequestOutcome& outcome) override;
+    using Client = std::pair<std::string, std::string>;  // (server, client)
     void exchange(const HttpRequest& request, HttpReply& reply);
+    void acknowledgeWhenWritten(HttpReply& reply, const Client& client, std::uint64_t upTo);
+    std::optional<std::uint64_t> writtenNotAcknowledged(const Client& client);
     void scrape(HttpReply& reply);
     void sweepIdleClients();
     void sweepEvery(std::chrono::milliseconds interval);
@@ -152,7 +193,7 @@ struct Daemon::Impl : HttpHandler {
     // the store yet, by (server, client): the client's next getEvents
     // acknowledges them first, so that it never gets them twice.
     std::mutex deliveredMutex;  // guards delivered
-    std::map<std::pair<std::string, std::string>, std::uint64_t> delivered;
+    std::map<Client, std::uint64_t> delivered;
 };
 
 namespace {
@@ -296,8 +337,11 @@ void Daemon::Impl::scrape(HttpReply& reply) {
 
 void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     RequestHeaders fields;
+    Engine::ExchangeOptions carriage;
+    bool ackOnly = false;
     std::string problem;
-    if (!readFields(request, fields, problem)) {
+    if (!readFields(request, fields, problem) ||
+        !readCarriage(request, fields, carriage, ackOnly, problem)) {
         reply.close = true;
         answer(reply, Wire::kMalformedStatus, problem);
         return;
@@ -305,55 +349,73 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     std::string response;
     Failure failure;
     Engine::ExchangeResult result;
-    Engine::ExchangeOptions options;
-    const auto client = std::make_pair(fieldOf(fields, Protocol::kServerIdField),
-                                       fieldOf(fields, Protocol::kClientIdField));
-    if (fieldOf(fields, Protocol::kOperationNameField) == Protocol::kGetEvents) {
-        std::lock_guard<std::mutex> lock(deliveredMutex);
-        auto found = delivered.find(client);
-        if (found != delivered.end()) {
-            options.ack = found->second;
-        }
+    const Client client{fields[Protocol::kServerIdField], fields[Protocol::kClientIdField]};
+    Engine::ExchangeOptions options = carriage;
+    if (!carriage.ack && fields[Protocol::kOperationNameField] == Protocol::kGetEvents) {
+        options.ack = writtenNotAcknowledged(client);
     }
-    if (!engine.exchange(fields, request.body(), options, response, failure, result)) {
+    const bool done =
+        ackOnly ? engine.acknowledge(client.first, client.second, *carriage.ack, failure)
+                : engine.exchange(fields, request.body(), options, response, failure, result);
+    if (!done) {
         answer(reply, Wire::statusForFailure(Protocol::failureCode(failure.kind)), failure.message);
         return;
     }
     reply.status = 200;
     reply.contentType = "application/octet-stream";
     reply.body = std::move(response);
-    if (result.lastSequence != 0) {
-        // A getEvents answer moves the client's cursor once written whole; one
-        // the connection could not carry leaves its events to come again. An
-        // answer written whole but lost after that (the client dies before
-        // reading it) is not seen here: that loss stays at most once.
-        // Acknowledging is store work: on the pool, past its bound.
-        reply.onComplete = [this, client, upTo = result.lastSequence](bool written) {
-            if (!written) {
+    if (result.lastSequence == 0) {
+        return;
+    }
+    reply.headers.emplace_back(Protocol::kLastSequenceHeader, std::to_string(result.lastSequence));
+    if (!carriage.ack) {
+        acknowledgeWhenWritten(reply, client, result.lastSequence);
+    }  // else the client acknowledges what it read with its next request
+}
+
+// Without an ack (an older client, a raw call), a getEvents answer moves the
+// client's cursor once written whole; one the connection could not carry leaves
+// its events to come again. An answer written whole but lost after that (the
+// client dies before reading it) is not seen here: that loss stays at most once.
+// Acknowledging is store work, on the pool (past its bound); until it is done
+// the client's next getEvents carries the acknowledgement itself
+// (writtenNotAcknowledged), so a quick fetch never gets the events twice.
+void Daemon::Impl::acknowledgeWhenWritten(HttpReply& reply, const Client& client,
+                                          std::uint64_t upTo) {
+    reply.onComplete = [this, client, upTo](bool written) {
+        if (!written) {
+            return;
+        }
+        {
+            std::lock_guard<std::mutex> lock(deliveredMutex);
+            std::uint64_t& known = delivered[client];
+            known = std::max(known, upTo);
+        }
+        pool.submit([this, client, upTo] {
+            Failure failed;
+            if (!engine.acknowledge(client.first, client.second, upTo, failed)) {
+                log.message(LogLevel::Error,
+                            "a delivered answer could not be acknowledged; its events come "
+                            "again: " +
+                                failed.message);
                 return;
             }
-            {
-                std::lock_guard<std::mutex> lock(deliveredMutex);
-                std::uint64_t& known = delivered[client];
-                known = std::max(known, upTo);
+            std::lock_guard<std::mutex> lock(deliveredMutex);
+            auto found = delivered.find(client);
+            if (found != delivered.end() && found->second <= upTo) {
+                delivered.erase(found);
             }
-            pool.submit([this, client, upTo] {
-                Failure failed;
-                if (!engine.acknowledge(client.first, client.second, upTo, failed)) {
-                    log.message(LogLevel::Error,
-                                "a delivered answer could not be acknowledged; "
-                                "its events come again: " +
-                                    failed.message);
-                    return;
-                }
-                std::lock_guard<std::mutex> lock(deliveredMutex);
-                auto found = delivered.find(client);
-                if (found != delivered.end() && found->second <= upTo) {
-                    delivered.erase(found);
-                }
-            });
-        };
+        });
+    };
+}
+
+std::optional<std::uint64_t> Daemon::Impl::writtenNotAcknowledged(const Client& client) {
+    std::lock_guard<std::mutex> lock(deliveredMutex);
+    auto found = delivered.find(client);
+    if (found == delivered.end()) {
+        return std::nullopt;
     }
+    return found->second;
 }
 
 // Idle clients go on the pool, like any store work; one sweep at a time, so a
