@@ -349,9 +349,10 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     std::string response;
     Failure failure;
     Engine::ExchangeResult result;
-    const Client client{fields[Protocol::kServerIdField], fields[Protocol::kClientIdField]};
+    const Client client{fieldOf(fields, Protocol::kServerIdField),
+                        fieldOf(fields, Protocol::kClientIdField)};
     Engine::ExchangeOptions options = carriage;
-    if (!carriage.ack && fields[Protocol::kOperationNameField] == Protocol::kGetEvents) {
+    if (!carriage.ack && fieldOf(fields, Protocol::kOperationNameField) == Protocol::kGetEvents) {
         options.ack = writtenNotAcknowledged(client);
     }
     const bool done =
