@@ -167,25 +167,7 @@ public:
         if (!composeHead(headers, lines, body.size(), connection.requestHead(), failure)) {
             return false;
         }
-        const auto exchangeBy =
-            DeadlineClock::now() + std::chrono::milliseconds(settings.timeoutMs);
-        const std::chrono::milliseconds connectTimeout(settings.connectTimeoutMs);
-        const bool reused = connection.isOpen();
-        HttpOutcome outcome =
-            connection.exchange(body, response, exchangeBy, connectTimeout, kMaxResponseBytes);
-        // A kept-alive connection may have been closed by the daemon while it
-        // lay idle (its keep-alive time-out, a restart); the request then went
-        // nowhere and is sent once more on a new connection. That is safe even
-        // for a POST that changes state because the daemon answers every request
-        // it handles, so a connection that closes without a single byte of
-        // answer carried no handled request. The honest limit: a daemon that
-        // dies after doing the work and before writing its first byte looks the
-        // same, and a daemon back up at once would then see the request twice.
-        // Never retried: a new connection, a partial answer, a time-out.
-        if (reused && outcome.fault == HttpFault::lost && !outcome.answerStarted) {
-            outcome =
-                connection.exchange(body, response, exchangeBy, connectTimeout, kMaxResponseBytes);
-        }
+        HttpOutcome outcome = sendResendingOnce(connection, body, response);
         if (kind == Kind::post) {
             ledger.posted(identity, body, postId, outcomeUnknown(outcome, response));
         }
@@ -202,6 +184,40 @@ public:
             }
             return true;
         }
+        return failWithAnswer(outcome, response, failure);
+    }
+
+    // One exchange on the thread's connection, sent once more when a kept-alive
+    // connection turns out closed before any byte of its answer.
+    HttpOutcome sendResendingOnce(HttpConnection& connection, const std::string& body,
+                                  std::string& response) {
+        const auto exchangeBy =
+            DeadlineClock::now() + std::chrono::milliseconds(settings.timeoutMs);
+        const std::chrono::milliseconds connectTimeout(settings.connectTimeoutMs);
+        const bool reused = connection.isOpen();
+        HttpOutcome outcome =
+            connection.exchange(body, response, exchangeBy, connectTimeout, kMaxResponseBytes);
+        // A kept-alive connection may have been closed by the daemon while it
+        // lay idle (its keep-alive time-out, a restart); the request then went
+        // nowhere and is sent once more on a new connection. That is safe even
+        // for a POST that changes state because the daemon answers every request
+        // it handles, so a connection that closes without a single byte of
+        // answer carried no handled request. The honest limit: a daemon that
+        // dies after doing the work and before writing its first byte looks the
+        // same, and a daemon back up at once would then see the request twice:
+        // harmless, since a resent putEvents carries its post id and a getEvents
+        // moves nothing until it is acknowledged. Never retried: a new
+        // connection, a partial answer, a time-out.
+        if (reused && outcome.fault == HttpFault::lost && !outcome.answerStarted) {
+            outcome =
+                connection.exchange(body, response, exchangeBy, connectTimeout, kMaxResponseBytes);
+        }
+        return outcome;
+    }
+
+    // A status other than 200: the daemon's message, at most kMaxKeptErrorBytes of it.
+    bool failWithAnswer(const HttpOutcome& outcome, std::string& response,
+                        BackendFailure& failure) const {
         std::string message = trimmed(response);
         if (outcome.bodyBytes > response.size()) {
             message += " ... (cut: " + std::to_string(outcome.bodyBytes) + " bytes in all)";
