@@ -1,9 +1,8 @@
 // Client processes that post and fetch through QUORVEL_URL while a fault hits
 // the service (a daemon or its store killed), and the account of what each saw:
 // every acknowledged post reaches every other client once and in order, a post
-// that failed for good arrives at most once, and the fault really hit (some
-// calls failed). runCrashLoad() owns the client processes; the fault callback
-// owns whatever it kills and starts.
+// that failed for good arrives at most once. runCrashLoad() owns the client
+// processes; the fault callback owns whatever it kills and starts.
 #ifndef AVQVL_TESTS_DAEMON_CRASHLOAD_H
 #define AVQVL_TESTS_DAEMON_CRASHLOAD_H
 
@@ -158,9 +157,10 @@ inline std::string accountOf(int r, const std::vector<ClientLog>& logs) {
 
 // Runs load.clients client processes against urlEnv ("QUORVEL_URL=..."), calls
 // fault once about a third of the posts are acknowledged, lets every client
-// fetch until nothing is left, then checks the account.
-inline void runCrashLoad(const CrashLoad& load, const std::string& urlEnv,
-                         const std::function<void()>& fault) {
+// fetch until nothing is left, then checks the account. Returns how many calls
+// failed at the clients, for the caller to check that the fault hit.
+inline int runCrashLoad(const CrashLoad& load, const std::string& urlEnv,
+                        const std::function<void()>& fault) {
     using namespace CrashDetail;
     std::vector<std::unique_ptr<Child>> clients;
     for (int i = 0; i < load.clients; ++i) {
@@ -193,7 +193,6 @@ inline void runCrashLoad(const CrashLoad& load, const std::string& urlEnv,
         // The last post worked without registering again: registrations survived.
         EXPECT_TRUE(logs.back().acked.count(load.posts - 1));
     }
-    EXPECT_GT(failures, 0) << "the fault did not hit";
     EXPECT_GT(ackedBeforeFault, 0);
     EXPECT_LT(ackedBeforeFault, acked) << "the fault came after the load";
     for (int r = 0; r < load.clients; ++r) {
@@ -203,6 +202,7 @@ inline void runCrashLoad(const CrashLoad& load, const std::string& urlEnv,
     }
     std::printf("%d posts acknowledged (%d before the fault), %d deliveries, %d failed calls\n",
                 acked, ackedBeforeFault, delivered, failures);
+    return failures;
 }
 
 }  // namespace Harness

@@ -45,7 +45,7 @@ TEST(DaemonCrash, KillNineLosesNothingAcknowledged) {
     Scratch scratch;
     const Strings store{"--data", scratch.path + "/data"};
     auto daemon = std::make_unique<DaemonProcess>(store);
-    runCrashLoad(CrashLoad{}, daemon->url(), [&] {
+    const int failed = runCrashLoad(CrashLoad{}, daemon->url(), [&] {
         const int port = daemon->port;
         daemon->signal(SIGKILL);
         EXPECT_EQ(daemon->wait(), -1);
@@ -53,6 +53,7 @@ TEST(DaemonCrash, KillNineLosesNothingAcknowledged) {
         daemon = std::make_unique<DaemonProcess>(store, Strings{}, port);
         ASSERT_EQ(daemon->port, port);
     });
+    EXPECT_GT(failed, 0) << "the kill did not hit";
     EXPECT_EQ(daemon->stop(), 0);
 }
 

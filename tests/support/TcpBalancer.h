@@ -3,7 +3,9 @@
 // backend refuses), relaying bytes both ways until either side closes; it knows
 // nothing of HTTP. It runs as a process of its own, each connection relayed by
 // a child of that process, at most kMaxRelays at once (more are closed at once).
-// Everything stops (SIGKILL) when the object ends.
+// unanswered() counts the connections a backend closed while a request on
+// them had no answer byte yet (a daemon killed under load). Everything stops
+// (SIGKILL) when the object ends.
 #ifndef AVQVL_TESTS_SUPPORT_TCPBALANCER_H
 #define AVQVL_TESTS_SUPPORT_TCPBALANCER_H
 
@@ -11,6 +13,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -36,6 +39,9 @@ public:
             throw std::runtime_error("TcpBalancer: cannot listen on loopback");
         }
         port = ntohs(address.sin_port);
+        // Shared with the relay processes, which count into it.
+        cut = static_cast<int*>(::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE,
+                                       MAP_SHARED | MAP_ANONYMOUS, -1, 0));
         std::fflush(nullptr);
         if ((child = ::fork()) == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -46,10 +52,12 @@ public:
     ~TcpBalancer() {
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
+        ::munmap(cut, sizeof(int));
     }
     TcpBalancer(const TcpBalancer&) = delete;
     TcpBalancer& operator=(const TcpBalancer&) = delete;
 
+    int unanswered() const { return __atomic_load_n(cut, __ATOMIC_SEQ_CST); }
     std::string url() const { return "QUORVEL_URL=http://127.0.0.1:" + std::to_string(port); }
     int port = 0;
 
@@ -96,10 +104,10 @@ private:
 
     // Copies whatever either side sends to the other; ends when one side
     // closes or fails, closing both (a daemon killed mid-answer cuts the answer).
-    [[noreturn]] static void relay(int client, int backend) {
+    [[noreturn]] void relay(int client, int backend) {
         pollfd ends[2] = {{client, POLLIN, 0}, {backend, POLLIN, 0}};
         char buffer[64 * 1024];
-        for (;;) {
+        for (int lastFrom = 1;;) {
             if (::poll(ends, 2, -1) < 0) {
                 ::_exit(1);
             }
@@ -115,14 +123,19 @@ private:
                     }
                 }
                 if (got <= 0) {
+                    if (from == 1 && lastFrom == 0) {
+                        __atomic_add_fetch(cut, 1, __ATOMIC_SEQ_CST);
+                    }
                     ::_exit(0);
                 }
+                lastFrom = from;
             }
         }
     }
 
     std::vector<int> backends;
     pid_t child = -1;
+    int* cut = nullptr;
 };
 
 #endif  // AVQVL_TESTS_SUPPORT_TCPBALANCER_H
