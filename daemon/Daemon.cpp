@@ -297,30 +297,34 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     }
     std::string response;
     Failure failure;
-    auto delivery = std::make_shared<Engine::Delivery>();
-    if (!engine.handle(fields, request.body(), response, failure, delivery.get())) {
+    Engine::ExchangeResult result;
+    if (!engine.exchange(fields, request.body(), Engine::ExchangeOptions(), response, failure,
+                         result)) {
         answer(reply, Wire::statusForFailure(Protocol::failureCode(failure.kind)), failure.message);
         return;
     }
     reply.status = 200;
     reply.contentType = "application/octet-stream";
     reply.body = std::move(response);
-    if (!delivery->empty()) {
-        // A getEvents answer that the connection could not carry to its end puts
-        // its events back at the head of the client's queue. An answer written
-        // whole but lost after that (the client dies before reading it) is not
-        // seen here: that loss stays at most once.
-        // Putting them back is store work: on the pool, past its bound (one
-        // task per broken answer, and dropping it would lose the events).
-        reply.onComplete = [this, delivery](bool delivered) {
-            if (delivered) {
+    if (result.lastSequence != 0) {
+        // A getEvents answer moves the client's cursor once written whole; one
+        // the connection could not carry leaves its events to come again. An
+        // answer written whole but lost after that (the client dies before
+        // reading it) is not seen here: that loss stays at most once.
+        // Acknowledging is store work: on the pool, past its bound.
+        reply.onComplete = [this, serverId = fields[Protocol::kServerIdField],
+                            clientId = fields[Protocol::kClientIdField],
+                            upTo = result.lastSequence](bool delivered) {
+            if (!delivered) {
                 return;
             }
-            pool.submit([this, delivery] {
-                Failure lost;
-                if (!engine.redeliver(*delivery, lost)) {
+            pool.submit([this, serverId, clientId, upTo] {
+                Failure failed;
+                if (!engine.acknowledge(serverId, clientId, upTo, failed)) {
                     log.message(LogLevel::Error,
-                                "events of an undelivered answer were lost: " + lost.message);
+                                "a delivered answer could not be acknowledged; "
+                                "its events come again: " +
+                                    failed.message);
                 }
             });
         };

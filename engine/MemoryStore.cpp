@@ -20,6 +20,11 @@ struct TextRelease {
     }
 };
 
+// For std::upper_bound over a log: the first event past a sequence.
+bool laterThan(std::uint64_t sequence, const StoredEvent& event) {
+    return sequence < event.sequence;
+}
+
 }  // namespace
 
 // Runs one operation under the lock; running out of memory is a Limit failure,
@@ -73,8 +78,11 @@ void MemoryStore::registerClient(const std::string& serverId, const std::string&
         ClientList after;
         copyIds(serverId, after);
         after.push_back(clientId);
-        Client added{clientId, {}, 0, epochMilliseconds(), 0};
         ServerGroup& target = servers[serverId];
+        Client added;
+        added.id = clientId;
+        added.cursor = target.nextSequence - 1;  // a new client starts at the head
+        added.registeredMs = epochMilliseconds();
         try {
             target.clients.push_back(std::move(added));
         } catch (...) {
@@ -102,6 +110,8 @@ void MemoryStore::unregisterClient(const std::string& serverId, const std::strin
                 clients.end());
             if (clients.empty()) {
                 servers.erase(group);  // the sequence restarts with the next client
+            } else {
+                trim(group->second);  // the lowest cursor may have gone with it
             }
         }
         remaining.swap(after);
@@ -112,102 +122,160 @@ void MemoryStore::clients(const std::string& serverId, ClientList& clients) {
     guarded([&] { copyIds(serverId, clients); });
 }
 
+// Forgets the ids past their age, then tells whether postId is among the rest.
+bool MemoryStore::remembered(Client& sender, const std::string& postId, std::int64_t now) {
+    while (!sender.posts.empty() && sender.posts.front().postedMs < now - kRememberedPostAgeMs) {
+        sender.posts.pop_front();
+    }
+    for (const RememberedPost& post : sender.posts) {
+        if (post.id == postId) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void MemoryStore::post(const std::string& serverId, const std::string& senderId,
-                       const std::string& text, ClientList& clients) {
+                       const std::string& text, const std::string& postId, ClientList& clients) {
     guarded([&] {
-        if (findClient(serverId, senderId) == nullptr) {
+        Client* sender = findClient(serverId, senderId);
+        if (sender == nullptr) {
             throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
         }
         ServerGroup& group = servers.find(serverId)->second;
+        const std::int64_t now = epochMilliseconds();
+        ClientList after;
+        copyIds(serverId, after);
+        if (!postId.empty() && remembered(*sender, postId, now)) {
+            clients.swap(after);  // posted already: answered as the first time
+            return;
+        }
         const ServiceLimits& limit = limits();
+        const bool othersListen = group.clients.size() > 1;
         const std::size_t held = *storedBytes;
-        if (group.clients.size() > 1 && held + text.size() > limit.maxStoredBytes) {
+        if (othersListen && held + text.size() > limit.maxStoredBytes) {
             throw Failure{FailureKind::Limit,
-                               tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
-                                                         limit.maxStoredBytes)};
+                          tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
+                                                    limit.maxStoredBytes)};
         }
         for (const Client& recipient : group.clients) {
             if (recipient.id == senderId) {
                 continue;
             }
             // The messages are made only when a post is refused: puts are frequent.
-            if (recipient.pending.size() >= limit.maxQueuedEventsPerClient) {
+            if (recipient.waitingEvents >= limit.maxQueuedEventsPerClient) {
                 throw Failure{FailureKind::Limit,
                               tooManyEventsMessage(serverId, senderId, recipient.id,
-                                                   recipient.pending.size())};
+                                                   recipient.waitingEvents)};
             }
-            if (recipient.pendingBytes + text.size() > limit.maxQueuedBytesPerClient) {
+            if (recipient.waitingBytes + text.size() > limit.maxQueuedBytesPerClient) {
                 throw Failure{
                     FailureKind::Limit,
-                    tooManyBytesMessage(serverId, senderId, recipient.id, recipient.pendingBytes,
+                    tooManyBytesMessage(serverId, senderId, recipient.id, recipient.waitingBytes,
                                         text.size(), limit.maxQueuedBytesPerClient)};
             }
         }
-        ClientList after;
-        copyIds(serverId, after);
-        StoredEvent event{senderId, group.nextSequence, nullptr};
-        auto* copy = new std::string(text);
-        *storedBytes += text.size();  // given back by TextRelease, even if the next line throws
-        event.text.reset(copy, TextRelease{storedBytes, text.size()});
-        std::size_t queued = 0;
-        try {
-            for (Client& recipient : group.clients) {
-                if (recipient.id != senderId) {
-                    recipient.pending.push_back(event);
-                    recipient.pendingBytes += text.size();
-                    ++queued;
+        const std::uint64_t sequence = group.nextSequence;
+        if (!postId.empty()) {
+            sender->posts.push_back(RememberedPost{postId, now});
+        }
+        if (othersListen) {
+            try {
+                auto* copy = new std::string(text);
+                *storedBytes += text.size();  // given back by TextRelease, even if reset throws
+                StoredEvent event{senderId, sequence, nullptr};
+                event.text.reset(copy, TextRelease{storedBytes, text.size()});
+                group.log.push_back(std::move(event));
+            } catch (...) {
+                if (!postId.empty()) {
+                    sender->posts.pop_back();
                 }
+                throw;
             }
-        } catch (...) {
-            // Take the event back from the recipients that already got it.
-            for (Client& recipient : group.clients) {
-                if (queued == 0) {
-                    break;
-                }
-                if (recipient.id != senderId) {
-                    recipient.pending.pop_back();
-                    recipient.pendingBytes -= text.size();
-                    --queued;
-                }
-            }
-            throw;
+        }
+        // Nothing below allocates.
+        if (sender->posts.size() > kRememberedPosts) {
+            sender->posts.pop_front();
         }
         ++group.nextSequence;
+        if (othersListen) {
+            for (Client& recipient : group.clients) {
+                if (recipient.id != senderId) {
+                    ++recipient.waitingEvents;
+                    recipient.waitingBytes += text.size();
+                }
+            }
+        }
+        if (sender->waitingEvents == 0) {
+            advance(group, *sender, sequence);  // its cursor follows its own posts
+        }
         clients.swap(after);
     });
 }
 
-void MemoryStore::take(const std::string& serverId, const std::string& clientId,
+void MemoryStore::advance(ServerGroup& group, Client& client, std::uint64_t upTo) {
+    upTo = std::min(upTo, group.nextSequence - 1);
+    if (upTo <= client.cursor) {
+        return;
+    }
+    auto first = std::upper_bound(group.log.begin(), group.log.end(), client.cursor, laterThan);
+    for (auto event = first; event != group.log.end() && event->sequence <= upTo; ++event) {
+        if (event->sender != client.id) {
+            --client.waitingEvents;
+            client.waitingBytes -= event->text->size();
+        }
+    }
+    // Nothing of others waits past upTo: the rest are its own posts.
+    client.cursor = client.waitingEvents == 0 ? group.nextSequence - 1 : upTo;
+    trim(group);
+}
+
+void MemoryStore::trim(ServerGroup& group) {
+    std::uint64_t lowest = group.nextSequence;
+    for (const Client& client : group.clients) {
+        lowest = std::min(lowest, client.cursor);
+    }
+    while (!group.log.empty() && group.log.front().sequence <= lowest) {
+        group.log.pop_front();
+    }
+}
+
+void MemoryStore::read(const std::string& serverId, const std::string& clientId,
+                       const std::optional<std::uint64_t>& ackUpTo,
                        std::vector<StoredEvent>& events) {
     guarded([&] {
         Client* client = findClient(serverId, clientId);
         if (client == nullptr) {
             throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
         }
-        std::vector<StoredEvent> taken(std::make_move_iterator(client->pending.begin()),
-                                       std::make_move_iterator(client->pending.end()));
-        client->pending.clear();  // nothing can throw from here on
-        client->pendingBytes = 0;
+        ServerGroup& group = servers.find(serverId)->second;
+        // Read past where the acknowledgement puts the cursor before moving it,
+        // so that running out of memory leaves the cursor where it was.
+        const std::uint64_t from =
+            std::max(client->cursor, std::min(ackUpTo.value_or(0), group.nextSequence - 1));
+        std::vector<StoredEvent> found;
+        found.reserve(client->waitingEvents);
+        auto first = std::upper_bound(group.log.begin(), group.log.end(), from, laterThan);
+        for (auto event = first; event != group.log.end(); ++event) {
+            if (event->sender != clientId) {
+                found.push_back(*event);
+            }
+        }
+        if (ackUpTo) {
+            advance(group, *client, *ackUpTo);
+        }
         client->lastFetchMs = epochMilliseconds();
-        events.swap(taken);
+        events.swap(found);
     });
 }
 
-void MemoryStore::restore(const std::string& serverId, const std::string& clientId,
-                          const std::vector<StoredEvent>& events) {
+void MemoryStore::acknowledge(const std::string& serverId, const std::string& clientId,
+                              std::uint64_t upTo) {
     guarded([&] {
         Client* client = findClient(serverId, clientId);
-        if (client == nullptr || events.empty()) {
-            return;  // the client has left: its events went with it
+        if (client != nullptr) {
+            advance(servers.find(serverId)->second, *client, upTo);
         }
-        std::deque<StoredEvent> pending(events.begin(), events.end());
-        std::size_t bytes = 0;
-        for (const StoredEvent& event : events) {
-            bytes += event.text->size();
-        }
-        pending.insert(pending.end(), client->pending.begin(), client->pending.end());
-        client->pending.swap(pending);
-        client->pendingBytes += bytes;
     });
 }
 
@@ -217,8 +285,8 @@ StoreStats MemoryStore::stats() {
         for (const auto& group : servers) {
             stats.registeredClients += group.second.clients.size();
             for (const Client& client : group.second.clients) {
-                stats.waitingEvents += client.pending.size();
-                stats.waitingBytes += client.pendingBytes;
+                stats.waitingEvents += client.waitingEvents;
+                stats.waitingBytes += client.waitingBytes;
             }
         }
     });
@@ -228,8 +296,8 @@ StoreStats MemoryStore::stats() {
 ClientInfo MemoryStore::describeClient(const std::string& serverId, const Client& client) {
     return ClientInfo{serverId,
                       client.id,
-                      client.pending.size(),
-                      client.pendingBytes,
+                      client.waitingEvents,
+                      client.waitingBytes,
                       client.registeredMs,
                       client.lastFetchMs};
 }
@@ -267,7 +335,12 @@ void MemoryStore::expireIdleClients(std::int64_t idleBeforeMs, std::vector<Clien
         for (auto group = servers.begin(); group != servers.end();) {
             auto& clients = group->second.clients;
             clients.erase(std::remove_if(clients.begin(), clients.end(), idle), clients.end());
-            group = clients.empty() ? servers.erase(group) : std::next(group);
+            if (clients.empty()) {
+                group = servers.erase(group);
+            } else {
+                trim(group->second);
+                ++group;
+            }
         }
         expired.swap(found);
     });

@@ -1,6 +1,6 @@
 // The store that keeps everything in the process's memory: the embedded
 // backend's store and quorveld's default. Fast, and gone with the process.
-// A posted text is held once, shared by every recipient, and counted against
+// A posted text is held once, in its server's log, and counted against
 // maxStoredBytes until its last copy goes (a getEvents answer still being
 // carried holds it too). Thread-safe: one lock around each operation.
 #ifndef AVQVL_ENGINE_MEMORYSTORE_H
@@ -28,11 +28,12 @@ public:
                           ClientList& remaining) override;
     void clients(const std::string& serverId, ClientList& clients) override;
     void post(const std::string& serverId, const std::string& senderId, const std::string& text,
-              ClientList& clients) override;
-    void take(const std::string& serverId, const std::string& clientId,
+              const std::string& postId, ClientList& clients) override;
+    void read(const std::string& serverId, const std::string& clientId,
+              const std::optional<std::uint64_t>& ackUpTo,
               std::vector<StoredEvent>& events) override;
-    void restore(const std::string& serverId, const std::string& clientId,
-                 const std::vector<StoredEvent>& events) override;
+    void acknowledge(const std::string& serverId, const std::string& clientId,
+                     std::uint64_t upTo) override;
     StoreStats stats() override;
     void listClients(const std::string& serverId, std::vector<ClientInfo>& clients) override;
     void expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) override;
@@ -40,18 +41,31 @@ public:
     std::string describe() const override { return "memory"; }
 
 private:
+    struct RememberedPost {
+        std::string id;
+        std::int64_t postedMs;
+    };
     struct Client {
         std::string id;
-        std::deque<StoredEvent> pending;
-        std::size_t pendingBytes = 0;  // event text in `pending`
+        std::uint64_t cursor = 0;
+        // What waits: the log past the cursor less the client's own posts.
+        std::size_t waitingEvents = 0, waitingBytes = 0;
         std::int64_t registeredMs = 0, lastFetchMs = 0;
+        std::deque<RememberedPost> posts;  // oldest first
     };
     struct ServerGroup {
         std::vector<Client> clients;  // registration order
+        // Sequences ascending, with gaps where a post had no recipient.
+        std::deque<StoredEvent> log;
         std::uint64_t nextSequence = 1;
     };
 
     Client* findClient(const std::string& serverId, const std::string& clientId);
+    static bool remembered(Client& sender, const std::string& postId, std::int64_t now);
+    // Moves client's cursor to upTo (never back, never past the log) and trims
+    // the log; allocates nothing.
+    static void advance(ServerGroup& group, Client& client, std::uint64_t upTo);
+    static void trim(ServerGroup& group);
     void copyIds(const std::string& serverId, ClientList& clients) const;
     static ClientInfo describeClient(const std::string& serverId, const Client& client);
     template <typename Operation>

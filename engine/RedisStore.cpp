@@ -325,7 +325,8 @@ void RedisStore::clients(const std::string& serverId, ClientList& clients) {
 }
 
 void RedisStore::post(const std::string& serverId, const std::string& senderId,
-                      const std::string& text, ClientList& clients) {
+                      const std::string& text, const std::string& postId, ClientList& clients) {
+    (void)postId;
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
         const std::string mostEvents = std::to_string(limits().maxQueuedEventsPerClient);
@@ -363,8 +364,10 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
     });
 }
 
-void RedisStore::take(const std::string& serverId, const std::string& clientId,
+void RedisStore::read(const std::string& serverId, const std::string& clientId,
+                      const std::optional<std::uint64_t>& ackUpTo,
                       std::vector<StoredEvent>& events) {
+    (void)ackUpTo;
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
         const std::string queue = keys.queue(clientId);
@@ -390,30 +393,7 @@ void RedisStore::take(const std::string& serverId, const std::string& clientId,
     });
 }
 
-void RedisStore::restore(const std::string& serverId, const std::string& clientId,
-                         const std::vector<StoredEvent>& events) {
-    outOfMemoryIsLimit([&] {
-        if (events.empty()) {
-            return;
-        }
-        const ServerKeys keys(ServerKeys::hashTag(serverId));
-        const std::string queue = keys.queue(clientId);
-        std::vector<std::string> encoded;
-        encoded.reserve(events.size());
-        std::size_t bytes = 0;
-        for (auto event = events.rbegin(); event != events.rend(); ++event) {
-            encoded.push_back(encodeEvent(*event));
-            bytes += event->text->size();
-        }
-        const std::string byteCount = std::to_string(bytes);
-        std::vector<const std::string*> arguments{
-            &keys.clients, &keys.bytes, &queue, &keys.pending, &keys.stored, &clientId, &byteCount};
-        for (const std::string& event : encoded) {
-            arguments.push_back(&event);
-        }
-        scripts->run(*pool, RedisScripts::Restore, arguments, 5);
-    });
-}
+void RedisStore::acknowledge(const std::string&, const std::string&, std::uint64_t) {}
 
 // The hash tags of every server in the database, sorted by server id. SCAN may
 // name a key twice; servers that come or go meanwhile may or may not be named.

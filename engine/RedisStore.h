@@ -63,11 +63,12 @@ public:
                           ClientList& remaining) override;
     void clients(const std::string& serverId, ClientList& clients) override;
     void post(const std::string& serverId, const std::string& senderId, const std::string& text,
-              ClientList& clients) override;
-    void take(const std::string& serverId, const std::string& clientId,
+              const std::string& postId, ClientList& clients) override;
+    void read(const std::string& serverId, const std::string& clientId,
+              const std::optional<std::uint64_t>& ackUpTo,
               std::vector<StoredEvent>& events) override;
-    void restore(const std::string& serverId, const std::string& clientId,
-                 const std::vector<StoredEvent>& events) override;
+    void acknowledge(const std::string& serverId, const std::string& clientId,
+                     std::uint64_t upTo) override;
     // Scans every server in the database: meant for metrics, not for each request.
     StoreStats stats() override;
     // Like stats(), they scan every server: for operators, not for each request.

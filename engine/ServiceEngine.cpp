@@ -59,6 +59,21 @@ std::string quoted(const std::string& text) {
     return "\"" + text + "\"";
 }
 
+// Runs one step of the engine, handing a failure back at its edge.
+template <typename Step>
+bool run(Step step, Failure& failure) {
+    try {
+        step();
+        return true;
+    } catch (const Failure& thrown) {
+        failure = thrown;
+    } catch (const std::bad_alloc&) {
+        failure.kind = FailureKind::Limit;
+        failure.message = outOfMemoryMessage();
+    }
+    return false;
+}
+
 // "Server-ID" and "Client-ID", quoted, for the refusals that name both.
 std::string identifierFields() {
     return quoted(Protocol::kServerIdField) + " and " + quoted(Protocol::kClientIdField);
@@ -82,41 +97,27 @@ ServiceEngine::ServiceEngine(std::unique_ptr<Store> store) : store(std::move(sto
 ServiceEngine::~ServiceEngine() = default;
 
 bool ServiceEngine::handle(const RequestHeaders& headers, const std::string& body,
-                           std::string& response, Failure& failure, Delivery* delivery) {
-    if (delivery != nullptr) {
-        *delivery = Delivery();
-    }
-    try {
-        response = dispatch(headers, body, delivery);
-        return true;
-    } catch (const Failure& thrown) {
-        failure = thrown;
-    } catch (const std::bad_alloc&) {
-        failure.kind = FailureKind::Limit;
-        failure.message = outOfMemoryMessage();
-    }
-    return false;
+                           std::string& response, Failure& failure) {
+    ExchangeResult result;
+    return run([&] { response = dispatch(headers, body, ExchangeOptions(), true, result); },
+               failure);
 }
 
-bool ServiceEngine::redeliver(Delivery& delivery, Failure& failure) {
-    Delivery returned;
-    returned.serverId.swap(delivery.serverId);
-    returned.clientId.swap(delivery.clientId);
-    returned.events.swap(delivery.events);
-    if (returned.events.empty()) {
-        return true;
-    }
-    try {
-        store->restore(returned.serverId, returned.clientId, returned.events);
-        return true;
-    } catch (const Failure& thrown) {
-        failure = thrown;
-    }
-    return false;
+bool ServiceEngine::exchange(const RequestHeaders& headers, const std::string& body,
+                             const ExchangeOptions& options, std::string& response,
+                             Failure& failure, ExchangeResult& result) {
+    result = ExchangeResult();
+    return run([&] { response = dispatch(headers, body, options, false, result); }, failure);
+}
+
+bool ServiceEngine::acknowledge(const std::string& serverId, const std::string& clientId,
+                                std::uint64_t upTo, Failure& failure) {
+    return run([&] { store->acknowledge(serverId, clientId, upTo); }, failure);
 }
 
 std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::string& body,
-                                    Delivery* delivery) {
+                                    const ExchangeOptions& options, bool ackAnswer,
+                                    ExchangeResult& result) {
     const std::string& serviceName = requiredHeader(headers, Protocol::kServiceNameField);
     const bool admin = serviceName == Protocol::kAdminServiceName;
     if (serviceName != Protocol::kServiceName && !admin) {
@@ -153,10 +154,10 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
         return unregisterClient(serverId, clientId);
     }
     if (operation == Protocol::kPutEvents) {
-        return putEvents(serverId, clientId, body);
+        return putEvents(serverId, clientId, body, options.postId);
     }
     if (operation == Protocol::kGetEvents) {
-        return getEvents(serverId, clientId, delivery);
+        return getEvents(serverId, clientId, options.ack, ackAnswer, result);
     }
     return getSharedClients(serverId);
 }
@@ -185,7 +186,7 @@ std::string ServiceEngine::unregisterClient(const std::string& serverId,
 }
 
 std::string ServiceEngine::putEvents(const std::string& serverId, const std::string& clientId,
-                                     const std::string& body) {
+                                     const std::string& body, const std::string& postId) {
     if (!fitsXmlDocument(body)) {
         // A sender that is not registered hears that first, as it would had
         // its event been fine.
@@ -199,32 +200,26 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
                        "UTF-8, which an XML document cannot carry.");
     }
     ClientList clients;
-    store->post(serverId, clientId, body, clients);
+    store->post(serverId, clientId, body, postId, clients);
     return sharedClientDocument(clients);
 }
 
 std::string ServiceEngine::getEvents(const std::string& serverId, const std::string& clientId,
-                                     Delivery* delivery) {
-    std::vector<StoredEvent> taken;
-    store->take(serverId, clientId, taken);
-    std::string document;
-    try {
-        EventsDocument events;
-        for (const StoredEvent& event : taken) {
-            events.add(event.sender, event.sequence, *event.text);
-        }
-        document = events.finish();
-        if (delivery != nullptr && !taken.empty()) {
-            delivery->serverId = serverId;
-            delivery->clientId = clientId;
-            delivery->events.swap(taken);
-        }
-    } catch (const std::bad_alloc&) {
-        // No answer leaves: the events go back where they were.
-        store->restore(serverId, clientId, taken);
-        throw;
+                                     const std::optional<std::uint64_t>& ack, bool ackAnswer,
+                                     ExchangeResult& result) {
+    std::vector<StoredEvent> events;
+    store->read(serverId, clientId, ack, events);
+    EventsDocument document;
+    for (const StoredEvent& event : events) {
+        document.add(event.sender, event.sequence, *event.text);
     }
-    return document;
+    std::string answer = document.finish();
+    result.lastSequence = events.empty() ? 0 : events.back().sequence;
+    if (ackAnswer && result.lastSequence != 0) {
+        // Should this fail, nothing is answered and the events come again.
+        store->acknowledge(serverId, clientId, result.lastSequence);
+    }
+    return answer;
 }
 
 std::string ServiceEngine::getSharedClients(const std::string& serverId) {

@@ -10,7 +10,9 @@
 //                     client is no error); answers the remaining clients.
 //   putEvents         the registered caller's body is one event, queued for every
 //                     other client of its Server-ID (all or none); answers the clients.
-//   getEvents         drains the registered caller's queue into the events document.
+//   getEvents         the events waiting for the registered caller (its server's
+//                     log past its cursor, less its own posts), as the events
+//                     document; see handle() and exchange() for what it acknowledges.
 //   getSharedClients  the shared-client document.
 //
 // The operators' service ("Service-Name" AvQVLAdmin), which whoever carries the
@@ -36,8 +38,10 @@
 #define AVQVL_ENGINE_SERVICEENGINE_H
 
 #include <chrono>
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,15 +55,21 @@ namespace Engine {
 
 using RequestHeaders = std::map<std::string, std::string>;
 
-// What one getEvents answer took from the store, kept by whoever carries the
-// answer until it knows the answer arrived. Empty when the request was no
-// getEvents, failed, or found nothing waiting.
-struct Delivery {
-    std::string serverId;
-    std::string clientId;
-    std::vector<StoredEvent> events;
+// What the carrier of an exchange knows beyond the headers and the body.
+struct ExchangeOptions {
+    // getEvents: the last sequence the client acknowledges. Given, the answer is
+    // read after acknowledging it and moves nothing more (what it holds comes
+    // again until acknowledged). Absent, the carrier acknowledges the answer
+    // itself once delivered (ServiceEngine::acknowledge).
+    std::optional<std::uint64_t> ack;
+    // putEvents: the exchange's unique id, the same when it is sent again
+    // (empty: none); see kRememberedPosts.
+    std::string postId;
+};
 
-    bool empty() const { return events.empty(); }
+// Filled by a getEvents exchange that succeeds.
+struct ExchangeResult {
+    std::uint64_t lastSequence = 0;  // the highest sequence in the answer; 0: none
 };
 
 class ServiceEngine {
@@ -75,20 +85,22 @@ public:
     const ServiceLimits& limits() const { return store->limits(); }
     StoreStats stats() { return store->stats(); }
 
-    // True with the response filled, or false with the failure filled. When
-    // delivery is given, a getEvents that succeeds records there the events its
-    // answer carries, so that the carrier can give them back with redeliver().
+    // True with the response filled, or false with the failure filled. A
+    // getEvents acknowledges what it answers: within one process nothing is in
+    // flight between the engine and its caller.
     bool handle(const RequestHeaders& headers, const std::string& body, std::string& response,
-                Failure& failure, Delivery* delivery = nullptr);
-
-    // The answer recorded in delivery did not reach its client (a write failed,
-    // or the connection closed before its end): its events go back to the head
-    // of the client's queue in their order, ahead of anything queued since, and
-    // the next getEvents answers them again. Events of a client that has left
-    // since are dropped. delivery is emptied. False with the failure filled when
-    // the store fails; the events are then lost. Loss that the carrier cannot
-    // see (the client dies after the last byte was written) stays at most once.
-    bool redeliver(Delivery& delivery, Failure& failure);
+                Failure& failure);
+    // The same for a carrier that may lose an answer on the way (the daemon):
+    // a getEvents acknowledges options.ack, if given, and nothing else; result
+    // tells what the answer holds.
+    bool exchange(const RequestHeaders& headers, const std::string& body,
+                  const ExchangeOptions& options, std::string& response, Failure& failure,
+                  ExchangeResult& result);
+    // Moves the client's cursor to upTo (never backward): what a getEvents
+    // answered without an ack once the carrier wrote it whole. False with the
+    // failure filled when the store fails; the events then come again.
+    bool acknowledge(const std::string& serverId, const std::string& clientId, std::uint64_t upTo,
+                     Failure& failure);
 
     // Unregisters clients that have not fetched for `idle`; may throw Failure.
     void expireIdleClients(std::chrono::milliseconds idle, std::vector<ClientInfo>& expired);
@@ -97,14 +109,16 @@ public:
     std::string describeStore() const;
 
 private:
+    // ackAnswer: a getEvents acknowledges its own answer (handle()).
     std::string dispatch(const RequestHeaders& headers, const std::string& body,
-                         Delivery* delivery);
+                         const ExchangeOptions& options, bool ackAnswer, ExchangeResult& result);
     std::string registerClient(const std::string& serverId, const std::string& clientId);
     std::string unregisterClient(const std::string& serverId, const std::string& clientId);
     std::string putEvents(const std::string& serverId, const std::string& clientId,
-                          const std::string& body);
+                          const std::string& body, const std::string& postId);
     std::string getEvents(const std::string& serverId, const std::string& clientId,
-                          Delivery* delivery);
+                          const std::optional<std::uint64_t>& ack, bool ackAnswer,
+                          ExchangeResult& result);
     std::string getSharedClients(const std::string& serverId);
     std::string administer(const std::string& operation, const RequestHeaders& headers);
 

@@ -557,7 +557,8 @@ void SqliteStore::clients(const std::string& serverId, ClientList& clients) {
 }
 
 void SqliteStore::post(const std::string& serverId, const std::string& senderId,
-                       const std::string& text, ClientList& clients) {
+                       const std::string& text, const std::string& postId, ClientList& clients) {
+    (void)postId;
     transaction("queue the event", [&] {
         Query sender(db->findClient);
         if (!sender.text(1, serverId).text(2, senderId).step()) {
@@ -591,8 +592,8 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
         const auto held = static_cast<std::size_t>(db->storedBytes);
         if (othersListen && held + text.size() > limit.maxStoredBytes) {
             throw Failure{FailureKind::Limit,
-                               tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
-                                                         limit.maxStoredBytes)};
+                          tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
+                                                    limit.maxStoredBytes)};
         }
         if (othersListen) {
             db->storedBytes += size;
@@ -620,8 +621,10 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
     });
 }
 
-void SqliteStore::take(const std::string& serverId, const std::string& clientId,
+void SqliteStore::read(const std::string& serverId, const std::string& clientId,
+                       const std::optional<std::uint64_t>& ackUpTo,
                        std::vector<StoredEvent>& events) {
+    (void)ackUpTo;
     transaction("take the events", [&] {
         Query known(db->findClient);
         if (!known.text(1, serverId).text(2, clientId).step()) {
@@ -657,39 +660,7 @@ void SqliteStore::take(const std::string& serverId, const std::string& clientId,
     });
 }
 
-void SqliteStore::restore(const std::string& serverId, const std::string& clientId,
-                          const std::vector<StoredEvent>& events) {
-    if (events.empty()) {
-        return;
-    }
-    transaction("give back the events", [&] {
-        Query known(db->findClient);
-        if (!known.text(1, serverId).text(2, clientId).step()) {
-            return;  // the client has left: its events went with it
-        }
-        const std::int64_t client = known.number(kRow);
-        Query head(db->headPosition);
-        head.number(1, client).step();
-        std::int64_t position = head.number(0) - static_cast<std::int64_t>(events.size());
-        std::int64_t bytes = 0;
-        for (const StoredEvent& event : events) {
-            Query(db->addReturned)
-                .number(1, client)
-                .number(2, position++)
-                .text(3, event.sender)
-                .number(4, static_cast<std::int64_t>(event.sequence))
-                .blob(5, *event.text)
-                .run();
-            bytes += static_cast<std::int64_t>(event.text->size());
-        }
-        Query(db->countReturned)
-            .number(1, client)
-            .number(2, static_cast<std::int64_t>(events.size()))
-            .number(3, bytes)
-            .run();
-        db->storedBytes += bytes;
-    });
-}
+void SqliteStore::acknowledge(const std::string&, const std::string&, std::uint64_t) {}
 
 StoreStats SqliteStore::stats() {
     StoreStats stats;

@@ -87,6 +87,11 @@ std::string storeFailedMessage(const std::string& action, const std::string& cau
            "); nothing was changed.";
 }
 
+std::string unknownOutcomeMessage(const std::string& action, const std::string& cause) {
+    return "The Quorvel service got no answer from its store while trying to " + action + " (" +
+           cause + "); the outcome is unknown; retrying the same request is safe";
+}
+
 }  // namespace Engine
 }  // namespace AvQuorvel
 }  // namespace Net

@@ -1,19 +1,31 @@
 // Where the service keeps its state: the clients of each server in registration
-// order, the events waiting for each client (oldest first), and each server's
-// next sequence number. The engine checks the request (headers, identifiers,
-// texts) and writes the documents; the store applies each operation atomically
-// and checks the limits within the same step, so that several daemons sharing
-// one store never pass a limit together.
+// order, one log of events per server and a cursor per client. An event's
+// sequence number is its place in its server's log (1, 2, ...; never used twice
+// while the server has clients); its text is held once whatever the number of
+// recipients. A client's cursor is the last sequence it acknowledged; a client
+// that registers starts at the log's head, so it sees only what is posted after.
+// What waits for a client is the log past its cursor less its own posts; the
+// per-client limits count that. The log is trimmed below the lowest cursor of
+// its server's clients. When nothing of others waits for a client, its cursor
+// follows its own posts, so that a client that only posts holds no event.
 //
-// Every operation applies fully or throws Failure and changes nothing; no
-// other exception leaves a store (running out of memory is a Limit failure).
-// Implementations are safe for concurrent use from any number of threads.
+// The engine checks the request (headers, identifiers, texts) and writes the
+// documents; the store applies each operation atomically and checks the limits
+// within the same step, so that several daemons sharing one store never pass a
+// limit together.
+//
+// Every operation applies fully or throws Failure and changes nothing, except
+// when the store cannot know (a Redis command that timed out may still run):
+// then the Failure says so (unknownOutcomeMessage). No other exception leaves a
+// store (running out of memory is a Limit failure). Implementations are safe
+// for concurrent use from any number of threads.
 #ifndef AVQVL_ENGINE_STORE_H
 #define AVQVL_ENGINE_STORE_H
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -52,6 +64,14 @@ struct ClientInfo {
     std::int64_t registeredMs = 0, lastFetchMs = 0;  // Unix epoch ms; 0 = never fetched
 };
 
+// A post carrying an id already seen from the same sender of the same server
+// posts nothing and answers as the first one did. The store remembers the
+// sender's last kRememberedPosts ids, each for kRememberedPostAge: enough for
+// a client to resend an exchange whose outcome it could not learn, small
+// enough that a busy sender costs a bounded amount.
+constexpr std::size_t kRememberedPosts = 1024;
+constexpr std::int64_t kRememberedPostAgeMs = 10 * 60 * 1000;
+
 // The clock of registration and fetch times: milliseconds since the Unix epoch.
 std::int64_t epochMilliseconds();
 
@@ -77,24 +97,27 @@ public:
                                   ClientList& remaining) = 0;
     // The server's clients; empty for an unknown server.
     virtual void clients(const std::string& serverId, ClientList& clients) = 0;
-    // Queues text for every client of the server but the sender, under the
-    // server's next sequence number, all or none. Refused when the sender is not
-    // registered; a Limit when any recipient would pass maxQueuedEventsPerClient
-    // or maxQueuedBytesPerClient, or when the store would pass maxStoredBytes (a
-    // post that no one receives stores nothing and passes no limit). clients
-    // receives the server's clients.
+    // Appends text to the server's log under its next sequence number, for
+    // every client of the server but the sender, all or none. Refused when the
+    // sender is not registered; a Limit when any recipient would pass
+    // maxQueuedEventsPerClient or maxQueuedBytesPerClient, or when the store
+    // would pass maxStoredBytes (a post that no one receives stores nothing and
+    // passes no limit). postId (empty: none) de-duplicates resends, see
+    // kRememberedPosts. clients receives the server's clients.
     virtual void post(const std::string& serverId, const std::string& senderId,
-                      const std::string& text, ClientList& clients) = 0;
-    // Removes and returns the client's waiting events, oldest first, and records
-    // the time of the fetch. Refused when the client is not registered.
-    virtual void take(const std::string& serverId, const std::string& clientId,
+                      const std::string& text, const std::string& postId, ClientList& clients) = 0;
+    // Events past the client's cursor, oldest first, the client's own posts
+    // left out; the cursor does not move. First, when ackUpTo is given,
+    // acknowledges up to it (as acknowledge()). Records the time of the fetch.
+    // Refused when the client is not registered.
+    virtual void read(const std::string& serverId, const std::string& clientId,
+                      const std::optional<std::uint64_t>& ackUpTo,
                       std::vector<StoredEvent>& events) = 0;
-    // Puts events taken earlier, whose answer never reached the client, back at
-    // the head of its queue in their order, ahead of anything queued since. No
-    // limit applies (they were counted before); events of a client that has left
-    // since are dropped.
-    virtual void restore(const std::string& serverId, const std::string& clientId,
-                         const std::vector<StoredEvent>& events) = 0;
+    // Moves the cursor forward to upTo (never backward; clamped to the log's
+    // last sequence) and trims the log below the lowest cursor. An unknown
+    // client is no error.
+    virtual void acknowledge(const std::string& serverId, const std::string& clientId,
+                             std::uint64_t upTo) = 0;
     virtual StoreStats stats() = 0;
 
     // Every registered client ("" = all servers), by server id (byte order) then
@@ -130,6 +153,9 @@ std::string outOfMemoryMessage();
 // A store that could not do its work: action says what ("queue the event"),
 // cause what went wrong, in the store's own words ("disk I/O error").
 std::string storeFailedMessage(const std::string& action, const std::string& cause);
+// A store that cannot tell whether the operation happened (the command was
+// sent, its answer never came): the request may be sent again as it was.
+std::string unknownOutcomeMessage(const std::string& action, const std::string& cause);
 
 }  // namespace Engine
 }  // namespace AvQuorvel

@@ -1,8 +1,8 @@
 // The default backend: the reference service engine running inside the process.
 // One engine serves every connection and thread of the process.
 //
-// No redelivery here (ServiceEngine::redeliver): the answer is handed to the
-// caller inside the process, where nothing can lose it on the way. A process
+// A getEvents acknowledges its own answer (ServiceEngine::handle): the answer
+// is handed to the caller inside the process, where nothing can lose it on the way. A process
 // that dies mid-answer takes the memory store, and every other event, with it;
 // a client that abandons an answer it was given (it threw while converting it)
 // made that choice in its own code, like a client that drops a fetched event.

@@ -48,7 +48,10 @@ protected:
     std::vector<std::string> takeAll(Store& store, const std::string& serverId,
                                      const std::string& clientId) {
         std::vector<StoredEvent> events;
-        store.take(serverId, clientId, events);
+        store.read(serverId, clientId, std::nullopt, events);
+        if (!events.empty()) {
+            store.acknowledge(serverId, clientId, events.back().sequence);
+        }
         std::vector<std::string> seen;
         for (const StoredEvent& event : events) {
             seen.push_back(event.sender + ":" + std::to_string(event.sequence) + ":" + *event.text);
@@ -172,15 +175,15 @@ TEST_F(RedisStoreTest, ARefusedPostIsTakenBackWhole) {
     const std::string s = server();
     registerAll(*store, s, {"a", "b", "c"});
     ClientList clients;
-    store->post(s, "b", "1", clients);
-    store->post(s, "b", "2", clients);  // c is full, a (written before c) is not
+    store->post(s, "b", "1", "", clients);
+    store->post(s, "b", "2", "", clients);  // c is full, a (written before c) is not
     const StoreStats before = store->stats();
-    EXPECT_EQ(failureOf([&] { store->post(s, "b", "345", clients); }), FailureKind::Limit);
+    EXPECT_EQ(failureOf([&] { store->post(s, "b", "345", "", clients); }), FailureKind::Limit);
     const StoreStats after = store->stats();
     EXPECT_EQ(after.waitingEvents, before.waitingEvents);
     EXPECT_EQ(after.waitingBytes, before.waitingBytes);
     EXPECT_EQ(takeAll(*store, s, "a"), (Strings{"b:1:1", "b:2:2"}));
-    store->post(s, "c", "6", clients);  // the refused post used no number
+    store->post(s, "c", "6", "", clients);  // the refused post used no number
     EXPECT_EQ(takeAll(*store, s, "a"), (Strings{"c:3:6"}));
 }
 
@@ -188,19 +191,12 @@ TEST_F(RedisStoreTest, ARefusedPostIsTakenBackWhole) {
 TEST_F(RedisStoreTest, EventsKeepSendersAndTextsThatLookLikeTheStoredForm) {
     auto store = makeStore();
     const std::string s = server();
-    registerAll(*store, s, {"a", "b"});
-    const auto text = [](const char* text) { return std::make_shared<const std::string>(text); };
-    const std::vector<StoredEvent> odd{
-        {"a b", 7, text("x 9 y")}, {"", 8, text("")}, {"12", 9, text("3 4")}};
-    store->restore(s, "b", odd);
-    std::vector<StoredEvent> back;
-    store->take(s, "b", back);
-    ASSERT_EQ(back.size(), odd.size());
-    for (std::size_t i = 0; i < odd.size(); ++i) {
-        EXPECT_EQ(back[i].sender, odd[i].sender);
-        EXPECT_EQ(back[i].sequence, odd[i].sequence);
-        EXPECT_EQ(*back[i].text, *odd[i].text);
-    }
+    registerAll(*store, s, {"b", "a b", "", "12"});
+    ClientList clients;
+    store->post(s, "a b", "x 9 y", "", clients);
+    store->post(s, "", "", "", clients);
+    store->post(s, "12", "3 4", "", clients);
+    EXPECT_EQ(takeAll(*store, s, "b"), (Strings{"a b:1:x 9 y", ":2:", "12:3:3 4"}));
 }
 
 TEST_F(RedisStoreTest, IdentifiersThatLookLikeKeysStayApart) {
@@ -213,7 +209,7 @@ TEST_F(RedisStoreTest, IdentifiersThatLookLikeKeysStayApart) {
     }
     ClientList clients;
     for (const std::string& s : servers) {
-        store->post(s, "a", s, clients);
+        store->post(s, "a", s, "", clients);
         EXPECT_EQ(clients, (Strings{"a", s, "b:c", "{b}"}));
     }
     for (const std::string& s : servers) {
@@ -230,8 +226,8 @@ TEST_F(RedisStoreTest, StatsCountEveryServer) {
     registerAll(*store, s + "1", {"a", "b", "c"});
     registerAll(*store, s + "2", {"a", "b"});
     ClientList clients;
-    store->post(s + "1", "a", "12345", clients);  // two recipients
-    store->post(s + "2", "a", "123", clients);
+    store->post(s + "1", "a", "12345", "", clients);  // two recipients
+    store->post(s + "2", "a", "123", "", clients);
     const StoreStats after = store->stats();
     EXPECT_EQ(after.registeredClients - before.registeredClients, 5u);
     EXPECT_EQ(after.waitingEvents - before.waitingEvents, 3u);
@@ -255,7 +251,7 @@ TEST_F(RedisStoreTest, TwoStoresShareOneStateUnderConcurrentPosts) {
             ClientList clients;
             for (int i = 0; i < kPosts; ++i) {
                 try {
-                    store.post(s, "w" + std::to_string(t), std::to_string(i), clients);
+                    store.post(s, "w" + std::to_string(t), std::to_string(i), "", clients);
                     ++accepted;
                 } catch (const Failure& failure) {
                     EXPECT_EQ(failure.kind, FailureKind::Limit) << failure.message;
@@ -270,7 +266,7 @@ TEST_F(RedisStoreTest, TwoStoresShareOneStateUnderConcurrentPosts) {
     EXPECT_EQ(accepted.load(), kThreads * kPosts - 10);
     EXPECT_EQ(refused.load(), 10);
     std::vector<StoredEvent> events;
-    second->take(s, "reader", events);
+    second->read(s, "reader", std::nullopt, events);
     ASSERT_EQ(events.size(), static_cast<std::size_t>(accepted.load()));
     std::map<std::string, int> nextOfSender;
     for (std::size_t i = 0; i < events.size(); ++i) {
@@ -289,19 +285,21 @@ TEST_F(RedisStoreTest, SurvivesRedisRestartsAndFailsClearlyWhileDown) {
     const std::string s = server();
     registerAll(*store, s, {"a", "b"});
     ClientList clients;
-    store->post(s, "a", "before", clients);
+    store->post(s, "a", "before", "", clients);
 
     redis.stop(SIGKILL);  // no chance to write anything more: the file has it already
     redis.start();
-    store->post(s, "a", "after", clients);  // the pooled connection is stale: a new one
+    store->post(s, "a", "after", "", clients);  // the pooled connection is stale: a new one
     EXPECT_EQ(takeAll(*store, s, "b"), (Strings{"a:1:before", "a:2:after"}));
 
     redis.stop();
     std::string message;
     const std::vector<std::function<void()>> operations{
         [&] { store->registerClient(s, "c", clients); },
-        [&] { store->post(s, "a", "lost", clients); },
-        [&] { store->take(s, "b", *std::make_unique<std::vector<StoredEvent>>()); },
+        [&] { store->post(s, "a", "lost", "", clients); },
+        [&] {
+            store->read(s, "b", std::uint64_t(1), *std::make_unique<std::vector<StoredEvent>>());
+        },
         [&] { store->clients(s, clients); },
         [&] { store->stats(); },
         [&] { store->ping(); },
@@ -314,7 +312,7 @@ TEST_F(RedisStoreTest, SurvivesRedisRestartsAndFailsClearlyWhileDown) {
         EXPECT_NE(message.find("refused"), std::string::npos) << message;
     }
     redis.start();
-    store->post(s, "a", "again", clients);
+    store->post(s, "a", "again", "", clients);
     EXPECT_EQ(clients, (Strings{"a", "b"}));
     EXPECT_EQ(takeAll(*store, s, "b"), (Strings{"a:3:again"}));
 }
@@ -330,7 +328,7 @@ TEST_F(RedisStoreTest, LoadsItsScriptsAgainWhenRedisForgotThem) {
                               .c_str()),
               0);
     ClientList clients;
-    store->post(s, "a", "x", clients);
+    store->post(s, "a", "x", "", clients);
     EXPECT_EQ(takeAll(*store, s, "b"), (Strings{"a:1:x"}));
 }
 

@@ -215,44 +215,38 @@ TEST_F(ServiceEngineTest, ConcurrentPostersAndFetchersLoseNothing) {
     }
 }
 
-// An answer its carrier could not deliver goes back to the head of the queue,
-// ahead of what was posted since; a delivered one is simply dropped.
-TEST_F(ServiceEngineTest, RedeliveredAnswerComesBackFirst) {
+// Through exchange() a getEvents moves the cursor only by the ack it carries
+// or the carrier's acknowledge(); handle() acknowledges its own answer; a
+// repeated post id posts once.
+TEST_F(ServiceEngineTest, ExchangeMovesTheCursorOnlyWhenTold) {
     add("S", {"a", "b"});
-    ok("putEvents", "S", "a", "one");
-    ok("putEvents", "S", "a", "two");
     std::string response;
     Failure failure;
-    Delivery delivery;
-    ASSERT_TRUE(engine.handle(req("getEvents", "S", "b"), "", response, failure, &delivery));
-    EXPECT_EQ(response, events({"a|1|one", "a|2|two"}));
-    ASSERT_EQ(delivery.events.size(), 2u);
+    ExchangeResult result;
+    auto exchange = [&](const std::string& operation, const std::string& client,
+                        const ExchangeOptions& options, const std::string& body = "") {
+        EXPECT_TRUE(
+            engine.exchange(req(operation, "S", client), body, options, response, failure, result))
+            << failure.message;
+        return response;
+    };
+    ExchangeOptions once;
+    once.postId = "0123456789abcdef0123456789abcdef";
+    exchange("putEvents", "a", once, "one");
+    EXPECT_EQ(exchange("putEvents", "a", once, "one"), shared({"a", "b"}));  // posted once
+    exchange("putEvents", "a", {}, "two");
+    EXPECT_EQ(exchange("getEvents", "b", {}), events({"a|1|one", "a|2|two"}));
+    EXPECT_EQ(exchange("getEvents", "b", {}), events({"a|1|one", "a|2|two"}));
+    EXPECT_EQ(result.lastSequence, 2u);
+    ASSERT_TRUE(engine.acknowledge("S", "b", 1, failure)) << failure.message;
+    ExchangeOptions acked;
+    acked.ack = 0;  // never backwards
+    EXPECT_EQ(exchange("getEvents", "b", acked), events({"a|2|two"}));
+    acked.ack = 2;
+    EXPECT_EQ(exchange("getEvents", "b", acked), events({}));
+    EXPECT_EQ(result.lastSequence, 0u);
     ok("putEvents", "S", "a", "three");
-    ASSERT_TRUE(engine.redeliver(delivery, failure)) << failure.message;
-    EXPECT_TRUE(delivery.empty());
-    ASSERT_TRUE(engine.handle(req("getEvents", "S", "b"), "", response, failure, &delivery));
-    EXPECT_EQ(response, events({"a|1|one", "a|2|two", "a|3|three"}));
-    delivery = Delivery();  // delivered: nothing to give back
-    EXPECT_EQ(ok("getEvents", "S", "b"), events({}));
-
-    // Other operations, failures and empty answers record nothing.
-    struct Case {
-        const char* operation;
-        const char* client;
-    } cases[] = {
-        {"getEvents", "b"}, {"getEvents", "nobody"}, {"putEvents", "a"}, {"getSharedClients", "a"}};
-    for (const Case& c : cases) {
-        delivery.serverId = "stale";
-        engine.handle(req(c.operation, "S", c.client), "x", response, failure, &delivery);
-        EXPECT_TRUE(delivery.empty()) << c.operation;
-        EXPECT_TRUE(delivery.serverId.empty()) << c.operation;
-    }
-    // A client that left since the answer was taken does not come back with it.
-    ok("putEvents", "S", "a", "four");
-    ASSERT_TRUE(engine.handle(req("getEvents", "S", "b"), "", response, failure, &delivery));
-    ok("unregisterClient", "S", "b");
-    ASSERT_TRUE(engine.redeliver(delivery, failure));
-    ok("registerClient", "S", "b");
+    EXPECT_EQ(ok("getEvents", "S", "b"), events({"a|3|three"}));
     EXPECT_EQ(ok("getEvents", "S", "b"), events({}));
 }
 
