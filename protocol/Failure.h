@@ -25,6 +25,19 @@ struct Failure {
     std::string message;
 };
 
+// How the message of a Limit failure ends when a store call may or may not
+// have taken effect (a time-out, a connection lost after the command went out).
+// The HTTP backend looks for it to keep a post's id for the retry, so a post
+// retried after it is applied once.
+constexpr char kUnknownOutcomeEnding[] =
+    "the outcome is unknown; retrying the same request is safe";
+
+inline bool hasUnknownOutcome(const std::string& message) {
+    const std::size_t length = sizeof kUnknownOutcomeEnding - 1;
+    return message.size() >= length &&
+           message.compare(message.size() - length, length, kUnknownOutcomeEnding) == 0;
+}
+
 // The transport result code the client reads for a failure of this kind.
 constexpr int32_t failureCode(FailureKind kind) {
     return kind == FailureKind::Limit ? AVQVL_LIMIT : AVQVL_REFUSED;

@@ -29,6 +29,17 @@ constexpr char kLocaleField[] = "Locale";
 /// The header field carrying the caller's correlation id for the logs.
 constexpr char kLogCorrelationIdField[] = "Log-Correlation-ID";
 
+/// HTTP header lines between the HTTP backend and the daemon, beside the
+/// exchange's own fields (wire/HttpWire.h says when each travels).
+/// A getEvents request: the highest sequence the caller has read to its end.
+constexpr char kAckHeader[] = "Quorvel-Ack";
+/// A getEvents request with "1": acknowledge only, answer no events.
+constexpr char kAckOnlyHeader[] = "Quorvel-Ack-Only";
+/// A getEvents answer: the highest sequence it carries (absent or 0: none).
+constexpr char kLastSequenceHeader[] = "Quorvel-Last-Sequence";
+/// A putEvents request: the post's own id, the same on every resend of it.
+constexpr char kPostIdHeader[] = "Quorvel-Post-Id";
+
 /// Echoes the body.
 constexpr char kGetStatus[] = "getStatus";
 /// Adds the caller to its server.

@@ -1,7 +1,10 @@
 #include "transport/internal/HttpAnswer.h"
 
 #include <algorithm>
+#include <boost/beast/core/string.hpp>
 #include <limits>
+
+#include "protocol/Names.h"
 
 namespace Arvant {
 namespace Net {
@@ -44,6 +47,13 @@ void HttpAnswer::keep(string_view bytes) {
     receivedBytes += bytes.size();
     const std::size_t room = keepLimit() - std::min(keepLimit(), body.size());
     body.append(bytes.data(), std::min(room, bytes.size()));
+}
+
+void HttpAnswer::on_field_impl(boost::beast::http::field, string_view name, string_view value,
+                               error_code&) {
+    if (boost::beast::iequals(name, Protocol::kLastSequenceHeader)) {
+        lastSequenceText.assign(value.data(), value.size());
+    }
 }
 
 void HttpAnswer::on_body_init_impl(const boost::optional<std::uint64_t>& length, error_code&) {

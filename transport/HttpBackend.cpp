@@ -7,10 +7,15 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <map>
 #include <mutex>
+#include <vector>
 
+#include "protocol/Failure.h"
+#include "protocol/Names.h"
 #include "transport/internal/HttpConnection.h"
 #include "transport/internal/HttpUrl.h"
+#include "transport/internal/IdentityLedger.h"
 #include "wire/HttpWire.h"
 
 namespace Arvant {
@@ -82,6 +87,39 @@ void countFork() {
     ++forkCount;
 }
 
+std::string fieldOf(const HeaderFields& fields, const char* name) {
+    const auto found = fields.find(name);
+    return found == fields.end() ? std::string() : found->second;
+}
+
+// The exchanges whose carrying the backend adds to: fetches it acknowledges,
+// posts it makes idempotent.
+enum class Kind { other, fetch, post };
+
+Kind kindOf(const HeaderFields& fields) {
+    if (fieldOf(fields, Protocol::kServiceNameField) != Protocol::kServiceName) {
+        return Kind::other;
+    }
+    const std::string operation = fieldOf(fields, Protocol::kOperationNameField);
+    return operation == Protocol::kGetEvents   ? Kind::fetch
+           : operation == Protocol::kPutEvents ? Kind::post
+                                               : Kind::other;
+}
+
+std::string headerLine(const char* name, const std::string& value) {
+    return std::string(name) + ": " + value + "\r\n";
+}
+
+// Whether a post that failed so may have been applied all the same: the
+// service said so, or the request went out and its answer never came whole.
+bool outcomeUnknown(const HttpOutcome& outcome, const std::string& message) {
+    if (outcome.fault == HttpFault::timedOut || outcome.fault == HttpFault::lost) {
+        return true;
+    }
+    return outcome.fault == HttpFault::none && outcome.status == Wire::kLimitStatus &&
+           Protocol::hasUnknownOutcome(message);
+}
+
 class HttpBackend : public Backend {
 public:
     explicit HttpBackend(const HttpSettings& settings)
@@ -111,8 +149,22 @@ public:
         if (!problem.empty()) {
             return fail(failure, AVQVL_UNREACHABLE, problem);
         }
+        const Kind kind = kindOf(headers);
+        const Identity identity{settings.url, fieldOf(headers, Protocol::kServerIdField),
+                                fieldOf(headers, Protocol::kClientIdField)};
+        IdentityLedger& ledger = IdentityLedger::instance();
+        std::string lines;
+        std::uint64_t ackSent = 0;
+        std::string postId;
+        if (kind == Kind::fetch) {
+            ackSent = ledger.ackToSend(identity);
+            lines = headerLine(Protocol::kAckHeader, std::to_string(ackSent));
+        } else if (kind == Kind::post) {
+            postId = ledger.postIdFor(identity, body);
+            lines = headerLine(Protocol::kPostIdHeader, postId);
+        }
         HttpConnection& connection = threadConnection();
-        if (!composeHead(headers, body.size(), connection.requestHead(), failure)) {
+        if (!composeHead(headers, lines, body.size(), connection.requestHead(), failure)) {
             return false;
         }
         const auto exchangeBy =
@@ -134,11 +186,20 @@ public:
             outcome =
                 connection.exchange(body, response, exchangeBy, connectTimeout, kMaxResponseBytes);
         }
+        if (kind == Kind::post) {
+            ledger.posted(identity, body, postId, outcomeUnknown(outcome, response));
+        }
         if (outcome.fault != HttpFault::none) {
             response.clear();
             return failWith(outcome, failure);
         }
         if (outcome.status == 200) {
+            if (kind == Kind::fetch) {
+                // An answer without a readable sequence holds no event to acknowledge.
+                std::uint64_t lastSequence = 0;
+                Wire::parseSequence(outcome.lastSequence, lastSequence);
+                ledger.fetched(identity, ackSent, lastSequence);
+            }
             return true;
         }
         std::string message = trimmed(response);
@@ -147,6 +208,34 @@ public:
         }
         response.clear();
         return failWithStatus(outcome.status, message, failure);
+    }
+
+    // Tells the daemon that identity has read up to upTo, on a connection of
+    // its own (the thread's may be gone: this runs while the process ends), by
+    // exchangeBy at the latest. Failures are dropped: the events come again.
+    void acknowledgeOnly(const Identity& identity, std::uint64_t upTo,
+                         DeadlineClock::time_point exchangeBy) {
+        if (!problem.empty()) {
+            return;
+        }
+        const HeaderFields fields = {{Protocol::kClientIdField, identity.clientId},
+                                     {Protocol::kOperationNameField, Protocol::kGetEvents},
+                                     {Protocol::kServerIdField, identity.serverId},
+                                     {Protocol::kServiceNameField, Protocol::kServiceName}};
+        HttpConnection connection(url, tls.get());
+        BackendFailure failure;
+        const std::string lines = headerLine(Protocol::kAckHeader, std::to_string(upTo)) +
+                                  headerLine(Protocol::kAckOnlyHeader, "1");
+        if (!composeHead(fields, lines, 0, connection.requestHead(), failure)) {
+            return;
+        }
+        std::string answer;
+        const HttpOutcome outcome =
+            connection.exchange("", answer, exchangeBy,
+                                std::chrono::milliseconds(settings.connectTimeoutMs), 64 * 1024);
+        if (outcome.fault == HttpFault::none && outcome.status == 200) {
+            IdentityLedger::instance().acknowledged(identity, upTo);
+        }
     }
 
 private:
@@ -162,8 +251,9 @@ private:
         return *connection;
     }
 
-    bool composeHead(const HeaderFields& headers, std::size_t bodyBytes, std::string& head,
-                     BackendFailure& failure) const {
+    // lines: whole header lines of the backend's own, CR LF each.
+    bool composeHead(const HeaderFields& headers, const std::string& lines, std::size_t bodyBytes,
+                     std::string& head, BackendFailure& failure) const {
         head.clear();
         head.append("POST ").append(url.target).append(" HTTP/1.1\r\nHost: ");
         head.append(url.hostHeader).append("\r\n");
@@ -185,6 +275,7 @@ private:
             }
             head.append("\r\n");
         }
+        head.append(lines);
         head.append("Content-Type: application/octet-stream\r\nContent-Length: ");
         head.append(std::to_string(bodyBytes)).append("\r\n\r\n");
         return true;
@@ -258,6 +349,46 @@ private:
     const std::uint64_t id;
 };
 
+// What this process has read and not had acknowledged goes to the daemon as
+// the process ends normally (a static's destructor runs at exit(), and at the
+// library's unloading), so the next process of the same identity does not see
+// it again. Every acknowledgement must be done within the exchange time-out of
+// the exit's start: the exit waits that long at most. A process killed, or a
+// forked child ending with _exit(), sends nothing: the events come again.
+class ExitAcknowledgement {
+public:
+    static void watch(const HttpSettings& settings) {
+        static ExitAcknowledgement one;
+        std::lock_guard<std::mutex> lock(one.mutex);
+        one.settingsByUrl.emplace(settings.url, settings);
+    }
+
+    ~ExitAcknowledgement() {
+        try {
+            std::vector<OpenAck> open;
+            IdentityLedger::instance().takeOpen(open);
+            const auto start = DeadlineClock::now();
+            for (const OpenAck& ack : open) {
+                const auto found = settingsByUrl.find(ack.identity.url);
+                if (found != settingsByUrl.end()) {
+                    HttpBackend backend(found->second);
+                    backend.acknowledgeOnly(
+                        ack.identity, ack.upTo,
+                        start + std::chrono::milliseconds(found->second.timeoutMs));
+                }
+            }
+        } catch (...) {
+            // Out of memory while the process ends: the events come again.
+        }
+    }
+
+private:
+    ExitAcknowledgement() = default;
+
+    std::mutex mutex;  // guards settingsByUrl
+    std::map<std::string, HttpSettings> settingsByUrl;
+};
+
 }  // namespace
 
 bool httpSettingsFromEnvironment(HttpSettings& settings) {
@@ -275,6 +406,7 @@ bool httpSettingsFromEnvironment(HttpSettings& settings) {
 }
 
 std::unique_ptr<Backend> makeHttpBackend(const HttpSettings& settings) {
+    ExitAcknowledgement::watch(settings);
     return std::unique_ptr<Backend>(new HttpBackend(settings));
 }
 

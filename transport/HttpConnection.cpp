@@ -202,6 +202,7 @@ HttpOutcome HttpConnection::transfer(Stream& stream, const std::string& body,
     outcome.answerStarted = true;
     outcome.status = answer.status();
     outcome.bodyBytes = answer.bodyBytes();
+    outcome.lastSequence = answer.lastSequence();
     return outcome;
 }
 

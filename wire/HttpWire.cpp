@@ -33,6 +33,37 @@ int sextet(char c) {
 
 }  // namespace
 
+bool parseSequence(const std::string& text, std::uint64_t& value) {
+    if (text.empty() || text.size() > 20) {
+        return false;
+    }
+    std::uint64_t number = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9') {
+            return false;
+        }
+        const std::uint64_t digit = static_cast<std::uint64_t>(c - '0');
+        if (number > (UINT64_MAX - digit) / 10) {
+            return false;
+        }
+        number = number * 10 + digit;
+    }
+    value = number;
+    return true;
+}
+
+bool isPostId(const std::string& text) {
+    if (text.size() != kPostIdDigits) {
+        return false;
+    }
+    for (const char c : text) {
+        if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) {
+            return false;
+        }
+    }
+    return true;
+}
+
 std::string base64UrlEncode(const std::string& bytes) {
     std::string text;
     text.reserve((bytes.size() + 2) / 3 * 4);

@@ -23,6 +23,22 @@
 //                                                     ("status N: message")
 // The daemon answers a refusal of the service with 422 and a limit with 507.
 //
+// Beside the fields, the backend and the daemon make fetches acknowledged and
+// posts idempotent with a few header lines (their names in protocol/Names.h):
+//   Quorvel-Ack: N            on getEvents: the highest sequence of the last answer
+//                             this identity read to its end (0: none yet). With it
+//                             the answer moves nothing: what it holds comes again
+//                             until a later request acknowledges it. Without it (an
+//                             older client, a raw call) the daemon acknowledges an
+//                             answer once it has written it whole.
+//   Quorvel-Ack-Only: 1       with Quorvel-Ack: acknowledges, answers no events.
+//   Quorvel-Last-Sequence: N  on a getEvents answer: its highest sequence (absent
+//                             or 0: no event), so the backend never parses events.
+//   Quorvel-Post-Id: HEX      on putEvents: 32 lowercase hex digits, random, the
+//                             same whenever that post is sent again; the service
+//                             posts it once.
+// A value not of its form is refused with 400.
+//
 // Name and value travel in base64url without padding (RFC 4648, alphabet A-Z a-z
 // 0-9 "-" "_"), so spaces, "=", non-ASCII UTF-8 and every other byte arrive
 // unchanged. (Percent-encoding would not do: the server library decodes "%XX"
@@ -61,6 +77,14 @@ std::string encodeField(const std::string& name, const std::string& value);
 // False with problem set when the line is not of that form.
 bool decodeField(const std::string& line, std::string& name, std::string& value,
                  std::string& problem);
+
+constexpr std::size_t kPostIdDigits = 32;
+
+// A sequence as it travels: decimal digits only, no sign, no spaces, and no
+// more than fit 64 bits. False for anything else.
+bool parseSequence(const std::string& text, std::uint64_t& value);
+// kPostIdDigits lowercase hex digits.
+bool isPostId(const std::string& text);
 
 // Statuses with a meaning of their own in the exchange.
 constexpr int kMalformedStatus = 400;

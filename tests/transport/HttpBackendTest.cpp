@@ -18,11 +18,14 @@
 #include <boost/beast/http/string_body.hpp>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <set>
 #include <thread>
 
 #include "daemon/DaemonHarness.h"
+#include "protocol/Failure.h"
+#include "protocol/Names.h"
 #include "transport/internal/DeadlineSocket.h"
 #include "transport/internal/HttpBackend.h"
 #include "transport/internal/HttpUrl.h"
@@ -175,11 +178,13 @@ struct Outcome {
     std::string text;  // the response, or the failure's message
 };
 
-Outcome exchange(Transport::Backend& backend, const std::string& body = "AvQVL Status check") {
+const Transport::HeaderFields kStatusFields = {{"Service-Name", "AvQVLRequest"},
+                                               {"Operation-Name", "getStatus"}};
+
+Outcome exchange(Transport::Backend& backend, const std::string& body = "AvQVL Status check",
+                 const Transport::HeaderFields& fields = kStatusFields) {
     std::string response;
     Transport::BackendFailure failure;
-    const Transport::HeaderFields fields = {{"Service-Name", "AvQVLRequest"},
-                                            {"Operation-Name", "getStatus"}};
     const bool ok = backend.exchange(fields, body, response, failure);
     return {ok, ok ? 0 : failure.code, ok ? response : failure.message};
 }
@@ -510,4 +515,118 @@ TEST(HttpBackendTest, TlsVerifiesTheCertificateAndTheName) {
         std::remove(made->key.c_str());
     }
     ::rmdir(directory);
+}
+
+// What a fetch or a post carries besides its fields, as the fake daemon answers
+// each request in turn: 'o' 200, a digit 200 with that last sequence, 'd' a
+// close without answer, 'c' an answer cut short, 'u' a limit whose outcome is
+// unknown, 'r' a refusal. expected: per request, the acknowledgement sent, or
+// the post id as a letter (the same letter: the same id).
+TEST(HttpBackendTest, FetchesCarryTheirAckAndRetriedPostsTheirId) {
+    namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
+    const struct {
+        const char* name;
+        const char* operation;
+        const char* bodies;  // one call per character, the body that character
+        const char* replies;
+        const char* expected;
+    } rows[] = {
+        {"resent after an idle close", "putEvents", "AB", "odo", "abb"},
+        {"retried after an unknown outcome", "putEvents", "AA", "uo", "aa"},
+        {"retried after a lost answer", "putEvents", "AA", "do", "aa"},
+        {"another body after an unknown outcome", "putEvents", "AB", "uo", "ab"},
+        {"the same body after a success", "putEvents", "AA", "oo", "ab"},
+        {"the same body after a refusal", "putEvents", "AA", "ro", "ab"},
+        {"the last whole answer", "getEvents", "....", "7o9o", "0779"},
+        {"a cut answer", "getEvents", "...", "7co", "077"},
+        {"a lost answer", "getEvents", "..", "do", "00"},
+    };
+    for (const auto& row : rows) {
+        const std::string replies = row.replies;
+        std::mutex mutex;
+        std::vector<std::string> seen;  // guarded by mutex
+        FakeServer server([&](Peer& peer) {
+            Request request;
+            while (peer.read(request)) {
+                const std::size_t n = server.requests++;
+                {
+                    std::lock_guard<std::mutex> lock(mutex);
+                    seen.emplace_back(request[row.operation[0] == 'p' ? Protocol::kPostIdHeader
+                                                                      : Protocol::kAckHeader]);
+                }
+                const char reply = n < replies.size() ? replies[n] : 'o';
+                const std::string sequence =
+                    reply >= '0' && reply <= '9' ? std::string(1, reply) : "0";
+                if (reply == 'd') {
+                    return;
+                } else if (reply == 'c') {
+                    peer.send(
+                        "HTTP/1.1 200 OK\r\nQuorvel-Last-Sequence: 8\r\n"
+                        "Content-Length: 9\r\n\r\nabc");
+                    return;
+                } else if (reply == 'u' || reply == 'r') {
+                    peer.send(answer(std::string("the store went quiet; ") +
+                                         (reply == 'u' ? Protocol::kUnknownOutcomeEnding : "no"),
+                                     reply == 'u' ? Wire::kLimitStatus : Wire::kRefusedStatus));
+                } else {
+                    peer.send("HTTP/1.1 200 OK\r\nQuorvel-Last-Sequence: " + sequence +
+                              "\r\nContent-Length: 0\r\n\r\n");
+                }
+            }
+        });
+        auto backend = backendFor(server.url());
+        const Transport::HeaderFields fields = {{"Client-ID", row.name},
+                                                {"Operation-Name", row.operation},
+                                                {"Server-ID", "S"},
+                                                {"Service-Name", "AvQVLRequest"}};
+        for (const char* body = row.bodies; *body != '\0'; ++body) {
+            ::exchange(*backend, std::string(1, *body), fields);
+        }
+        std::string got;
+        std::map<std::string, char> letters;
+        for (const std::string& value : seen) {
+            const bool post = row.operation[0] == 'p';
+            EXPECT_TRUE(!post || Wire::isPostId(value)) << row.name << ": " << value;
+            got += post ? letters.emplace(value, 'a' + letters.size()).first->second : value[0];
+        }
+        EXPECT_EQ(got, row.expected) << row.name;
+    }
+}
+
+// What a process read and never acknowledged goes to the daemon when it exits,
+// and only what that process read: a forked child leaves its parent's alone.
+TEST(HttpBackendTest, ExitAcknowledgesWhatThisProcessRead) {
+    namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
+    std::mutex mutex;
+    std::vector<std::string> ackOnly;  // "client=ack", guarded by mutex
+    FakeServer server([&](Peer& peer) {
+        Request request;
+        while (peer.read(request)) {
+            if (request[Protocol::kAckOnlyHeader] == "1") {
+                std::string name, client, problem;
+                Wire::decodeField(std::string(request[Wire::kFieldHeaderName]), name, client,
+                                  problem);  // the first field line: the Client-ID
+                std::lock_guard<std::mutex> lock(mutex);
+                ackOnly.push_back(client + "=" + std::string(request[Protocol::kAckHeader]));
+            }
+            peer.send("HTTP/1.1 200 OK\r\nQuorvel-Last-Sequence: 5\r\nContent-Length: 0\r\n\r\n");
+        }
+    });
+    auto backend = backendFor(server.url());
+    const auto fetch = [&backend](const char* client) {
+        return ::exchange(*backend, "",
+                          {{"Client-ID", client},
+                           {"Operation-Name", "getEvents"},
+                           {"Server-ID", "S"},
+                           {"Service-Name", "AvQVLRequest"}});
+    };
+    EXPECT_TRUE(fetch("parent").ok);
+    Harness::Child child([&fetch] {
+        fetch("child");
+        std::exit(0);  // the exit of a process that ends normally, static destructors and all
+        return 0;
+    });
+    EXPECT_EQ(child.wait(10000), 0) << child.err();
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(ackOnly, std::vector<std::string>{"child=5"});
 }

@@ -1,8 +1,8 @@
 // Reads one answer of the daemon with Beast's HTTP parser: the status, whether
 // the connection may serve another exchange, and the body, appended straight
-// to the caller's string (no copy of the head fields is kept: the backend needs
-// none of them). The body of an error answer (any status but 200) is a message
-// for a person: only its first kMaxKeptErrorBytes are kept, cut where a UTF-8
+// to the caller's string (of the head fields only the last sequence of a
+// getEvents answer is kept: the backend needs no other). The body of an error answer (any status
+// but 200) is a message for a person: only its first kMaxKeptErrorBytes are kept, cut where a UTF-8
 // character ends; the rest is read and dropped, so the answer is still read
 // whole and the connection may serve again. One parser per answer; it does not
 // throw (failures come back through Beast's error_code), and it belongs to one
@@ -30,6 +30,8 @@ public:
     // The body's length as it came: more than the body kept when an error
     // body was cut.
     std::uint64_t bodyBytes() const { return receivedBytes; }
+    // The Quorvel-Last-Sequence line's value as it came; empty when absent.
+    const std::string& lastSequence() const { return lastSequenceText; }
 
 private:
     using string_view = boost::beast::string_view;
@@ -38,7 +40,8 @@ private:
     void on_request_impl(boost::beast::http::verb, string_view, string_view, int,
                          error_code&) override {}
     void on_response_impl(int code, string_view, int, error_code&) override { statusCode = code; }
-    void on_field_impl(boost::beast::http::field, string_view, string_view, error_code&) override {}
+    void on_field_impl(boost::beast::http::field, string_view name, string_view value,
+                       error_code&) override;
     void on_header_impl(error_code&) override {}
     void on_body_init_impl(const boost::optional<std::uint64_t>& length, error_code&) override;
     std::size_t on_body_impl(string_view bytes, error_code&) override;
@@ -52,6 +55,7 @@ private:
     std::string& body;
     int statusCode = 0;
     std::uint64_t receivedBytes = 0;
+    std::string lastSequenceText;
 };
 
 }  // namespace Transport

@@ -3,6 +3,11 @@
 // system's authorities (SSL_CERT_FILE and SSL_CERT_DIR override them) and its
 // name against the URL's host. The protocol is in HttpWire.h.
 //
+// A getEvents carries the acknowledgement of the last answer its identity read
+// to its end, and a putEvents its own post id (HttpWire.h; IdentityLedger.h
+// keeps both). What is read and still unacknowledged when the process ends
+// normally is acknowledged then, within the exchange time-out.
+//
 // Each calling thread has its own kept-alive connection (HttpConnection.h), so
 // threads never wait for each other. Thread-safe; nothing throws but
 // std::bad_alloc.

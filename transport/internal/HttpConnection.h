@@ -46,6 +46,7 @@ struct HttpOutcome {
     int status = 0;               // with HttpFault::none
     std::uint64_t bodyBytes = 0;  // the body as it came (more than kept when an error was cut)
     std::string detail;           // the system's or library's words for a fault
+    std::string lastSequence;     // the answer's Quorvel-Last-Sequence, as it came
 };
 
 class HttpConnection {

@@ -1,0 +1,113 @@
+#include "transport/internal/IdentityLedger.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <random>
+
+#include "wire/HttpWire.h"
+
+namespace Arvant {
+namespace Net {
+namespace AvQuorvel {
+namespace Transport {
+
+namespace {
+
+// 128 random bits from the system's source, so two processes (or two hosts)
+// never draw the same id; no generator state to share or to reseed after a fork.
+std::string randomPostId() {
+    static const char digits[] = "0123456789abcdef";
+    std::random_device source;
+    std::string id;
+    id.reserve(Wire::kPostIdDigits);
+    while (id.size() < Wire::kPostIdDigits) {
+        const unsigned bits = source();
+        for (int shift = 0; shift < 32 && id.size() < Wire::kPostIdDigits; shift += 4) {
+            id.push_back(digits[(bits >> shift) & 0xF]);
+        }
+    }
+    return id;
+}
+
+}  // namespace
+
+IdentityLedger& IdentityLedger::instance() {
+    static IdentityLedger* const ledger = new IdentityLedger();
+    return *ledger;
+}
+
+// A fork while another thread holds the mutex would leave the child's copy
+// locked for ever: the fork waits for the mutex and both sides release it.
+IdentityLedger::IdentityLedger() {
+    pthread_atfork([] { instance().mutex.lock(); }, [] { instance().mutex.unlock(); },
+                   [] { instance().mutex.unlock(); });
+}
+
+std::uint64_t IdentityLedger::ackToSend(const Identity& identity) {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto found = entries.find(identity);
+    return found == entries.end() ? 0 : found->second.read;
+}
+
+void IdentityLedger::fetched(const Identity& identity, std::uint64_t sent,
+                             std::uint64_t lastSequence) {
+    std::lock_guard<std::mutex> lock(mutex);
+    Entry& entry = entries[identity];
+    entry.confirmed = std::max(entry.confirmed, sent);
+    if (lastSequence > entry.read) {
+        entry.read = lastSequence;
+        entry.reader = static_cast<long>(::getpid());
+    }
+}
+
+void IdentityLedger::acknowledged(const Identity& identity, std::uint64_t upTo) {
+    std::lock_guard<std::mutex> lock(mutex);
+    Entry& entry = entries[identity];
+    entry.confirmed = std::max(entry.confirmed, upTo);
+}
+
+void IdentityLedger::takeOpen(std::vector<OpenAck>& open) {
+    std::lock_guard<std::mutex> lock(mutex);
+    const long self = static_cast<long>(::getpid());
+    for (const auto& item : entries) {
+        if (item.second.read > item.second.confirmed && item.second.reader == self) {
+            open.push_back({item.first, item.second.read});
+        }
+    }
+}
+
+std::string IdentityLedger::postIdFor(const Identity& identity, const std::string& body) {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        const auto found = entries.find(identity);
+        if (found != entries.end() && !found->second.postId.empty() &&
+            found->second.postBody == body) {
+            return found->second.postId;
+        }
+    }
+    return randomPostId();
+}
+
+void IdentityLedger::posted(const Identity& identity, const std::string& body,
+                            const std::string& postId, bool outcomeUnknown) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!outcomeUnknown) {
+        // Only the next post may be the retry: whatever it was, the id is done.
+        const auto found = entries.find(identity);
+        if (found != entries.end()) {
+            found->second.postId.clear();
+            found->second.postBody.clear();
+        }
+        return;
+    }
+    Entry& entry = entries[identity];
+    entry.postId = postId;
+    entry.postBody = body;
+}
+
+}  // namespace Transport
+}  // namespace AvQuorvel
+}  // namespace Net
+}  // namespace Arvant
