@@ -15,12 +15,14 @@
 #include "client/Exception.h"
 #include "daemon/CrashLoad.h"
 #include "daemon/DaemonProcess.h"
+#include "protocol/Names.h"
 
 using namespace Harness;
 using Arvant::Net::AvQuorvel::Client::AvQVLConnection;
 using Arvant::Net::AvQuorvel::Client::AvQVLRuntimeException;
 using Arvant::Net::AvQuorvel::Client::Exception;
 using Clock = std::chrono::steady_clock;
+namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
 using std::chrono::milliseconds;
 
 namespace {
@@ -166,7 +168,7 @@ int stalledReader(int port) {
     RawConnection connection(port);
     connection.send(exchangeText(
         {"Service-Name=AvQVLRequest", "Operation-Name=getEvents", "Server-ID=S", "Client-ID=b"}, "",
-        "Quorvel-Ack: 0\r\n"));
+        std::string(Protocol::kAckHeader) + ": 0\r\n"));
     const std::size_t kBuffered = 64 * 1024;
     for (int i = 0; i < 400; ++i) {
         const std::string seen = connection.peek(kBuffered, 5000);
