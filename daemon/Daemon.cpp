@@ -94,6 +94,43 @@ std::string fieldOf(const RequestHeaders& fields, const char* name) {
     return found == fields.end() ? std::string() : found->second;
 }
 
+// The header lines the HTTP backend adds to an exchange (HttpWire.h): the
+// acknowledgement of a getEvents, the post id of a putEvents. False with
+// problem set when a value is not of its form, or an acknowledge-only request
+// is not a getEvents with an acknowledgement.
+bool readCarriage(const HttpRequest& request, const RequestHeaders& fields,
+                  Engine::ExchangeOptions& carriage, bool& ackOnly, std::string& problem) {
+    const auto ack = request.find(Protocol::kAckHeader);
+    if (ack != request.end()) {
+        std::uint64_t upTo = 0;
+        if (!Wire::parseSequence(std::string(ack->value()), upTo)) {
+            problem = std::string(Protocol::kAckHeader) + " takes a sequence number, not \"" +
+                      std::string(ack->value()) + "\".";
+            return false;
+        }
+        carriage.ack = upTo;
+    }
+    const auto only = request.find(Protocol::kAckOnlyHeader);
+    ackOnly = only != request.end();
+    if (ackOnly && (only->value() != "1" || !carriage.ack ||
+                    fieldOf(fields, Protocol::kOperationNameField) != Protocol::kGetEvents)) {
+        problem = std::string(Protocol::kAckOnlyHeader) + ": 1 goes with " + Protocol::kAckHeader +
+                  " on a getEvents only.";
+        return false;
+    }
+    const auto postId = request.find(Protocol::kPostIdHeader);
+    if (postId != request.end()) {
+        carriage.postId = std::string(postId->value());
+        if (!Wire::isPostId(carriage.postId)) {
+            problem = std::string(Protocol::kPostIdHeader) + " takes " +
+                      std::to_string(Wire::kPostIdDigits) + " lowercase hex digits, not \"" +
+                      carriage.postId + "\".";
+            return false;
+        }
+    }
+    return true;
+}
+
 ServerOptions serverOptions(const DaemonOptions& options, Log& log) {
     ServerOptions server;
     server.limits.readTimeoutMs = options.readTimeoutMs;
@@ -289,8 +326,11 @@ void Daemon::Impl::scrape(HttpReply& reply) {
 
 void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     RequestHeaders fields;
+    Engine::ExchangeOptions carriage;
+    bool ackOnly = false;
     std::string problem;
-    if (!readFields(request, fields, problem)) {
+    if (!readFields(request, fields, problem) ||
+        !readCarriage(request, fields, carriage, ackOnly, problem)) {
         reply.close = true;
         answer(reply, Wire::kMalformedStatus, problem);
         return;
@@ -298,37 +338,46 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     std::string response;
     Failure failure;
     Engine::ExchangeResult result;
-    if (!engine.exchange(fields, request.body(), Engine::ExchangeOptions(), response, failure,
-                         result)) {
+    const bool done =
+        ackOnly ? engine.acknowledge(fields[Protocol::kServerIdField],
+                                     fields[Protocol::kClientIdField], *carriage.ack, failure)
+                : engine.exchange(fields, request.body(), carriage, response, failure, result);
+    if (!done) {
         answer(reply, Wire::statusForFailure(Protocol::failureCode(failure.kind)), failure.message);
         return;
     }
     reply.status = 200;
     reply.contentType = "application/octet-stream";
     reply.body = std::move(response);
-    if (result.lastSequence != 0) {
-        // A getEvents answer moves the client's cursor once written whole; one
-        // the connection could not carry leaves its events to come again. An
-        // answer written whole but lost after that (the client dies before
-        // reading it) is not seen here: that loss stays at most once.
-        // Acknowledging is store work: on the pool, past its bound.
-        reply.onComplete = [this, serverId = fields[Protocol::kServerIdField],
-                            clientId = fields[Protocol::kClientIdField],
-                            upTo = result.lastSequence](bool delivered) {
-            if (!delivered) {
-                return;
-            }
-            pool.submit([this, serverId, clientId, upTo] {
-                Failure failed;
-                if (!engine.acknowledge(serverId, clientId, upTo, failed)) {
-                    log.message(LogLevel::Error,
-                                "a delivered answer could not be acknowledged; "
-                                "its events come again: " +
-                                    failed.message);
-                }
-            });
-        };
+    if (result.lastSequence == 0) {
+        return;
     }
+    reply.headers.emplace_back(Protocol::kLastSequenceHeader, std::to_string(result.lastSequence));
+    if (carriage.ack) {
+        return;  // the client acknowledges what it read with its next request
+    }
+    // Without an ack (an older client, a raw call), a getEvents answer moves
+    // the client's cursor once written whole; one the connection could not
+    // carry leaves its events to come again. An answer written whole but lost
+    // after that (the client dies before reading it) is not seen here: that
+    // loss stays at most once. Acknowledging is store work: on the pool, past
+    // its bound.
+    reply.onComplete = [this, serverId = fields[Protocol::kServerIdField],
+                        clientId = fields[Protocol::kClientIdField],
+                        upTo = result.lastSequence](bool delivered) {
+        if (!delivered) {
+            return;
+        }
+        pool.submit([this, serverId, clientId, upTo] {
+            Failure failed;
+            if (!engine.acknowledge(serverId, clientId, upTo, failed)) {
+                log.message(LogLevel::Error,
+                            "a delivered answer could not be acknowledged; "
+                            "its events come again: " +
+                                failed.message);
+            }
+        });
+    };
 }
 
 // Idle clients go on the pool, like any store work; one sweep at a time, so a

@@ -20,6 +20,8 @@
 #include "wire/HttpWire.h"
 
 using namespace Harness;
+using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
@@ -129,7 +131,8 @@ TEST(DaemonTest, OperatorsGetAdminAccessExpiryBoundsAndSafeFiles) {
 }
 
 TEST(DaemonTest, ClientProcessesShareTheDaemon) {
-    Daemon daemon;
+    // One store thread: a fetch's acknowledgement runs before the next exchange.
+    Daemon daemon({"--store-threads=1"});
     // Identifiers with spaces, "=" and non-ASCII UTF-8, and any text, travel unchanged.
     const std::string s = "road server=1 \xC3\xA9", alice = "alice \xE2\x98\x83";
     const std::string text = "a = b \xC3\xA9\n\t" + std::string(100000, 'x');  // many pieces
@@ -147,15 +150,24 @@ TEST(DaemonTest, ClientProcessesShareTheDaemon) {
         {as("bob", {"get", "--json"}), "[{\"sender\":\"" + alice +
                                            "\",\"sequence\":\"1\",\"text\":\"a = b \xC3\xA9\\n\\t" +
                                            text.substr(10) + "\"}]"},
-        {as("bob", {"get"}), "events (0): none"},  // fetched once
+        {as("bob", {"get"}), "events (0): none"},  // fetched once: acknowledged at exit
         {as("bob", {"unregister"}), "shared clients (1): " + alice + "\n"},
         {as(alice, {"clients"}), "shared clients (1): " + alice + "\n"},
+        {{"register", s, "carol"}, "shared clients (2)"},
+        {as(alice, {"put", "for a raw fetch"}), "posted"},
     };
     for (const auto& row : road) {
         const Result result = quorvel(row.args, {daemon.url()}, row.input);
         EXPECT_EQ(result.code, 0) << row.args[0] << ": " << result.err;
         EXPECT_NE(result.out.find(row.expected), std::string::npos) << result.out.substr(0, 999);
     }
+    // A fetch without an acknowledgement (a raw call, an older client) is
+    // acknowledged once its answer is written whole: the next one is empty.
+    const std::string fetch = exchangeText({"Service-Name=AvQVLRequest", "Operation-Name=getEvents",
+                                            "Server-ID=" + s, "Client-ID=carol"});
+    EXPECT_THAT(exchangeRaw(daemon.port, fetch),
+                ::testing::ContainsRegex("Quorvel-Last-Sequence: 2\r\n(.|\n)*for a raw fetch"));
+    EXPECT_THAT(exchangeRaw(daemon.port, fetch), Not(HasSubstr("for a raw fetch")));
     EXPECT_EQ(daemon.stop(), 0);
 }
 
@@ -213,6 +225,9 @@ TEST(DaemonTest, BadAndSlowRequestsAreRefusedWhileOthersAreServed) {
         {"POST /other HTTP/1.1\r\nHost: t\r\nContent-Length: 0\r\n\r\n", "404"},
         {kStatus + "\r\nabc", "411"},
         {kStatus + "Quorvel-Field: QQ=Q\r\nContent-Length: 0\r\n\r\n", "400"},
+        {kStatus + "Quorvel-Ack: -1\r\nContent-Length: 0\r\n\r\n", "400"},
+        {kStatus + "Quorvel-Ack: 1\r\nQuorvel-Ack-Only: 1\r\nContent-Length: 0\r\n\r\n", "400"},
+        {kStatus + "Quorvel-Post-Id: 0123\r\nContent-Length: 0\r\n\r\n", "400"},
         {kStatus + "Content-Length: 99999999999999999999999\r\n\r\n", "413"},
         // Read as 0, "x2" would leave "ok" to be taken for the next request.
         {kStatus + "Content-Length: x2\r\n\r\nok", "400"},

@@ -26,6 +26,7 @@
 #include "daemon/DaemonHarness.h"
 #include "protocol/Failure.h"
 #include "protocol/Names.h"
+#include "support/DroppingProxy.h"
 #include "transport/internal/DeadlineSocket.h"
 #include "transport/internal/HttpBackend.h"
 #include "transport/internal/HttpUrl.h"
@@ -629,4 +630,70 @@ TEST(HttpBackendTest, ExitAcknowledgesWhatThisProcessRead) {
     EXPECT_EQ(child.wait(10000), 0) << child.err();
     std::lock_guard<std::mutex> lock(mutex);
     EXPECT_EQ(ackOnly, std::vector<std::string>{"child=5"});
+}
+
+// A daemon that did the work and whose answer never came: a post sent again,
+// by the backend on a kept-alive connection or by the caller after the
+// failure, is posted once; a fetch's events come in the next fetch, once.
+TEST(HttpBackendTest, AnswersLostOnTheWayLoseAndRepeatNothing) {
+    std::unique_ptr<Harness::Child> daemon;
+    const int port = startDaemon(daemon, 0);
+    ASSERT_NE(port, 0) << daemon->err();
+    DroppingProxy proxy(port);
+    const std::string url = "http://127.0.0.1:" + std::to_string(proxy.port());
+    const struct {
+        const char* name;
+        const char* dropped;  // the operation whose answer the proxy drops
+        bool keptAlive;       // on a connection that served before (else a new one)
+    } rows[] = {
+        {"post resent by the backend", "putEvents", true},
+        {"post retried by the caller", "putEvents", false},
+        {"fetch sent again by the backend", "getEvents", true},
+        {"fetch retried by the caller", "getEvents", false},
+    };
+    for (const auto& row : rows) {
+        const auto as = [&row](const char* client, const char* operation) {
+            return Transport::HeaderFields{{"Client-ID", client},
+                                           {"Operation-Name", operation},
+                                           {"Server-ID", row.name},
+                                           {"Service-Name", "AvQVLRequest"}};
+        };
+        auto backend = backendFor(url, 30000);
+        for (const char* client : {"alice", "bob"}) {
+            ASSERT_TRUE(::exchange(*backend, "", as(client, "registerClient")).ok) << row.name;
+        }
+        const std::string text = std::string("event of ") + row.name;
+        // Sends once, and again when the first failed; a new backend has no
+        // connection of its own yet.
+        const auto send = [&](const char* client, const char* operation, const std::string& body) {
+            const bool dropped = row.dropped == std::string(operation);
+            if (dropped) {
+                proxy.dropNextAnswer();
+                if (!row.keptAlive) {
+                    backend = backendFor(url, 30000);
+                }
+            }
+            Outcome outcome = ::exchange(*backend, body, as(client, operation));
+            EXPECT_EQ(outcome.ok, !dropped || row.keptAlive) << row.name << ": " << outcome.text;
+            if (!outcome.ok) {
+                outcome = ::exchange(*backend, body, as(client, operation));
+            }
+            EXPECT_TRUE(outcome.ok) << row.name << ": " << outcome.text;
+            return outcome.text;
+        };
+        const auto count = [&text](const std::string& answer) {
+            std::size_t found = 0;
+            for (std::size_t at = answer.find(text); at != std::string::npos;
+                 at = answer.find(text, at + 1)) {
+                ++found;
+            }
+            return found;
+        };
+        send("alice", "putEvents", text);
+        EXPECT_EQ(count(send("bob", "getEvents", "")), 1u) << row.name;
+        EXPECT_EQ(count(::exchange(*backend, "", as("bob", "getEvents")).text), 0u) << row.name;
+    }
+    EXPECT_EQ(proxy.dropped, 4);
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait(10000), 0);
 }
