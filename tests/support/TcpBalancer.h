@@ -4,8 +4,11 @@
 // nothing of HTTP. It runs as a process of its own, each connection relayed by
 // a child of that process, at most kMaxRelays at once (more are closed at once).
 // unanswered() counts the connections a backend closed while a request on
-// them had no answer byte yet (a daemon killed under load). Everything stops
-// (SIGKILL) when the object ends.
+// them had no answer byte yet (a daemon killed under load). With one backend
+// it is a proxy that can lose an answer: after dropNextAnswer() the next bytes
+// a backend sends are thrown away and both sides closed, so the server did the
+// work and the client got nothing (dropped() counts those). Everything stops
+// (SIGKILL) when the object ends; the object is for one thread.
 #ifndef AVQVL_TESTS_SUPPORT_TCPBALANCER_H
 #define AVQVL_TESTS_SUPPORT_TCPBALANCER_H
 
@@ -40,8 +43,8 @@ public:
         }
         port = ntohs(address.sin_port);
         // Shared with the relay processes, which count into it.
-        cut = static_cast<int*>(::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE,
-                                       MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        shared = static_cast<Counters*>(::mmap(nullptr, sizeof(Counters), PROT_READ | PROT_WRITE,
+                                               MAP_SHARED | MAP_ANONYMOUS, -1, 0));
         std::fflush(nullptr);
         if ((child = ::fork()) == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -52,12 +55,14 @@ public:
     ~TcpBalancer() {
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
-        ::munmap(cut, sizeof(int));
+        ::munmap(shared, sizeof(Counters));
     }
     TcpBalancer(const TcpBalancer&) = delete;
     TcpBalancer& operator=(const TcpBalancer&) = delete;
 
-    int unanswered() const { return __atomic_load_n(cut, __ATOMIC_SEQ_CST); }
+    int unanswered() const { return __atomic_load_n(&shared->unanswered, __ATOMIC_SEQ_CST); }
+    int dropped() const { return __atomic_load_n(&shared->dropped, __ATOMIC_SEQ_CST); }
+    void dropNextAnswer() { __atomic_store_n(&shared->dropNext, 1, __ATOMIC_SEQ_CST); }
     std::string url() const { return "QUORVEL_URL=http://127.0.0.1:" + std::to_string(port); }
     int port = 0;
 
@@ -116,6 +121,11 @@ private:
                     continue;
                 }
                 const ssize_t got = ::read(ends[from].fd, buffer, sizeof buffer);
+                if (got > 0 && from == 1 &&
+                    __atomic_exchange_n(&shared->dropNext, 0, __ATOMIC_SEQ_CST) != 0) {
+                    __atomic_add_fetch(&shared->dropped, 1, __ATOMIC_SEQ_CST);
+                    ::_exit(0);
+                }
                 for (ssize_t sent = 0, n = 0; got > 0 && sent < got; sent += n) {
                     if ((n = ::send(ends[1 - from].fd, buffer + sent, got - sent, MSG_NOSIGNAL)) <=
                         0) {
@@ -124,7 +134,7 @@ private:
                 }
                 if (got <= 0) {
                     if (from == 1 && lastFrom == 0) {
-                        __atomic_add_fetch(cut, 1, __ATOMIC_SEQ_CST);
+                        __atomic_add_fetch(&shared->unanswered, 1, __ATOMIC_SEQ_CST);
                     }
                     ::_exit(0);
                 }
@@ -135,7 +145,10 @@ private:
 
     std::vector<int> backends;
     pid_t child = -1;
-    int* cut = nullptr;
+    struct Counters {
+        int unanswered, dropNext, dropped;
+    };
+    Counters* shared = nullptr;  // zeroed by mmap
 };
 
 #endif  // AVQVL_TESTS_SUPPORT_TCPBALANCER_H
