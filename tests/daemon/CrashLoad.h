@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <set>
@@ -137,8 +138,9 @@ inline std::string accountOf(int r, const std::vector<ClientLog>& logs) {
     std::map<std::string, std::set<int>> got;
     for (const Delivered& event : logs[r].received) {
         got[event.sender].insert(event.number);
-        const int s = std::atoi(event.sender.c_str() + 1);
-        if (!logs[s].acked.count(event.number) && !logs[s].unsure.count(event.number)) {
+        const std::size_t s = std::strtoul(event.sender.c_str() + 1, nullptr, 10);
+        if (s >= logs.size() ||
+            (!logs[s].acked.count(event.number) && !logs[s].unsure.count(event.number))) {
             return event.sender + "#" + std::to_string(event.number) + " never posted";
         }
     }
