@@ -12,178 +12,257 @@ namespace Engine {
 
 namespace {
 
-// Before every script: what several share. An event is "SEQUENCE SENDERLENGTH
-// SENDERTEXT". The stored total counts each text once: the pending hash of a
-// server holds, per sequence, how many queues still hold the event, and the
-// text leaves the total when the last one lets it go. A server's hash keeps
-// each client's times as 'r:' .. client (registered) and 'f:' .. client (last
-// fetch), in milliseconds.
+// Before every script: what several share. A server's log is the sorted set
+// `order` (score: the sequence; member: "SEQUENCE SIZE SENDER", so that a
+// cursor moves without reading texts) and the hash `log` (sequence -> "SEQUENCE
+// SENDERLENGTH SENDERTEXT"), each text once. `cursors` holds each client's last
+// acknowledged sequence; `waiting` and `bytes` what of the log past it others
+// posted. The server's hash keeps 'sequence' (the next), 'registered' (the
+// order counter) and each client's times as 'r:' .. client (registered) and
+// 'f:' .. client (last fetch), in milliseconds. The store's total counts the
+// bytes of every text held.
 const char* const kPrelude = R"lua(
-local function textOf(event)
-    local sequence, senderLength, start = string.match(event, '^(%d+) (%d+) ()')
-    return sequence, string.len(event) - start + 1 - tonumber(senderLength)
+local K = {clients = KEYS[1], server = KEYS[2], bytes = KEYS[3], waiting = KEYS[4],
+           cursors = KEYS[5], order = KEYS[6], log = KEYS[7], stored = KEYS[8]}
+local postsPrefix = ARGV[1]
+local function entryOf(member)
+    local sequence, size, sender = string.match(member, '^(%d+) (%d+) (.*)$')
+    return sequence, tonumber(size), sender
 end
-local function share(pending, stored, events, first, by)
-    local changed = 0
-    for i = first, #events do
-        local sequence, size = textOf(events[i])
-        local holders = redis.call('HINCRBY', pending, sequence, by)
-        if by > 0 and holders == 1 then
-            changed = changed + size
-        elseif by < 0 and holders <= 0 then
-            redis.call('HDEL', pending, sequence)
-            changed = changed - size
+-- Drops the events at or below `lowest` ('+inf': all) and their bytes.
+local function dropBelow(lowest)
+    local gone = redis.call('ZRANGEBYSCORE', K.order, '-inf', lowest)
+    if #gone == 0 then
+        return
+    end
+    local freed, sequences = 0, {}
+    for _, member in ipairs(gone) do
+        local sequence, size = entryOf(member)
+        freed = freed + size
+        sequences[#sequences + 1] = sequence
+    end
+    -- In slices: Lua's unpack has a small stack.
+    for first = 1, #sequences, 1000 do
+        redis.call('HDEL', K.log, unpack(sequences, first, math.min(first + 999, #sequences)))
+    end
+    redis.call('ZREMRANGEBYSCORE', K.order, '-inf', lowest)
+    if redis.call('INCRBY', K.stored, -freed) < 0 then
+        redis.call('SET', K.stored, 0)
+    end
+end
+local function trim()
+    local lowest = nil
+    for _, cursor in ipairs(redis.call('HVALS', K.cursors)) do
+        cursor = tonumber(cursor)
+        if lowest == nil or cursor < lowest then
+            lowest = cursor
         end
     end
-    -- Events queued before the total was kept were never counted in it.
-    if changed ~= 0 and redis.call('INCRBY', stored, changed) < 0 then
-        redis.call('SET', stored, 0)
+    if lowest ~= nil then
+        dropBelow(lowest)
     end
 end
-local function describe(server, bytes, queuePrefix, client, into)
-    local times = redis.call('HMGET', server, 'r:' .. client, 'f:' .. client)
+local function waitingOf(client)
+    return tonumber(redis.call('HGET', K.waiting, client) or '0')
+end
+local function lastSequence()
+    return tonumber(redis.call('HGET', K.server, 'sequence')) - 1
+end
+-- The cursor to upTo (never back, never past the log); to the log's end when
+-- nothing of others waits past it any more.
+local function advance(client, upTo)
+    local cursor = tonumber(redis.call('HGET', K.cursors, client))
+    local last = lastSequence()
+    if upTo > last then
+        upTo = last
+    end
+    if upTo <= cursor then
+        return
+    end
+    local events, size = 0, 0
+    for _, member in ipairs(redis.call('ZRANGEBYSCORE', K.order, string.format('(%d', cursor), upTo)) do
+        local _, bytes, sender = entryOf(member)
+        if sender ~= client then
+            events, size = events + 1, size + bytes
+        end
+    end
+    redis.call('HINCRBY', K.bytes, client, -size)
+    if redis.call('HINCRBY', K.waiting, client, -events) <= 0 then
+        upTo = last
+    end
+    redis.call('HSET', K.cursors, client, string.format('%d', upTo))
+    trim()
+end
+local function describe(client, into)
+    local times = redis.call('HMGET', K.server, 'r:' .. client, 'f:' .. client)
     into[#into + 1] = client
-    into[#into + 1] = redis.call('LLEN', queuePrefix .. client)
-    into[#into + 1] = tonumber(redis.call('HGET', bytes, client) or '0')
+    into[#into + 1] = waitingOf(client)
+    into[#into + 1] = tonumber(redis.call('HGET', K.bytes, client) or '0')
     into[#into + 1] = tonumber(times[1] or '0')
     into[#into + 1] = tonumber(times[2] or '0')
 end
-local function unregister(clients, server, bytes, queue, pending, stored, client)
-    if redis.call('ZREM', clients, client) == 0 then
+local function unregister(client)
+    if redis.call('ZREM', K.clients, client) == 0 then
         return
     end
-    share(pending, stored, redis.call('LRANGE', queue, 0, -1), 1, -1)
-    redis.call('DEL', queue)
-    redis.call('HDEL', bytes, client)
-    redis.call('HDEL', server, 'r:' .. client, 'f:' .. client)
-    if redis.call('ZCARD', clients) == 0 then
-        redis.call('DEL', server, bytes, pending)
+    redis.call('HDEL', K.bytes, client)
+    redis.call('HDEL', K.waiting, client)
+    redis.call('HDEL', K.cursors, client)
+    redis.call('HDEL', K.server, 'r:' .. client, 'f:' .. client)
+    redis.call('DEL', postsPrefix .. client)
+    if redis.call('ZCARD', K.clients) == 0 then
+        dropBelow('+inf')
+        redis.call('DEL', K.server, K.bytes, K.waiting, K.cursors, K.order, K.log)
+    else
+        trim()
     end
 end
 )lua";
 
-// Statuses are the numbers of RedisStatus. A queue key is the queue prefix (which
-// carries the server's hash tag) followed by the client's identifier.
+// Statuses are the numbers of RedisStatus.
 const char* const kScriptTexts[RedisScripts::kScriptCount] = {
-    // Register: a known client keeps its place; the first client of a server
-    // starts its sequence at 1; the order is a counter kept with the server.
+    // Register: a known client keeps its place and cursor; a new one starts at
+    // the log's head; the first client of a server starts its sequence at 1;
+    // the order is a counter kept with the server.
     R"lua(
-if not redis.call('ZSCORE', KEYS[1], ARGV[1]) then
-    local count = redis.call('ZCARD', KEYS[1])
-    if count >= tonumber(ARGV[2]) then
+local client = ARGV[2]
+if not redis.call('ZSCORE', K.clients, client) then
+    local count = redis.call('ZCARD', K.clients)
+    if count >= tonumber(ARGV[3]) then
         return {2, count}
     end
     if count == 0 then
-        redis.call('HSET', KEYS[2], 'sequence', 1)
+        redis.call('HSET', K.server, 'sequence', 1)
     end
-    local order = redis.call('HINCRBY', KEYS[2], 'registered', 1)
-    redis.call('ZADD', KEYS[1], order, ARGV[1])
-    redis.call('HSET', KEYS[2], 'r:' .. ARGV[1], ARGV[3])
+    local order = redis.call('HINCRBY', K.server, 'registered', 1)
+    redis.call('ZADD', K.clients, order, client)
+    redis.call('HSET', K.server, 'r:' .. client, ARGV[4])
+    redis.call('HSET', K.cursors, client, string.format('%d', lastSequence()))
 end
-return {0, redis.call('ZRANGE', KEYS[1], 0, -1)}
+return {0, redis.call('ZRANGE', K.clients, 0, -1)}
 )lua",
-    // Unregister: the client's queue goes with it, the server with its last client.
+    // Unregister: the client's counts go with it, the server with its last client.
     R"lua(
-unregister(KEYS[1], KEYS[2], KEYS[3], KEYS[4], KEYS[5], KEYS[6], ARGV[1])
-return {0, redis.call('ZRANGE', KEYS[1], 0, -1)}
+unregister(ARGV[2])
+return {0, redis.call('ZRANGE', K.clients, 0, -1)}
 )lua",
-    // Post: the event goes to each recipient in turn; at the first one that
-    // would pass a limit, everything written is taken back. Redis runs nothing
-    // else meanwhile, so no one sees the difference from checking first, and
-    // the fan-out costs two commands per recipient. An event is "SEQUENCE
-    // SENDERLENGTH SENDERTEXT"; the bytes hash counts the text only.
+    // Post: every check first, then every write, so a refusal writes nothing.
+    // A repeated post id answers as the first post did. The ids of a sender are
+    // a sorted set by time, cut to the newest and the youngest, gone with the
+    // sender or after their age.
     R"lua(
-if not redis.call('ZSCORE', KEYS[1], ARGV[2]) then
+local sender, text, postId, now = ARGV[2], ARGV[3], ARGV[4], tonumber(ARGV[5])
+if not redis.call('ZSCORE', K.clients, sender) then
     return {1}
 end
-local clients = redis.call('ZRANGE', KEYS[1], 0, -1)
-local size = string.len(ARGV[3])
-local mostEvents, mostBytes = tonumber(ARGV[4]), tonumber(ARGV[5])
-local held = tonumber(redis.call('GET', KEYS[5]) or '0')
-if #clients > 1 and held + size > tonumber(ARGV[6]) then
+local clients = redis.call('ZRANGE', K.clients, 0, -1)
+local posts = postsPrefix .. sender
+if postId ~= '' then
+    redis.call('ZREMRANGEBYSCORE', posts, '-inf', '(' .. (now - tonumber(ARGV[10])))
+    if redis.call('ZSCORE', posts, postId) then
+        return {0, clients}
+    end
+end
+local size = string.len(text)
+local mostEvents, mostBytes = tonumber(ARGV[6]), tonumber(ARGV[7])
+local held = tonumber(redis.call('GET', K.stored) or '0')
+if #clients > 1 and held + size > tonumber(ARGV[8]) then
     return {5, held}
 end
-local sequence = redis.call('HINCRBY', KEYS[2], 'sequence', 1) - 1
-local event = string.format('%d %d ', sequence, string.len(ARGV[2])) .. ARGV[2] .. ARGV[3]
-local refusal, written = nil, 0
-for i, client in ipairs(clients) do
-    if client ~= ARGV[2] then
-        local waiting = redis.call('RPUSH', ARGV[1] .. client, event)
-        local waitingBytes = redis.call('HINCRBY', KEYS[3], client, size)
-        written = i
-        if waiting > mostEvents then
-            refusal = {3, client, waiting - 1}
-            break
+for _, client in ipairs(clients) do
+    if client ~= sender then
+        local waiting = waitingOf(client)
+        if waiting >= mostEvents then
+            return {3, client, waiting}
         end
-        if waitingBytes > mostBytes then
-            refusal = {4, client, waitingBytes - size}
-            break
+        local bytes = tonumber(redis.call('HGET', K.bytes, client) or '0')
+        if bytes + size > mostBytes then
+            return {4, client, bytes}
         end
     end
 end
-if not refusal then
-    if #clients > 1 then
-        redis.call('HSET', KEYS[4], sequence, #clients - 1)
-        redis.call('INCRBY', KEYS[5], size)
-    end
-    return {0, clients}
-end
-for i = 1, written do
-    local client = clients[i]
-    if client ~= ARGV[2] then
-        redis.call('RPOP', ARGV[1] .. client)
-        if redis.call('HINCRBY', KEYS[3], client, -size) == 0 then
-            redis.call('HDEL', KEYS[3], client)
+local sequence = redis.call('HINCRBY', K.server, 'sequence', 1) - 1
+if #clients > 1 then
+    redis.call('ZADD', K.order, sequence, string.format('%d %d ', sequence, size) .. sender)
+    redis.call('HSET', K.log, sequence,
+               string.format('%d %d ', sequence, string.len(sender)) .. sender .. text)
+    redis.call('INCRBY', K.stored, size)
+    for _, client in ipairs(clients) do
+        if client ~= sender then
+            redis.call('HINCRBY', K.waiting, client, 1)
+            redis.call('HINCRBY', K.bytes, client, size)
         end
     end
 end
-redis.call('HINCRBY', KEYS[2], 'sequence', -1)
-return refusal
+if waitingOf(sender) == 0 then
+    -- Its cursor follows its own posts: a client that only posts holds nothing.
+    redis.call('HSET', K.cursors, sender, sequence)
+    trim()
+end
+if postId ~= '' then
+    redis.call('ZADD', posts, now, postId)
+    local extra = redis.call('ZCARD', posts) - tonumber(ARGV[9])
+    if extra > 0 then
+        redis.call('ZREMRANGEBYRANK', posts, 0, extra - 1)
+    end
+    redis.call('PEXPIRE', posts, ARGV[10])
+end
+return {0, clients}
 )lua",
-    // Take: the whole queue, oldest first.
+    // Read: acknowledges first when asked, then the log past the cursor, oldest
+    // first, the client's own posts left out.
     R"lua(
-if not redis.call('ZSCORE', KEYS[1], ARGV[1]) then
+local client = ARGV[2]
+if not redis.call('ZSCORE', K.clients, client) then
     return {1}
 end
-local events = redis.call('LRANGE', KEYS[4], 0, -1)
-share(KEYS[5], KEYS[6], events, 1, -1)
-redis.call('DEL', KEYS[4])
-redis.call('HDEL', KEYS[3], ARGV[1])
-redis.call('HSET', KEYS[2], 'f:' .. ARGV[1], ARGV[2])
+if ARGV[4] ~= '' then
+    advance(client, tonumber(ARGV[4]))
+end
+local events = {}
+if waitingOf(client) > 0 then
+    local cursor = redis.call('HGET', K.cursors, client)
+    local sequences = {}
+    for _, member in ipairs(redis.call('ZRANGEBYSCORE', K.order, '(' .. cursor, '+inf')) do
+        local sequence, _, sender = entryOf(member)
+        if sender ~= client then
+            sequences[#sequences + 1] = sequence
+        end
+    end
+    for first = 1, #sequences, 1000 do
+        local texts = redis.call('HMGET', K.log,
+                                 unpack(sequences, first, math.min(first + 999, #sequences)))
+        for _, text in ipairs(texts) do
+            events[#events + 1] = text
+        end
+    end
+end
+redis.call('HSET', K.server, 'f:' .. client, ARGV[3])
 return {0, events}
 )lua",
-    // Restore: the events arrive newest first, so pushing each at the head in
-    // turn leaves the oldest first. Pushed in slices: Lua's unpack has a small
-    // stack.
+    // Acknowledge: an unknown client is no error.
     R"lua(
-if not redis.call('ZSCORE', KEYS[1], ARGV[1]) then
-    return {0}
+if redis.call('ZSCORE', K.clients, ARGV[2]) then
+    advance(ARGV[2], tonumber(ARGV[3]))
 end
-for first = 3, #ARGV, 1000 do
-    redis.call('LPUSH', KEYS[3], unpack(ARGV, first, math.min(first + 999, #ARGV)))
-end
-share(KEYS[4], KEYS[5], ARGV, 3, 1)
-redis.call('HINCRBY', KEYS[2], ARGV[1], ARGV[2])
 return {0}
 )lua",
     // Count: what one server holds, for the store's statistics.
     R"lua(
-local clients = redis.call('ZRANGE', KEYS[1], 0, -1)
-local events = 0
-for _, client in ipairs(clients) do
-    events = events + redis.call('LLEN', ARGV[1] .. client)
+local events, bytes = 0, 0
+for _, value in ipairs(redis.call('HVALS', K.waiting)) do
+    events = events + tonumber(value)
 end
-local bytes = 0
-for _, value in ipairs(redis.call('HVALS', KEYS[2])) do
+for _, value in ipairs(redis.call('HVALS', K.bytes)) do
     bytes = bytes + tonumber(value)
 end
-return {#clients, events, bytes}
+return {redis.call('ZCARD', K.clients), events, bytes}
 )lua",
     // List: one server's clients.
     R"lua(
 local listed = {}
-for _, client in ipairs(redis.call('ZRANGE', KEYS[1], 0, -1)) do
-    describe(KEYS[2], KEYS[3], ARGV[1], client, listed)
+for _, client in ipairs(redis.call('ZRANGE', K.clients, 0, -1)) do
+    describe(client, listed)
 end
 return {0, listed}
 )lua",
@@ -192,15 +271,15 @@ return {0, listed}
     R"lua(
 local expired = {}
 local cutoff = tonumber(ARGV[2])
-for _, client in ipairs(redis.call('ZRANGE', KEYS[1], 0, -1)) do
-    local times = redis.call('HMGET', KEYS[2], 'r:' .. client, 'f:' .. client)
+for _, client in ipairs(redis.call('ZRANGE', K.clients, 0, -1)) do
+    local times = redis.call('HMGET', K.server, 'r:' .. client, 'f:' .. client)
     local seen = tonumber(times[2] or '0')
     if seen == 0 then
         seen = tonumber(times[1] or '0')
     end
     if seen < cutoff then
-        describe(KEYS[2], KEYS[3], ARGV[1], client, expired)
-        unregister(KEYS[1], KEYS[2], KEYS[3], ARGV[1] .. client, KEYS[4], KEYS[5], client)
+        describe(client, expired)
+        unregister(client)
     end
 end
 return {0, expired}

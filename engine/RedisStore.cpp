@@ -30,8 +30,8 @@ const int kPingTimeoutMs = 1000;
 
 // The keys of one server. Its identifier, with '%', '{' and '}' escaped as %XX,
 // is the hash tag of each key, so Redis Cluster keeps a server in one slot; the
-// kind of key comes before the tag, so a SCAN pattern cannot mistake a queue of
-// some client for another kind.
+// kind of key comes before the tag, so a SCAN pattern cannot mistake the post
+// ids of some sender for another kind.
 struct ServerKeys {
     static std::string hashTag(const std::string& serverId) {
         std::string tag = "{";
@@ -67,19 +67,38 @@ struct ServerKeys {
         : clients(kClientsPrefix + tag),
           server("quorvel:server:" + tag),
           bytes("quorvel:bytes:" + tag),
-          pending("quorvel:pending:" + tag),
-          queuePrefix("quorvel:queue:" + tag + ":"),
-          stored(kStoredKey) {}
+          waiting("quorvel:waiting:" + tag),
+          cursors("quorvel:cursors:" + tag),
+          order("quorvel:order:" + tag),
+          log("quorvel:log:" + tag),
+          stored(kStoredKey),
+          postsPrefix("quorvel:posts:" + tag + ":") {}
 
-    std::string queue(const std::string& clientId) const { return queuePrefix + clientId; }
+    // What every script takes first (RedisScripts.h): the keys, then the
+    // prefix of the post id keys.
+    std::vector<const std::string*> script() const {
+        return {&clients, &server, &bytes, &waiting, &cursors, &order, &log, &stored, &postsPrefix};
+    }
+    static const int kKeyCount = 8;
 
     const std::string clients;      // sorted set: client -> registration order
     const std::string server;       // hash: next "sequence", "registered" counter, times
     const std::string bytes;        // hash: client -> bytes of text waiting
-    const std::string pending;      // hash: sequence -> queues holding the event
-    const std::string queuePrefix;  // + client: list of events, oldest first
+    const std::string waiting;      // hash: client -> events waiting
+    const std::string cursors;      // hash: client -> last sequence acknowledged
+    const std::string order;        // sorted set: the log, "SEQUENCE SIZE SENDER" by sequence
+    const std::string log;          // hash: sequence -> the event
     const std::string stored;       // the store's total of text bytes
+    const std::string postsPrefix;  // + sender: sorted set of post ids by time
 };
+
+// Runs script on the server's keys, then arguments.
+RedisReply runScript(RedisScripts& scripts, RedisConnectionPool& pool, RedisScripts::Script script,
+                     const ServerKeys& keys, const std::vector<const std::string*>& arguments) {
+    std::vector<const std::string*> all = keys.script();
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return scripts.run(pool, script, all, ServerKeys::kKeyCount);
+}
 
 // Reads the array replies of the scripts; any other shape is a failure naming Redis.
 class ReplyReader {
@@ -139,13 +158,8 @@ private:
     const redisReply* top = nullptr;
 };
 
-// An event in a queue: "SEQUENCE SENDERLENGTH SENDERTEXT" (the Post script
-// writes the same form).
-std::string encodeEvent(const StoredEvent& event) {
-    return std::to_string(event.sequence) + " " + std::to_string(event.sender.size()) + " " +
-           event.sender + *event.text;
-}
-
+// An event of a log is "SEQUENCE SENDERLENGTH SENDERTEXT" (the Post script
+// writes it).
 // Redis ends every string it returns with a NUL, so strtoull stops in time.
 bool decodeEvent(const char* begin, std::size_t size, StoredEvent& event) {
     char* end = nullptr;
@@ -284,8 +298,8 @@ void RedisStore::registerClient(const std::string& serverId, const std::string& 
         const ServerKeys keys(ServerKeys::hashTag(serverId));
         const std::string most = std::to_string(limits().maxClientsPerServer);
         const std::string now = std::to_string(epochMilliseconds());
-        RedisReply reply = scripts->run(*pool, RedisScripts::Register,
-                                        {&keys.clients, &keys.server, &clientId, &most, &now}, 2);
+        RedisReply reply =
+            runScript(*scripts, *pool, RedisScripts::Register, keys, {&clientId, &most, &now});
         ReplyReader reader(*pool, *reply);
         if (reader.status() == RedisStatus::TooManyClients) {
             throw Failure{FailureKind::Limit,
@@ -300,11 +314,7 @@ void RedisStore::unregisterClient(const std::string& serverId, const std::string
                                   ClientList& remaining) {
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
-        const std::string queue = keys.queue(clientId);
-        RedisReply reply = scripts->run(*pool, RedisScripts::Unregister,
-                                        {&keys.clients, &keys.server, &keys.bytes, &queue,
-                                         &keys.pending, &keys.stored, &clientId},
-                                        6);
+        RedisReply reply = runScript(*scripts, *pool, RedisScripts::Unregister, keys, {&clientId});
         ReplyReader(*pool, *reply).texts(1, remaining);
     });
 }
@@ -326,17 +336,17 @@ void RedisStore::clients(const std::string& serverId, ClientList& clients) {
 
 void RedisStore::post(const std::string& serverId, const std::string& senderId,
                       const std::string& text, const std::string& postId, ClientList& clients) {
-    (void)postId;
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
+        const std::string now = std::to_string(epochMilliseconds());
         const std::string mostEvents = std::to_string(limits().maxQueuedEventsPerClient);
         const std::string mostBytes = std::to_string(limits().maxQueuedBytesPerClient);
         const std::string mostStored = std::to_string(limits().maxStoredBytes);
-        RedisReply reply = scripts->run(
-            *pool, RedisScripts::Post,
-            {&keys.clients, &keys.server, &keys.bytes, &keys.pending, &keys.stored,
-             &keys.queuePrefix, &senderId, &text, &mostEvents, &mostBytes, &mostStored},
-            5);
+        static const std::string kRemembered = std::to_string(kRememberedPosts),
+                                 kAge = std::to_string(kRememberedPostAgeMs);
+        RedisReply reply = runScript(*scripts, *pool, RedisScripts::Post, keys,
+                                     {&senderId, &text, &postId, &now, &mostEvents, &mostBytes,
+                                      &mostStored, &kRemembered, &kAge});
         ReplyReader reader(*pool, *reply);
         switch (reader.status()) {
             case RedisStatus::Done:
@@ -367,33 +377,37 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
 void RedisStore::read(const std::string& serverId, const std::string& clientId,
                       const std::optional<std::uint64_t>& ackUpTo,
                       std::vector<StoredEvent>& events) {
-    (void)ackUpTo;
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
-        const std::string queue = keys.queue(clientId);
         const std::string now = std::to_string(epochMilliseconds());
-        RedisReply reply = scripts->run(*pool, RedisScripts::Take,
-                                        {&keys.clients, &keys.server, &keys.bytes, &queue,
-                                         &keys.pending, &keys.stored, &clientId, &now},
-                                        6);
+        const std::string ack = ackUpTo ? std::to_string(*ackUpTo) : std::string();
+        RedisReply reply =
+            runScript(*scripts, *pool, RedisScripts::Read, keys, {&clientId, &now, &ack});
         ReplyReader reader(*pool, *reply);
         if (reader.status() == RedisStatus::NotRegistered) {
             throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
         }
         const redisReply& list = reader.list(1);
-        events.clear();
-        events.resize(list.elements);
+        std::vector<StoredEvent> found(list.elements);
         for (std::size_t i = 0; i < list.elements; ++i) {
             const redisReply& element = *list.element[i];
             if (element.type != REDIS_REPLY_STRING ||
-                !decodeEvent(element.str, element.len, events[i])) {
+                !decodeEvent(element.str, element.len, found[i])) {
                 pool->fail("holds an event this service did not write", describeReply(element));
             }
         }
+        events.swap(found);
     });
 }
 
-void RedisStore::acknowledge(const std::string&, const std::string&, std::uint64_t) {}
+void RedisStore::acknowledge(const std::string& serverId, const std::string& clientId,
+                             std::uint64_t upTo) {
+    outOfMemoryIsLimit([&] {
+        const ServerKeys keys(ServerKeys::hashTag(serverId));
+        const std::string ack = std::to_string(upTo);
+        runScript(*scripts, *pool, RedisScripts::Acknowledge, keys, {&clientId, &ack});
+    });
+}
 
 // The hash tags of every server in the database, sorted by server id. SCAN may
 // name a key twice; servers that come or go meanwhile may or may not be named.
@@ -426,8 +440,7 @@ StoreStats RedisStore::stats() {
         StoreStats stats;
         for (const std::string& tag : serverTags()) {
             const ServerKeys keys(tag);
-            RedisReply counted = scripts->run(*pool, RedisScripts::Count,
-                                              {&keys.clients, &keys.bytes, &keys.queuePrefix}, 2);
+            RedisReply counted = runScript(*scripts, *pool, RedisScripts::Count, keys, {});
             ReplyReader counts(*pool, *counted);
             stats.registeredClients += static_cast<std::uint64_t>(counts.integer(0));
             stats.waitingEvents += static_cast<std::uint64_t>(counts.integer(1));
@@ -474,9 +487,7 @@ void RedisStore::listClients(const std::string& serverId, std::vector<ClientInfo
         std::vector<ClientInfo> listed;
         for (const std::string& tag : tags) {
             const ServerKeys keys(tag);
-            RedisReply reply =
-                scripts->run(*pool, RedisScripts::List,
-                             {&keys.clients, &keys.server, &keys.bytes, &keys.queuePrefix}, 3);
+            RedisReply reply = runScript(*scripts, *pool, RedisScripts::List, keys, {});
             readClientInfos(*pool, *reply, ServerKeys::serverId(tag), listed);
         }
         clients.swap(listed);
@@ -491,11 +502,7 @@ void RedisStore::expireIdleClients(std::int64_t idleBeforeMs, std::vector<Client
         std::vector<ClientInfo> found;
         for (const std::string& tag : serverTags()) {
             const ServerKeys keys(tag);
-            RedisReply reply =
-                scripts->run(*pool, RedisScripts::Expire,
-                             {&keys.clients, &keys.server, &keys.bytes, &keys.pending, &keys.stored,
-                              &keys.queuePrefix, &cutoff},
-                             5);
+            RedisReply reply = runScript(*scripts, *pool, RedisScripts::Expire, keys, {&cutoff});
             readClientInfos(*pool, *reply, ServerKeys::serverId(tag), found);
         }
         expired.swap(found);

@@ -57,27 +57,29 @@ std::string describe(sqlite3* db, int code) {
     return cause;
 }
 
-// A post is one row, whatever the number of recipients: each client has a
-// cursor, the sequence number up to which it has taken the server's events,
-// and its queue is the server's events after its cursor that others posted,
-// preceded by the events given back to it (table returned, in position order).
-// Events every client's cursor has passed are deleted.
+// The layout of the file; a file of another version is refused at start.
+const int kSchemaVersion = 2;
+
+// A post is one row, whatever the number of recipients: each server has one
+// log (the events table), each client a cursor, the last sequence it has
+// acknowledged, and what waits for it is the log past its cursor that others
+// posted. Events every client's cursor has passed are deleted.
 //
 // The waiting counts come from running totals, so that a post writes the
 // server's row, the sender's row and the event, and no row of a recipient:
-// waiting = (posted - seen) - own + returned, where posted counts the
-// server's stored events since it began, seen is posted when the client's
-// cursor last moved, own counts the client's own posts since then. Bytes alike.
-// Clients are rows in registration order (a new row's id is above every id in
-// use).
+// waiting = (posted - seen) - own, where posted counts the server's stored
+// events since it began, seen those up to the client's cursor, own the
+// client's own stored posts past its cursor. Bytes alike. Clients are rows in
+// registration order (a new row's id is above every id in use). posts holds
+// the ids of a client's recent posts (kRememberedPosts).
 const char* const kSchema = R"(
-CREATE TABLE IF NOT EXISTS servers(
+CREATE TABLE servers(
     name TEXT PRIMARY KEY,
     next_sequence INTEGER NOT NULL,
     posted_count INTEGER NOT NULL,
     posted_bytes INTEGER NOT NULL
 ) WITHOUT ROWID;
-CREATE TABLE IF NOT EXISTS clients(
+CREATE TABLE clients(
     id INTEGER PRIMARY KEY,
     server TEXT NOT NULL,
     name TEXT NOT NULL,
@@ -86,13 +88,11 @@ CREATE TABLE IF NOT EXISTS clients(
     seen_bytes INTEGER NOT NULL,
     own_count INTEGER NOT NULL DEFAULT 0,
     own_bytes INTEGER NOT NULL DEFAULT 0,
-    returned_count INTEGER NOT NULL DEFAULT 0,
-    returned_bytes INTEGER NOT NULL DEFAULT 0,
     registered_ms INTEGER NOT NULL DEFAULT 0,
     last_fetch_ms INTEGER NOT NULL DEFAULT 0,
     UNIQUE(server, name)
 );
-CREATE TABLE IF NOT EXISTS events(
+CREATE TABLE events(
     server TEXT NOT NULL,
     sequence INTEGER NOT NULL,
     sender INTEGER NOT NULL,
@@ -100,30 +100,27 @@ CREATE TABLE IF NOT EXISTS events(
     text BLOB NOT NULL,
     PRIMARY KEY(server, sequence)
 ) WITHOUT ROWID;
-CREATE TABLE IF NOT EXISTS returned(
+CREATE TABLE posts(
+    id INTEGER PRIMARY KEY,
     client INTEGER NOT NULL,
-    position INTEGER NOT NULL,
-    sender_name TEXT NOT NULL,
-    sequence INTEGER NOT NULL,
-    text BLOB NOT NULL,
-    PRIMARY KEY(client, position)
-) WITHOUT ROWID;
+    post_id TEXT NOT NULL,
+    posted_ms INTEGER NOT NULL,
+    UNIQUE(client, post_id)
+);
+CREATE INDEX posts_by_client ON posts(client, id);
 )";
 
-// Databases written before clients had times lack their columns; their clients
-// count as registered when the columns are added, so that none looks idle for
-// as long as the database was closed.
-const char* const kAddTimes = R"(
-ALTER TABLE clients ADD COLUMN registered_ms INTEGER NOT NULL DEFAULT 0;
-ALTER TABLE clients ADD COLUMN last_fetch_ms INTEGER NOT NULL DEFAULT 0;
-)";
+// Thrown when the file holds another layout than this build's.
+struct OtherSchema {
+    std::int64_t found;
+};
 
 // What listClients and expireIdleClients tell of a client, from `clients c JOIN
 // servers s`.
-#define AVQVL_CLIENT_INFO                                              \
-    "SELECT c.server, c.name, "                                        \
-    "s.posted_count - c.seen_count - c.own_count + c.returned_count, " \
-    "s.posted_bytes - c.seen_bytes - c.own_bytes + c.returned_bytes, " \
+#define AVQVL_CLIENT_INFO                           \
+    "SELECT c.server, c.name, "                     \
+    "s.posted_count - c.seen_count - c.own_count, " \
+    "s.posted_bytes - c.seen_bytes - c.own_bytes, " \
     "c.registered_ms, c.last_fetch_ms, c.id FROM clients c JOIN servers s ON s.name = c.server "
 
 // A prepared statement, kept for the life of the connection.
@@ -279,9 +276,8 @@ struct SqliteStore::Database {
           // server's next sequence number.
           findClient(handle,
                      "SELECT c.id, "
-                     "s.posted_count - c.seen_count - c.own_count + c.returned_count, "
                      "s.posted_count - c.seen_count - c.own_count, "
-                     "s.next_sequence, c.cursor, c.returned_count "
+                     "s.next_sequence, c.cursor "
                      "FROM clients c JOIN servers s ON s.name = c.server "
                      "WHERE c.server = ?1 AND c.name = ?2"),
           listClients(handle, "SELECT name FROM clients WHERE server = ?1 ORDER BY id"),
@@ -294,7 +290,7 @@ struct SqliteStore::Database {
                     "registered_ms) SELECT ?1, ?2, next_sequence - 1, posted_count, "
                     "posted_bytes, ?3 FROM servers WHERE name = ?1"),
           removeClient(handle, "DELETE FROM clients WHERE id = ?1"),
-          removeReturned(handle, "DELETE FROM returned WHERE client = ?1 RETURNING length(text)"),
+          removePosts(handle, "DELETE FROM posts WHERE client = ?1"),
           removeEmptyServer(handle,
                             "DELETE FROM servers WHERE name = ?1 AND NOT EXISTS "
                             "(SELECT 1 FROM clients WHERE server = ?1)"),
@@ -307,8 +303,8 @@ struct SqliteStore::Database {
                           "RETURNING length(text)"),
           clientsWaiting(handle,
                          "SELECT c.id, c.name, "
-                         "s.posted_count - c.seen_count - c.own_count + c.returned_count, "
-                         "s.posted_bytes - c.seen_bytes - c.own_bytes + c.returned_bytes "
+                         "s.posted_count - c.seen_count - c.own_count, "
+                         "s.posted_bytes - c.seen_bytes - c.own_bytes "
                          "FROM clients c JOIN servers s ON s.name = c.server "
                          "WHERE c.server = ?1 ORDER BY c.id"),
           addEvent(handle,
@@ -327,27 +323,32 @@ struct SqliteStore::Database {
                   "(SELECT next_sequence - 1, posted_count, posted_bytes, 0, 0 FROM servers "
                   "WHERE name = clients.server) WHERE id = ?1"),
           markFetch(handle, "UPDATE clients SET last_fetch_ms = ?2 WHERE id = ?1"),
-          clearReturned(handle,
-                        "UPDATE clients SET returned_count = 0, returned_bytes = 0 WHERE id = ?1"),
-          returnedEvents(handle,
-                         "SELECT sender_name, sequence, text FROM returned WHERE client = ?1 "
-                         "ORDER BY position"),
           waitingEvents(handle,
                         "SELECT sender_name, sequence, text FROM events WHERE server = ?1 AND "
                         "sequence > ?2 AND sender <> ?3 ORDER BY sequence"),
-          headPosition(handle, "SELECT coalesce(min(position), 0) FROM returned WHERE client = ?1"),
-          addReturned(handle,
-                      "INSERT INTO returned(client, position, sender_name, sequence, text) "
-                      "VALUES(?1, ?2, ?3, ?4, ?5)"),
-          countReturned(handle,
-                        "UPDATE clients SET returned_count = returned_count + ?2, "
-                        "returned_bytes = returned_bytes + ?3 WHERE id = ?1"),
-          totals(
-              handle,
-              "SELECT count(*), "
-              "coalesce(sum(s.posted_count - c.seen_count - c.own_count + c.returned_count), 0), "
-              "coalesce(sum(s.posted_bytes - c.seen_bytes - c.own_bytes + c.returned_bytes), 0) "
-              "FROM clients c JOIN servers s ON s.name = c.server"),
+          // What an acknowledgement passes: all events, then the client's own.
+          passedEvents(handle,
+                       "SELECT count(*), coalesce(sum(length(text)), 0), "
+                       "coalesce(sum(sender = ?4), 0), "
+                       "coalesce(sum(CASE WHEN sender = ?4 THEN length(text) ELSE 0 END), 0) "
+                       "FROM events WHERE server = ?1 AND sequence > ?2 AND sequence <= ?3"),
+          moveCursor(handle,
+                     "UPDATE clients SET cursor = ?2, seen_count = seen_count + ?3, "
+                     "seen_bytes = seen_bytes + ?4, own_count = own_count - ?5, "
+                     "own_bytes = own_bytes - ?6 WHERE id = ?1"),
+          findPost(handle,
+                   "SELECT 1 FROM posts WHERE client = ?1 AND post_id = ?2 AND posted_ms >= ?3"),
+          addPost(handle,
+                  "INSERT OR REPLACE INTO posts(client, post_id, posted_ms) VALUES(?1, ?2, ?3)"),
+          forgetPosts(handle,
+                      "DELETE FROM posts WHERE client = ?1 AND (posted_ms < ?2 OR id <= "
+                      "(SELECT id FROM posts WHERE client = ?1 ORDER BY id DESC "
+                      "LIMIT 1 OFFSET ?3))"),
+          totals(handle,
+                 "SELECT count(*), "
+                 "coalesce(sum(s.posted_count - c.seen_count - c.own_count), 0), "
+                 "coalesce(sum(s.posted_bytes - c.seen_bytes - c.own_bytes), 0) "
+                 "FROM clients c JOIN servers s ON s.name = c.server"),
           listInfo(handle,
                    AVQVL_CLIENT_INFO "WHERE ?1 = '' OR c.server = ?1 ORDER BY c.server, c.id"),
           probe(handle, "SELECT count(*) FROM (SELECT 1 FROM servers LIMIT 1)"),
@@ -362,29 +363,30 @@ struct SqliteStore::Database {
         execute(db, "PRAGMA journal_mode = WAL");
         execute(db,
                 sync == Sync::Full ? "PRAGMA synchronous = FULL" : "PRAGMA synchronous = NORMAL");
-        execute(db, kSchema);
-        if (!hasColumn(db, "clients", "registered_ms")) {
-            execute(db, "BEGIN IMMEDIATE");
-            execute(db, kAddTimes);
-            Statement stamp(db, "UPDATE clients SET registered_ms = ?1");
-            Query(stamp).number(1, epochMilliseconds()).run();
-            execute(db, "COMMIT");
+        execute(db, "BEGIN IMMEDIATE");
+        const std::int64_t version = single(db, "PRAGMA user_version");
+        if (version == 0 && single(db, "SELECT count(*) FROM sqlite_master") == 0) {
+            execute(db, kSchema);  // a new file
+            execute(db, ("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
+        } else if (version != kSchemaVersion) {
+            sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+            throw OtherSchema{version};
         }
+        execute(db, "COMMIT");
         return true;
     }
 
-    static bool hasColumn(sqlite3* db, const char* table, const char* column) {
-        Statement columns(db, "SELECT 1 FROM pragma_table_info(?1) WHERE name = ?2");
-        Query query(columns);
-        return query.text(1, table).text(2, column).step();
+    static std::int64_t single(sqlite3* db, const char* sql) {
+        Statement statement(db, sql);
+        Query query(statement);
+        query.step();
+        return query.number(0);
     }
 
     // The bytes of event text held, each text once: an event row serves every
     // recipient, a given-back row one client.
     static std::int64_t countStored(sqlite3* db) {
-        Statement stored(db,
-                         "SELECT (SELECT coalesce(sum(length(text)), 0) FROM events) + "
-                         "(SELECT coalesce(sum(length(text)), 0) FROM returned)");
+        Statement stored(db, "SELECT coalesce(sum(length(text)), 0) FROM events");
         Query query(stored);
         query.step();
         return query.number(0);
@@ -394,7 +396,7 @@ struct SqliteStore::Database {
     // waits for any more (all of its server's, when it was the last client).
     void remove(std::int64_t client, const std::string& serverId) {
         fetchedMs.erase(client);  // row ids are used again
-        storedBytes -= Query(removeReturned).number(1, client).sum();
+        Query(removePosts).number(1, client).run();
         Query(removeClient).number(1, client).run();
         // The sequence restarts with the server's next first client.
         Query(removeEmptyServer).text(1, serverId).run();
@@ -426,10 +428,10 @@ struct SqliteStore::Database {
     const bool ready;
     Statement begin, commit;
     Statement findClient, listClients, countClients, addServer, addClient, removeClient,
-        removeReturned, removeEmptyServer, removeServerEvents, dropTakenEvents;
+        removePosts, removeEmptyServer, removeServerEvents, dropTakenEvents;
     Statement clientsWaiting, addEvent, countPost, countOwnPost, catchUp;
-    Statement markFetch, clearReturned, returnedEvents, waitingEvents, headPosition, addReturned,
-        countReturned, totals, listInfo, probe;
+    Statement markFetch, waitingEvents, passedEvents, moveCursor, findPost, addPost, forgetPosts;
+    Statement totals, listInfo, probe;
     // The store holds the file alone (exclusive locking), so the count kept
     // here stays true; transaction() puts it back when one rolls back.
     std::int64_t storedBytes;
@@ -473,6 +475,13 @@ SqliteStore::SqliteStore(const std::string& directory, const ServiceLimits& limi
     } catch (const SqliteError& failure) {
         throw Failure{FailureKind::Limit,
                       storeFailedMessage("open the database " + path, failure.cause)};
+    } catch (const OtherSchema& other) {
+        throw Failure{FailureKind::Limit,
+                      "The database " + path + " has layout version " +
+                          std::to_string(other.found) + "; this build reads version " +
+                          std::to_string(kSchemaVersion) +
+                          " only and cannot read it: move it aside (its clients register "
+                          "again) or serve it with the build that wrote it."};
     }
 }
 
@@ -516,7 +525,7 @@ void SqliteStore::transaction(const char* action, Operation operation) {
 }
 
 // Columns of findClient.
-enum ClientColumn { kRow, kWaiting, kWaitingFromOthers, kNextSequence, kCursor, kReturned };
+enum ClientColumn { kRow, kWaiting, kNextSequence, kCursor };
 
 void SqliteStore::registerClient(const std::string& serverId, const std::string& clientId,
                                  ClientList& clients) {
@@ -558,13 +567,23 @@ void SqliteStore::clients(const std::string& serverId, ClientList& clients) {
 
 void SqliteStore::post(const std::string& serverId, const std::string& senderId,
                        const std::string& text, const std::string& postId, ClientList& clients) {
-    (void)postId;
     transaction("queue the event", [&] {
         Query sender(db->findClient);
         if (!sender.text(1, serverId).text(2, senderId).step()) {
             throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
         }
         const std::int64_t senderRow = sender.number(kRow);
+        const std::int64_t now = epochMilliseconds();
+        if (!postId.empty()) {
+            Query seen(db->findPost);
+            if (seen.number(1, senderRow)
+                    .text(2, postId)
+                    .number(3, now - kRememberedPostAgeMs)
+                    .step()) {
+                db->list(serverId, clients);  // posted already: answered as the first time
+                return;
+            }
+        }
         const std::int64_t size = static_cast<std::int64_t>(text.size());
         // The clients in their order, each recipient checked against the limits.
         const ServiceLimits& limit = limits();
@@ -610,57 +629,101 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
             .number(2, othersListen ? 1 : 0)
             .number(3, othersListen ? size : 0)
             .run();
-        if (sender.number(kWaitingFromOthers) == 0) {
+        if (sender.number(kWaiting) == 0) {
             // Nothing of others waits for the sender: its cursor follows its own
-            // posts, so that a client that posts and never takes keeps no event.
+            // posts, so that a client that posts and never reads keeps no event.
             Query(db->catchUp).number(1, senderRow).run();
-        } else {
+            db->storedBytes -= Query(db->dropTakenEvents).text(1, serverId).sum();
+        } else if (othersListen) {
             Query(db->countOwnPost).number(1, senderRow).number(2, size).run();
+        }
+        if (!postId.empty()) {
+            Query(db->addPost).number(1, senderRow).text(2, postId).number(3, now).run();
+            Query(db->forgetPosts)
+                .number(1, senderRow)
+                .number(2, now - kRememberedPostAgeMs)
+                .number(3, static_cast<std::int64_t>(kRememberedPosts))
+                .run();
         }
         clients.swap(after);
     });
 }
 
+// Moves the client's cursor to upTo (never back, never past the log), catches
+// it up when nothing of others waits past it any more, and trims the log.
+// Returns the cursor afterwards.
+std::int64_t SqliteStore::advance(const std::string& serverId, std::int64_t row,
+                                  std::int64_t cursor, std::int64_t waiting,
+                                  std::int64_t lastSequence, std::uint64_t upTo) {
+    const std::int64_t target =
+        std::min(lastSequence, static_cast<std::int64_t>(std::min<std::uint64_t>(upTo, INT64_MAX)));
+    if (target <= cursor) {
+        return cursor;
+    }
+    Query passed(db->passedEvents);
+    passed.text(1, serverId).number(2, cursor).number(3, target).number(4, row).step();
+    const std::int64_t all = passed.number(0), own = passed.number(2);
+    std::int64_t after = target;
+    if (waiting - (all - own) == 0) {
+        Query(db->catchUp).number(1, row).run();
+        after = lastSequence;
+    } else {
+        Query(db->moveCursor)
+            .number(1, row)
+            .number(2, target)
+            .number(3, all)
+            .number(4, passed.number(1))
+            .number(5, own)
+            .number(6, passed.number(3))
+            .run();
+    }
+    db->storedBytes -= Query(db->dropTakenEvents).text(1, serverId).sum();
+    return after;
+}
+
 void SqliteStore::read(const std::string& serverId, const std::string& clientId,
                        const std::optional<std::uint64_t>& ackUpTo,
                        std::vector<StoredEvent>& events) {
-    (void)ackUpTo;
-    transaction("take the events", [&] {
+    transaction("read the events", [&] {
         Query known(db->findClient);
         if (!known.text(1, serverId).text(2, clientId).step()) {
             throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
         }
-        std::vector<StoredEvent> taken;
         const std::int64_t client = known.number(kRow);
         const std::int64_t now = epochMilliseconds();
-        db->fetchedMs[client] = now;
-        if (known.number(kWaiting) > 0) {  // an empty queue, the usual poll, writes nothing
+        const std::int64_t before = known.number(kCursor);
+        const std::int64_t cursor = ackUpTo
+                                        ? advance(serverId, client, before, known.number(kWaiting),
+                                                  known.number(kNextSequence) - 1, *ackUpTo)
+                                        : before;
+        std::vector<StoredEvent> found;
+        if (cursor != before || known.number(kWaiting) > 0) {
+            // An empty poll, the usual one, writes nothing: it must go on
+            // working when the disk is full.
             Query(db->markFetch).number(1, client).number(2, now).run();
-            auto read = [&taken](Query& query) {
-                while (query.step()) {
-                    taken.push_back(
-                        StoredEvent{query.text(0), static_cast<std::uint64_t>(query.number(1)),
-                                    std::make_shared<const std::string>(query.text(2))});
-                }
-            };
-            if (known.number(kReturned) > 0) {
-                Query returned(db->returnedEvents);
-                returned.number(1, client);
-                read(returned);
-                db->storedBytes -= Query(db->removeReturned).number(1, client).sum();
-                Query(db->clearReturned).number(1, client).run();
-            }
             Query waiting(db->waitingEvents);
-            waiting.text(1, serverId).number(2, known.number(kCursor)).number(3, client);
-            read(waiting);
-            Query(db->catchUp).number(1, client).run();
-            db->storedBytes -= Query(db->dropTakenEvents).text(1, serverId).sum();
+            waiting.text(1, serverId).number(2, cursor).number(3, client);
+            while (waiting.step()) {
+                found.push_back(StoredEvent{waiting.text(0),
+                                            static_cast<std::uint64_t>(waiting.number(1)),
+                                            std::make_shared<const std::string>(waiting.text(2))});
+            }
         }
-        events.swap(taken);
+        db->fetchedMs[client] = now;
+        events.swap(found);
     });
 }
 
-void SqliteStore::acknowledge(const std::string&, const std::string&, std::uint64_t) {}
+void SqliteStore::acknowledge(const std::string& serverId, const std::string& clientId,
+                              std::uint64_t upTo) {
+    transaction("acknowledge the events", [&] {
+        Query known(db->findClient);
+        if (known.text(1, serverId).text(2, clientId).step()) {
+            advance(serverId, known.number(kRow), known.number(kCursor), known.number(kWaiting),
+                    known.number(kNextSequence) - 1, upTo);
+        }
+    });
+}
 
 StoreStats SqliteStore::stats() {
     StoreStats stats;

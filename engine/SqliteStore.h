@@ -13,6 +13,8 @@
 // second one opened on the same directory fails to open it. A post writes one
 // row for the event whatever the number of recipients; each client's queue is
 // the server's events past its cursor (SqliteStore.cpp explains the tables).
+// The file carries the version of its layout; one of another version is
+// refused at start with a message naming the file and what to do.
 //
 // A failure of the database (disk full, I/O error) is a FailureKind::Limit
 // Failure naming the cause; the store serves again once the cause is
@@ -66,6 +68,8 @@ private:
     struct Database;
     template <typename Operation>
     void transaction(const char* action, Operation operation);
+    std::int64_t advance(const std::string& serverId, std::int64_t row, std::int64_t cursor,
+                         std::int64_t waiting, std::int64_t lastSequence, std::uint64_t upTo);
 
     std::mutex mutex;  // one operation at a time on the connection
     std::unique_ptr<Database> db;

@@ -31,29 +31,29 @@ enum class RedisStatus {
 
 class RedisScripts {
 public:
+    // Every script takes the server's keys, in the order of RedisServerKeys
+    // (RedisStore.cpp): clients, server, bytes, waiting, cursors, order, log,
+    // and the store's total; then ARGV[1], the prefix of the per-sender post
+    // id keys, and what follows below.
     enum Script {
-        // KEYS clients, server; ARGV client, most clients, now -> {status, clients | count}
+        // ARGV client, most clients, now -> {status, clients | count}
         Register,
-        // KEYS clients, server, bytes, queue, pending, stored; ARGV client
-        // -> {status, remaining clients}
+        // ARGV client -> {status, remaining clients}
         Unregister,
-        // KEYS clients, server, bytes, pending, stored; ARGV queue prefix, sender,
-        // text, most events, most bytes, most stored
-        // -> {status, clients | recipient, waiting | stored}
+        // ARGV sender, text, post id, now, most events, most bytes, most stored,
+        // ids remembered, their age in ms -> {status, clients | recipient,
+        // waiting | stored}
         Post,
-        // KEYS clients, server, bytes, queue, pending, stored; ARGV client, now
-        // -> {status, events}
-        Take,
-        // KEYS clients, bytes, queue, pending, stored; ARGV client, bytes, events
-        // newest first -> {status}
-        Restore,
-        // KEYS clients, bytes; ARGV queue prefix -> {clients, events, bytes}
+        // ARGV client, now, acknowledged ("" for none) -> {status, events}
+        Read,
+        // ARGV client, acknowledged -> {status}
+        Acknowledge,
+        // -> {clients, events, bytes}
         Count,
-        // KEYS clients, server, bytes; ARGV queue prefix -> {status, {client,
-        // events, bytes, registered, fetched, ...}} in registration order
+        // -> {status, {client, events, bytes, registered, fetched, ...}} in
+        // registration order
         List,
-        // KEYS clients, server, bytes, pending, stored; ARGV queue prefix, idle
-        // before -> {status, the expired clients as List gives them}
+        // ARGV idle before -> {status, the expired clients as List gives them}
         Expire,
         kScriptCount
     };

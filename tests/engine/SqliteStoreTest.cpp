@@ -1,5 +1,6 @@
 // The SQLite store keeps its state across closing and reopening: clients in
-// their order, waiting events in theirs (given-back ones first), sequences.
+// their order, cursors, waiting events in theirs, sequences; and refuses a file
+// of another layout.
 #include "engine/SqliteStore.h"
 
 #include <gtest/gtest.h>
@@ -97,10 +98,10 @@ TEST_F(SqliteStoreTest, AFileInTheWayIsAClearFailure) {
 }
 
 // The store's files are its owner's alone: a directory it makes is 0700, the
-// database and its -wal file 0600, and a database found wider is
-// narrowed. A database written before clients had times opens, its clients
-// registered as of the upgrade.
-TEST_F(SqliteStoreTest, FilesArePrivateAndOlderDatabasesOpen) {
+// database and its -wal file 0600, and a database found wider is narrowed. A
+// file of another layout (one written before layouts had versions, or by a
+// later build) is refused, naming the file, its version and what to do.
+TEST_F(SqliteStoreTest, FilesArePrivateAndOtherLayoutsAreRefused) {
     auto mode = [](const std::string& path) {
         struct stat status {};
         EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
@@ -120,21 +121,29 @@ TEST_F(SqliteStoreTest, FilesArePrivateAndOlderDatabasesOpen) {
         }
     }
     ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(db,
-                           "ALTER TABLE clients DROP COLUMN registered_ms;"
-                           "ALTER TABLE clients DROP COLUMN last_fetch_ms;",
-                           nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    sqlite3_close(db);
-    SqliteStore store(made, ServiceLimits());
-    EXPECT_EQ(mode(file), 0600u);
-    std::vector<ClientInfo> listed;
-    store.listClients("", listed);
-    ASSERT_EQ(listed.size(), 2u);
-    EXPECT_GT(listed[1].registeredMs, 0);
-    EXPECT_EQ(listed[1].waitingEvents, 1u);
+    {
+        SqliteStore store(made, ServiceLimits());
+        EXPECT_EQ(mode(file), 0600u);
+        EXPECT_EQ(store.stats().waitingEvents, 1u);
+    }
+    for (const char* version : {"0", "3"}) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, (std::string("PRAGMA user_version = ") + version).c_str(),
+                               nullptr, nullptr, nullptr),
+                  SQLITE_OK);
+        sqlite3_close(db);
+        try {
+            SqliteStore store(made, ServiceLimits());
+            ADD_FAILURE() << "version " << version << " opened";
+        } catch (const Failure& failure) {
+            EXPECT_EQ(failure.kind, FailureKind::Limit);
+            for (const std::string& part :
+                 {file + " has layout version " + version, std::string("move it aside")}) {
+                EXPECT_NE(failure.message.find(part), std::string::npos) << failure.message;
+            }
+        }
+    }
 }
 
 }  // namespace

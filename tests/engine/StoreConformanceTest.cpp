@@ -1,7 +1,7 @@
 // What every store must do, run over each store of StoreFactories.h: the
 // order of clients and events, sequences, all-or-nothing fan-out, the limits,
-// restore at the head, unregistering dropping events, the operators' listing and
-// expiry, and the bound on the bytes the whole store holds.
+// cursors and post ids, unregistering dropping events, the operators' listing
+// and expiry, and the bound on the bytes the whole store holds.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -231,6 +231,60 @@ TEST_P(StoreConformance, LimitsRefuseTheWholePost) {
     post("S", "b", "123456");  // exactly 10 bytes for a
     EXPECT_EQ(take("S", "a"), (Lines{"c|1|1234", "b|3|123456"}));
     EXPECT_EQ(take("S", "c"), (Lines{"b|3|123456"}));
+}
+
+// Cursors, one scenario a row, on server "S" with clients a and b. A step is
+// "a+text" (a posts text), "a+text#id" (with a post id), "b?" (b reads, expect
+// then what it gets as "sender|sequence|text" after a space each), "b?N" (reads
+// after acknowledging N), "b!N" (acknowledges N) or "c=" (c registers).
+TEST_P(StoreConformance, CursorsMoveOnlyForwardByAcknowledgement) {
+    struct Case {
+        const char* rule;
+        std::vector<std::string> steps;
+    } cases[] = {
+        {"unacknowledged events come again, in order",
+         {"a+one", "a+two", "b? a|1|one a|2|two", "b? a|1|one a|2|two", "b!1", "b? a|2|two", "b?2",
+          "b?"}},
+        {"the cursor never moves back nor past the log",
+         {"a+one", "a+two", "b!2", "b!1", "b?0", "a+three", "b?1 a|3|three", "b!99", "a+four",
+          "b? a|4|four"}},
+        {"own posts are left out; a new client starts at the head",
+         {"a+one", "b+two", "a? b|2|two", "c=", "c?", "a+three", "c? a|3|three",
+          "b? a|1|one a|3|three", "a?2", "a?"}},
+        {"a repeated post id posts once, per sender",
+         {"a+one#p", "a+one#p", "a+other#p", "b+two#p", "a+three#q", "b? a|1|one a|3|three",
+          "a? b|2|two"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.rule);
+        open(ServiceLimits{});
+        add("S", {"a", "b"});
+        for (const std::string& step : c.steps) {
+            SCOPED_TRACE(step);
+            const std::string client = step.substr(0, 1);
+            const char op = step[1];
+            const std::size_t space = std::min(step.find(' '), step.size());
+            const std::string rest = step.substr(2, space - 2);
+            if (op == '+') {
+                const std::size_t hash = rest.find('#');
+                post("S", client, rest.substr(0, hash),
+                     hash == std::string::npos ? "" : rest.substr(hash + 1));
+            } else if (op == '!') {
+                store->acknowledge("S", client, std::stoull(rest));
+            } else if (op == '=') {
+                add("S", {client});
+            } else {
+                Lines got = read(
+                    "S", client,
+                    rest.empty() ? std::nullopt : std::optional<std::uint64_t>(std::stoull(rest)));
+                std::string joined;
+                for (const std::string& event : got) {
+                    joined += " " + event;
+                }
+                EXPECT_EQ(joined, step.substr(space));
+            }
+        }
+    }
 }
 
 TEST_P(StoreConformance, ListsClientsByServerWithTheirQueuesAndTimes) {
