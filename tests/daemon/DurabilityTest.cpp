@@ -70,7 +70,7 @@ TEST(DaemonFullDisk, AStoreThatCannotWriteFailsClearlyAndRecovers) {
     // One process per step: a and b registered, then posts of 256 KiB by a.
     auto step = [&](const std::string& what) {
         Child child(
-            [&] {
+            [&]() -> int {
                 AvQVLConnection connection;
                 std::string server = "S", client = what == "get" ? "b" : "a", locale, events,
                             correlation;
@@ -92,7 +92,8 @@ TEST(DaemonFullDisk, AStoreThatCannotWriteFailsClearlyAndRecovers) {
                 } catch (const Exception& e) {
                     std::printf("failed: %s", e.getMessage().c_str());
                 }
-                return 0;
+                std::fflush(stdout);
+                std::exit(0);  // a normal end: the backend acknowledges what it read
             },
             Strings{daemon.url()});
         EXPECT_EQ(child.wait(), 0);
