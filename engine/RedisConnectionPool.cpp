@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace Arvant {
@@ -85,7 +86,15 @@ RedisReply RedisConnectionPool::command(const std::vector<const std::string*>& a
     RedisReply reply = send(context.get(), arguments);
     if (!reply) {
         // Dropped with the context: a broken connection is never used again.
-        fail("failed during a command", context->errstr);
+        // The command may have reached Redis, and a script that did may still
+        // run after the time-out: whether it changed anything is not known.
+        const bool timedOut = context->err == REDIS_ERR_IO && errno == EAGAIN;
+        throw Failure{
+            FailureKind::Limit,
+            unknownOutcomeMessage(
+                "run a command on " + redisName,
+                timedOut ? "no answer within " + std::to_string(address.commandTimeoutMs) + " ms"
+                         : std::string(context->errstr))};
     }
     giveBack(std::move(context));
     return reply;

@@ -6,10 +6,11 @@
 // Redis Cluster slot (the key layout is in README.md).
 //
 // Redis unreachable, timed out or failing: Failure of kind Limit naming
-// Redis and the cause. A reply lost on the way back (the connection broke after
-// Redis ran the script) leaves the operation applied or not, as for any
-// request whose answer was lost. Thread-safe; connections are pooled and opened
-// again after Redis restarts.
+// Redis and the cause. A command timed out or a connection lost after the
+// script was sent leaves the operation applied or not (a timed-out script may
+// still run): the Failure says the outcome is unknown, and a resend with the
+// same post id is safe. Thread-safe; connections are pooled and opened again
+// after Redis restarts.
 #ifndef AVQVL_ENGINE_REDISSTORE_H
 #define AVQVL_ENGINE_REDISSTORE_H
 

@@ -4,8 +4,10 @@
 // (a restart) is dropped, so the next command connects anew.
 //
 // Every failure to reach Redis or to read its reply throws Failure of kind
-// Limit whose message names Redis, its address and the cause. Error replies are
-// returned to the caller, which decides what they mean.
+// Limit whose message names Redis, its address and the cause; once a command
+// was handed to the connection, the message says its outcome is unknown
+// (unknownOutcomeMessage). Error replies are returned to the caller, which
+// decides what they mean.
 #ifndef AVQVL_ENGINE_INTERNAL_REDISCONNECTIONPOOL_H
 #define AVQVL_ENGINE_INTERNAL_REDISCONNECTIONPOOL_H
 

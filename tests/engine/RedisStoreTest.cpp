@@ -234,6 +234,47 @@ TEST_F(RedisStoreTest, StatsCountEveryServer) {
     EXPECT_EQ(after.waitingBytes - before.waitingBytes, 13u);
 }
 
+// A post's text is held once whatever the number of its recipients.
+TEST_F(RedisStoreTest, OnePostToManyClientsHoldsItsTextOnce) {
+    auto store = makeStore();
+    const std::string s = server();
+    ClientList clients;
+    for (int i = 0; i < 1000; ++i) {
+        store->registerClient(s, std::to_string(i), clients);
+    }
+    const long long before = sharedRedis().usedMemory();
+    ASSERT_GT(before, 0);
+    store->post(s, "0", std::string(1 << 20, 'x'), "", clients);
+    EXPECT_LT(sharedRedis().usedMemory() - before, 5 << 20);
+    std::vector<StoredEvent> events;
+    store->read(s, "999", std::nullopt, events);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].text->size(), std::size_t(1) << 20);
+}
+
+// A script that timed out may still run: the failure says the outcome is
+// unknown, and the same post sent again with its id posts nothing more.
+TEST_F(RedisStoreTest, ATimedOutPostHasAnUnknownOutcomeAndMayBeResent) {
+    RedisAddress address;
+    address.port = sharedRedis().port;
+    address.commandTimeoutMs = 200;
+    RedisStore store(address, ServiceLimits());
+    const std::string s = server();
+    registerAll(store, s, {"a", "b"});
+    ClientList clients;
+    sharedRedis().signal(SIGSTOP);
+    std::string message;
+    EXPECT_EQ(failureOf([&] { store.post(s, "a", "once", "id", clients); }, &message),
+              FailureKind::Limit);
+    sharedRedis().signal(SIGCONT);
+    const std::string unknown = "the outcome is unknown; retrying the same request is safe";
+    ASSERT_GE(message.size(), unknown.size());
+    EXPECT_EQ(message.substr(message.size() - unknown.size()), unknown) << message;
+    EXPECT_NE(message.find("Redis at 127.0.0.1:"), std::string::npos) << message;
+    store.post(s, "a", "once", "id", clients);
+    EXPECT_EQ(takeAll(store, s, "b"), (Strings{"a:1:once"}));
+}
+
 // Two stores stand for two daemons: every post reaches every recipient once,
 // under one order of sequence numbers, and a limit holds for both together.
 TEST_F(RedisStoreTest, TwoStoresShareOneStateUnderConcurrentPosts) {

@@ -108,6 +108,14 @@ public:
         }
     }
 
+    // used_memory of INFO memory, in bytes; -1 when Redis did not tell.
+    long long usedMemory() const {
+        const std::string field = "\r\nused_memory:";
+        const std::string info = command("INFO memory", field);
+        const std::size_t at = info.find(field);
+        return at == std::string::npos ? -1 : std::atoll(info.c_str() + at + field.size());
+    }
+
     // SIGSTOP makes a server that accepts connections and never answers; SIGCONT
     // brings it back.
     void signal(int signal) const { ::kill(child, signal); }
@@ -146,8 +154,9 @@ private:
         return answer == "+PONG" || answer.compare(0, 7, "-NOAUTH") == 0;
     }
 
-    // Sends one inline command; the first line of the answer, or "" when none came.
-    std::string command(const std::string& line) const {
+    // Sends one inline command; the first line of the answer, or "" when none
+    // came. Given `through`, the answer up to the line after it instead.
+    std::string command(const std::string& line, const std::string& through = "") const {
         const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -158,12 +167,20 @@ private:
             timeval timeout{5, 0};
             ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
             const std::string request = line + "\r\n";
-            char buffer[64] = {};
+            char buffer[4096];
             if (::write(fd, request.data(), request.size()) ==
-                    static_cast<ssize_t>(request.size()) &&
-                ::read(fd, buffer, sizeof buffer - 1) > 0) {
-                answer = buffer;
-                answer = answer.substr(0, answer.find('\r'));
+                static_cast<ssize_t>(request.size())) {
+                for (ssize_t got = 0; (got = ::read(fd, buffer, sizeof buffer)) > 0;) {
+                    answer.append(buffer, static_cast<std::size_t>(got));
+                    const std::size_t at = answer.find(through);
+                    if (at != std::string::npos &&
+                        answer.find('\r', at + through.size()) != std::string::npos) {
+                        break;
+                    }
+                }
+                if (through.empty()) {
+                    answer = answer.substr(0, answer.find('\r'));
+                }
             }
         }
         ::close(fd);
