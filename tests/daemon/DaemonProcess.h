@@ -17,8 +17,12 @@ namespace Harness {
 // quorveld on an ephemeral loopback port, logging to err(); always stopped.
 class DaemonProcess : public Child {
 public:
-    explicit DaemonProcess(const Strings& options = {}, const Strings& env = {})
-        : Child(program({QUORVELD_BINARY, "--listen", "127.0.0.1:0"}, options), env) {
+    // port 0 picks a free one; a daemon started again on its predecessor's port
+    // finds the clients coming back.
+    explicit DaemonProcess(const Strings& options = {}, const Strings& env = {}, int listenPort = 0)
+        : Child(program({QUORVELD_BINARY, "--listen", "127.0.0.1:" + std::to_string(listenPort)},
+                        options),
+                env) {
         char newline = 0;
         for (int i = 0; i < 2000 && newline != '\n' && running(); ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));

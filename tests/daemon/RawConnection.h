@@ -36,6 +36,16 @@ public:
         }
         return received;
     }
+    // What has arrived, up to max bytes, left unread: the reader of a stalled
+    // client. Waits timeoutMs at most for a first byte.
+    std::string peek(std::size_t max, int timeoutMs) {
+        std::string seen(max, '\0');
+        pollfd entry{fd, POLLIN, 0};
+        const ssize_t n =
+            ::poll(&entry, 1, timeoutMs) > 0 ? ::recv(fd, &seen[0], max, MSG_PEEK) : 0;
+        seen.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+        return seen;
+    }
     bool connected = false;
     bool closed = false;
 

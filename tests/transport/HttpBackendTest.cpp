@@ -26,7 +26,7 @@
 #include "daemon/DaemonHarness.h"
 #include "protocol/Failure.h"
 #include "protocol/Names.h"
-#include "support/DroppingProxy.h"
+#include "support/TcpBalancer.h"
 #include "transport/internal/DeadlineSocket.h"
 #include "transport/internal/HttpBackend.h"
 #include "transport/internal/HttpUrl.h"
@@ -639,8 +639,8 @@ TEST(HttpBackendTest, AnswersLostOnTheWayLoseAndRepeatNothing) {
     std::unique_ptr<Harness::Child> daemon;
     const int port = startDaemon(daemon, 0);
     ASSERT_NE(port, 0) << daemon->err();
-    DroppingProxy proxy(port);
-    const std::string url = "http://127.0.0.1:" + std::to_string(proxy.port());
+    TcpBalancer proxy({port});
+    const std::string url = "http://127.0.0.1:" + std::to_string(proxy.port);
     const struct {
         const char* name;
         const char* dropped;  // the operation whose answer the proxy drops
@@ -693,7 +693,7 @@ TEST(HttpBackendTest, AnswersLostOnTheWayLoseAndRepeatNothing) {
         EXPECT_EQ(count(send("bob", "getEvents", "")), 1u) << row.name;
         EXPECT_EQ(count(::exchange(*backend, "", as("bob", "getEvents")).text), 0u) << row.name;
     }
-    EXPECT_EQ(proxy.dropped, 4);
+    EXPECT_EQ(proxy.dropped(), 4);
     daemon->signal(SIGTERM);
     EXPECT_EQ(daemon->wait(10000), 0);
 }

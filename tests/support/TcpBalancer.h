@@ -1,0 +1,154 @@
+// A plain TCP balancer for tests: listens on a free loopback port and hands each
+// connection to the next of its loopback backends in turn (the one after when a
+// backend refuses), relaying bytes both ways until either side closes; it knows
+// nothing of HTTP. It runs as a process of its own, each connection relayed by
+// a child of that process, at most kMaxRelays at once (more are closed at once).
+// unanswered() counts the connections a backend closed while a request on
+// them had no answer byte yet (a daemon killed under load). With one backend
+// it is a proxy that can lose an answer: after dropNextAnswer() the next bytes
+// a backend sends are thrown away and both sides closed, so the server did the
+// work and the client got nothing (dropped() counts those). Everything stops
+// (SIGKILL) when the object ends; the object is for one thread.
+#ifndef AVQVL_TESTS_SUPPORT_TCPBALANCER_H
+#define AVQVL_TESTS_SUPPORT_TCPBALANCER_H
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+class TcpBalancer {
+public:
+    static constexpr int kMaxRelays = 128;
+
+    explicit TcpBalancer(std::vector<int> backendPorts) : backends(std::move(backendPorts)) {
+        const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address = loopback(0);
+        socklen_t length = sizeof address;
+        if (::bind(listener, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+            ::listen(listener, 64) != 0 ||
+            ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+            throw std::runtime_error("TcpBalancer: cannot listen on loopback");
+        }
+        port = ntohs(address.sin_port);
+        // Shared with the relay processes, which count into it.
+        shared = static_cast<Counters*>(::mmap(nullptr, sizeof(Counters), PROT_READ | PROT_WRITE,
+                                               MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        std::fflush(nullptr);
+        if ((child = ::fork()) == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            serve(listener);
+        }
+        ::close(listener);
+    }
+    ~TcpBalancer() {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+        ::munmap(shared, sizeof(Counters));
+    }
+    TcpBalancer(const TcpBalancer&) = delete;
+    TcpBalancer& operator=(const TcpBalancer&) = delete;
+
+    int unanswered() const { return __atomic_load_n(&shared->unanswered, __ATOMIC_SEQ_CST); }
+    int dropped() const { return __atomic_load_n(&shared->dropped, __ATOMIC_SEQ_CST); }
+    void dropNextAnswer() { __atomic_store_n(&shared->dropNext, 1, __ATOMIC_SEQ_CST); }
+    std::string url() const { return "QUORVEL_URL=http://127.0.0.1:" + std::to_string(port); }
+    int port = 0;
+
+private:
+    static sockaddr_in loopback(int port) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        return address;
+    }
+
+    [[noreturn]] void serve(int listener) {
+        int relays = 0;
+        for (std::size_t next = 0;; ++next) {
+            const int client = ::accept(listener, nullptr, nullptr);
+            while (::waitpid(-1, nullptr, WNOHANG) > 0) {
+                --relays;
+            }
+            if (client < 0 || relays >= kMaxRelays) {
+                ::close(client);
+                continue;
+            }
+            int backend = -1;
+            for (std::size_t tried = 0; tried < backends.size() && backend < 0; ++tried) {
+                backend = ::socket(AF_INET, SOCK_STREAM, 0);
+                const sockaddr_in address = loopback(backends[(next + tried) % backends.size()]);
+                if (::connect(backend, reinterpret_cast<const sockaddr*>(&address),
+                              sizeof address) != 0) {
+                    ::close(backend);
+                    backend = -1;
+                }
+            }
+            if (backend >= 0 && ::fork() == 0) {
+                ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+                ::close(listener);
+                relay(client, backend);
+            }
+            relays += backend >= 0;
+            ::close(client);
+            ::close(backend);
+        }
+    }
+
+    // Copies whatever either side sends to the other; ends when one side
+    // closes or fails, closing both (a daemon killed mid-answer cuts the answer).
+    [[noreturn]] void relay(int client, int backend) {
+        pollfd ends[2] = {{client, POLLIN, 0}, {backend, POLLIN, 0}};
+        char buffer[64 * 1024];
+        for (int lastFrom = 1;;) {
+            if (::poll(ends, 2, -1) < 0) {
+                ::_exit(1);
+            }
+            for (int from = 0; from < 2; ++from) {
+                if (ends[from].revents == 0) {
+                    continue;
+                }
+                const ssize_t got = ::read(ends[from].fd, buffer, sizeof buffer);
+                if (got > 0 && from == 1 &&
+                    __atomic_exchange_n(&shared->dropNext, 0, __ATOMIC_SEQ_CST) != 0) {
+                    __atomic_add_fetch(&shared->dropped, 1, __ATOMIC_SEQ_CST);
+                    ::_exit(0);
+                }
+                for (ssize_t sent = 0, n = 0; got > 0 && sent < got; sent += n) {
+                    if ((n = ::send(ends[1 - from].fd, buffer + sent, got - sent, MSG_NOSIGNAL)) <=
+                        0) {
+                        ::_exit(0);
+                    }
+                }
+                if (got <= 0) {
+                    if (from == 1 && lastFrom == 0) {
+                        __atomic_add_fetch(&shared->unanswered, 1, __ATOMIC_SEQ_CST);
+                    }
+                    ::_exit(0);
+                }
+                lastFrom = from;
+            }
+        }
+    }
+
+    std::vector<int> backends;
+    pid_t child = -1;
+    struct Counters {
+        int unanswered, dropNext, dropped;
+    };
+    Counters* shared = nullptr;  // zeroed by mmap
+};
+
+#endif  // AVQVL_TESTS_SUPPORT_TCPBALANCER_H
