@@ -169,7 +169,8 @@ public:
         }
         HttpOutcome outcome = sendResendingOnce(connection, body, response);
         if (kind == Kind::post) {
-            ledger.posted(identity, body, postId, outcomeUnknown(outcome, response));
+            const bool applied = outcome.fault == HttpFault::none && outcome.status == 200;
+            ledger.posted(identity, body, postId, applied, outcomeUnknown(outcome, response));
         }
         if (outcome.fault != HttpFault::none) {
             response.clear();

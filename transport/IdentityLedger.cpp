@@ -91,20 +91,19 @@ std::string IdentityLedger::postIdFor(const Identity& identity, const std::strin
 }
 
 void IdentityLedger::posted(const Identity& identity, const std::string& body,
-                            const std::string& postId, bool outcomeUnknown) {
+                            const std::string& postId, bool applied, bool outcomeUnknown) {
     std::lock_guard<std::mutex> lock(mutex);
-    if (!outcomeUnknown) {
+    const auto found = entries.find(identity);
+    const bool retryOfKept = found != entries.end() && found->second.postId == postId;
+    if (outcomeUnknown || (!applied && retryOfKept)) {
+        Entry& entry = entries[identity];
+        entry.postId = postId;
+        entry.postBody = body;
+    } else if (found != entries.end()) {
         // Only the next post may be the retry: whatever it was, the id is done.
-        const auto found = entries.find(identity);
-        if (found != entries.end()) {
-            found->second.postId.clear();
-            found->second.postBody.clear();
-        }
-        return;
+        found->second.postId.clear();
+        found->second.postBody.clear();
     }
-    Entry& entry = entries[identity];
-    entry.postId = postId;
-    entry.postBody = body;
 }
 
 }  // namespace Transport

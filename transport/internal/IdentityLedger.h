@@ -57,10 +57,12 @@ public:
     // The post id for a putEvents of body: the one kept for the same body after
     // an unknown outcome, else a new random one.
     std::string postIdFor(const Identity& identity, const std::string& body);
-    // How that putEvents ended: an unknown outcome keeps the id for a retry of
-    // the same body; any other outcome forgets it.
+    // How that putEvents ended. An unknown outcome keeps the id for a retry of
+    // the same body; so does a retry that fails in a way that says nothing of
+    // the first try (connection refused, a limit), since the first may have been
+    // applied. Success, or another post failing, forgets it.
     void posted(const Identity& identity, const std::string& body, const std::string& postId,
-                bool outcomeUnknown);
+                bool applied, bool outcomeUnknown);
 
 private:
     IdentityLedger();
