@@ -93,17 +93,18 @@ std::string fieldOf(const HeaderFields& fields, const char* name) {
 }
 
 // The exchanges whose carrying the backend adds to: fetches it acknowledges,
-// posts it makes idempotent.
-enum class Kind { other, fetch, post };
+// posts it makes idempotent, and the client list that completes a fetch.
+enum class Kind { other, fetch, post, clients };
 
 Kind kindOf(const HeaderFields& fields) {
     if (fieldOf(fields, Protocol::kServiceNameField) != Protocol::kServiceName) {
         return Kind::other;
     }
     const std::string operation = fieldOf(fields, Protocol::kOperationNameField);
-    return operation == Protocol::kGetEvents   ? Kind::fetch
-           : operation == Protocol::kPutEvents ? Kind::post
-                                               : Kind::other;
+    return operation == Protocol::kGetEvents          ? Kind::fetch
+           : operation == Protocol::kPutEvents        ? Kind::post
+           : operation == Protocol::kGetSharedClients ? Kind::clients
+                                                      : Kind::other;
 }
 
 std::string headerLine(const char* name, const std::string& value) {
@@ -111,13 +112,14 @@ std::string headerLine(const char* name, const std::string& value) {
 }
 
 // Whether a post that failed so may have been applied all the same: the
-// service said so, or the request went out and its answer never came whole.
-bool outcomeUnknown(const HttpOutcome& outcome, const std::string& message) {
+// service said so (answer holds its message, a line), or the request went out
+// and its answer never came whole.
+bool outcomeUnknown(const HttpOutcome& outcome, const std::string& answer) {
     if (outcome.fault == HttpFault::timedOut || outcome.fault == HttpFault::lost) {
         return true;
     }
     return outcome.fault == HttpFault::none && outcome.status == Wire::kLimitStatus &&
-           Protocol::hasUnknownOutcome(message);
+           Protocol::hasUnknownOutcome(trimmed(answer));
 }
 
 class HttpBackend : public Backend {
@@ -167,10 +169,17 @@ public:
         if (!composeHead(headers, lines, body.size(), connection.requestHead(), failure)) {
             return false;
         }
-        HttpOutcome outcome = sendResendingOnce(connection, body, response);
+        bool resent = false;
+        HttpOutcome outcome = sendResendingOnce(connection, body, response, resent);
         if (kind == Kind::post) {
+            // A resend that failed says nothing of the first send, which was lost.
             const bool applied = outcome.fault == HttpFault::none && outcome.status == 200;
-            ledger.posted(identity, body, postId, applied, outcomeUnknown(outcome, response));
+            ledger.posted(identity, body, postId, applied,
+                          (resent && !applied) || outcomeUnknown(outcome, response));
+        }
+        if (kind == Kind::clients) {
+            ledger.fetchCompleted(identity,
+                                  outcome.fault == HttpFault::none && outcome.status == 200);
         }
         if (outcome.fault != HttpFault::none) {
             response.clear();
@@ -191,7 +200,7 @@ public:
     // One exchange on the thread's connection, sent once more when a kept-alive
     // connection turns out closed before any byte of its answer.
     HttpOutcome sendResendingOnce(HttpConnection& connection, const std::string& body,
-                                  std::string& response) {
+                                  std::string& response, bool& resent) {
         const auto exchangeBy =
             DeadlineClock::now() + std::chrono::milliseconds(settings.timeoutMs);
         const std::chrono::milliseconds connectTimeout(settings.connectTimeoutMs);
@@ -210,6 +219,7 @@ public:
         // moves nothing until it is acknowledged. Never retried: a new
         // connection, a partial answer, a time-out.
         if (reused && outcome.fault == HttpFault::lost && !outcome.answerStarted) {
+            resent = true;
             outcome =
                 connection.exchange(body, response, exchangeBy, connectTimeout, kMaxResponseBytes);
         }

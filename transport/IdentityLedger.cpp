@@ -57,9 +57,26 @@ void IdentityLedger::fetched(const Identity& identity, std::uint64_t sent,
     Entry& entry = entries[identity];
     entry.confirmed = std::max(entry.confirmed, sent);
     if (lastSequence > entry.read) {
+        if (!entry.fetchOpen) {
+            entry.readBefore = entry.read;
+            entry.fetchOpen = true;
+        }
         entry.read = lastSequence;
         entry.reader = static_cast<long>(::getpid());
     }
+}
+
+void IdentityLedger::fetchCompleted(const Identity& identity, bool succeeded) {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto found = entries.find(identity);
+    if (found == entries.end() || !found->second.fetchOpen) {
+        return;
+    }
+    Entry& entry = found->second;
+    if (!succeeded) {
+        entry.read = std::max(entry.readBefore, entry.confirmed);
+    }
+    entry.fetchOpen = false;
 }
 
 void IdentityLedger::acknowledged(const Identity& identity, std::uint64_t upTo) {

@@ -49,6 +49,10 @@ public:
     // A getEvents that carried `sent` was answered and read to its end; its
     // answer's highest sequence was lastSequence (0: no event).
     void fetched(const Identity& identity, std::uint64_t sent, std::uint64_t lastSequence);
+    // The client library's getEvents ends with a getSharedClients; when that
+    // fails, the call throws and the application never takes the events, so
+    // they stay unread (they come again) rather than being acknowledged.
+    void fetchCompleted(const Identity& identity, bool succeeded);
     // The daemon has had the acknowledgement upTo (an acknowledge-only request).
     void acknowledged(const Identity& identity, std::uint64_t upTo);
     // What this process read and the daemon has not had acknowledged.
@@ -68,10 +72,12 @@ private:
     IdentityLedger();
 
     struct Entry {
-        std::uint64_t read = 0;       // the highest sequence read to its end
-        std::uint64_t confirmed = 0;  // the highest the daemon has had
-        long reader = 0;              // the process that read it
-        std::string postId;           // of the post whose outcome is unknown
+        std::uint64_t read = 0;        // the highest sequence read to its end
+        std::uint64_t readBefore = 0;  // read before the last fetch, until it completes
+        bool fetchOpen = false;        // the last fetch's call has not completed
+        std::uint64_t confirmed = 0;   // the highest the daemon has had
+        long reader = 0;               // the process that read it
+        std::string postId;            // of the post whose outcome is unknown
         std::string postBody;
     };
 
