@@ -112,6 +112,59 @@ void MemoryStore::clients(const std::string& serverId, ClientList& clients) {
     guarded([&] { copyIds(serverId, clients); });
 }
 
+void MemoryStore::checkLimits(const ServerGroup& group, const std::string& serverId,
+                              const std::string& senderId, std::size_t textBytes) const {
+    const ServiceLimits& limit = limits();
+    const std::size_t held = *storedBytes;
+    if (group.clients.size() > 1 && held + textBytes > limit.maxStoredBytes) {
+        throw Failure{
+            FailureKind::Limit,
+            tooManyStoredBytesMessage(serverId, senderId, held, textBytes, limit.maxStoredBytes)};
+    }
+    for (const Client& recipient : group.clients) {
+        if (recipient.id == senderId) {
+            continue;
+        }
+        // The messages are made only when a post is refused: puts are frequent.
+        if (recipient.pending.size() >= limit.maxQueuedEventsPerClient) {
+            throw Failure{FailureKind::Limit, tooManyEventsMessage(serverId, senderId, recipient.id,
+                                                                   recipient.pending.size())};
+        }
+        if (recipient.pendingBytes + textBytes > limit.maxQueuedBytesPerClient) {
+            throw Failure{FailureKind::Limit, tooManyBytesMessage(serverId, senderId, recipient.id,
+                                                                  recipient.pendingBytes, textBytes,
+                                                                  limit.maxQueuedBytesPerClient)};
+        }
+    }
+}
+
+void MemoryStore::queueForAll(ServerGroup& group, const std::string& senderId,
+                              const StoredEvent& event, std::size_t textBytes) {
+    std::size_t queued = 0;
+    try {
+        for (Client& recipient : group.clients) {
+            if (recipient.id != senderId) {
+                recipient.pending.push_back(event);
+                recipient.pendingBytes += textBytes;
+                ++queued;
+            }
+        }
+    } catch (...) {
+        // Take the event back from the recipients that already got it.
+        for (Client& recipient : group.clients) {
+            if (queued == 0) {
+                break;
+            }
+            if (recipient.id != senderId) {
+                recipient.pending.pop_back();
+                recipient.pendingBytes -= textBytes;
+                --queued;
+            }
+        }
+        throw;
+    }
+}
+
 void MemoryStore::post(const std::string& serverId, const std::string& senderId,
                        const std::string& text, ClientList& clients) {
     guarded([&] {
@@ -119,59 +172,14 @@ void MemoryStore::post(const std::string& serverId, const std::string& senderId,
             throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
         }
         ServerGroup& group = servers.find(serverId)->second;
-        const ServiceLimits& limit = limits();
-        const std::size_t held = *storedBytes;
-        if (group.clients.size() > 1 && held + text.size() > limit.maxStoredBytes) {
-            throw Failure{FailureKind::Limit,
-                               tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
-                                                         limit.maxStoredBytes)};
-        }
-        for (const Client& recipient : group.clients) {
-            if (recipient.id == senderId) {
-                continue;
-            }
-            // The messages are made only when a post is refused: puts are frequent.
-            if (recipient.pending.size() >= limit.maxQueuedEventsPerClient) {
-                throw Failure{FailureKind::Limit,
-                              tooManyEventsMessage(serverId, senderId, recipient.id,
-                                                   recipient.pending.size())};
-            }
-            if (recipient.pendingBytes + text.size() > limit.maxQueuedBytesPerClient) {
-                throw Failure{
-                    FailureKind::Limit,
-                    tooManyBytesMessage(serverId, senderId, recipient.id, recipient.pendingBytes,
-                                        text.size(), limit.maxQueuedBytesPerClient)};
-            }
-        }
+        checkLimits(group, serverId, senderId, text.size());
         ClientList after;
         copyIds(serverId, after);
         StoredEvent event{senderId, group.nextSequence, nullptr};
         auto* copy = new std::string(text);
         *storedBytes += text.size();  // given back by TextRelease, even if the next line throws
         event.text.reset(copy, TextRelease{storedBytes, text.size()});
-        std::size_t queued = 0;
-        try {
-            for (Client& recipient : group.clients) {
-                if (recipient.id != senderId) {
-                    recipient.pending.push_back(event);
-                    recipient.pendingBytes += text.size();
-                    ++queued;
-                }
-            }
-        } catch (...) {
-            // Take the event back from the recipients that already got it.
-            for (Client& recipient : group.clients) {
-                if (queued == 0) {
-                    break;
-                }
-                if (recipient.id != senderId) {
-                    recipient.pending.pop_back();
-                    recipient.pendingBytes -= text.size();
-                    --queued;
-                }
-            }
-            throw;
-        }
+        queueForAll(group, senderId, event, text.size());
         ++group.nextSequence;
         clients.swap(after);
     });

@@ -556,6 +556,31 @@ void SqliteStore::clients(const std::string& serverId, ClientList& clients) {
     transaction("list the clients", [&] { db->list(serverId, clients); });
 }
 
+void SqliteStore::listCheckingLimits(const std::string& serverId, const std::string& senderId,
+                                     std::int64_t senderRow, std::size_t textBytes,
+                                     ClientList& clients) {
+    const ServiceLimits& limit = limits();
+    Query listed(db->clientsWaiting);
+    listed.text(1, serverId);
+    while (listed.step()) {
+        clients.push_back(listed.text(1));
+        if (listed.number(0) == senderRow) {
+            continue;
+        }
+        const auto events = static_cast<std::size_t>(listed.number(2));
+        const auto bytes = static_cast<std::size_t>(listed.number(3));
+        if (events >= limit.maxQueuedEventsPerClient) {
+            throw Failure{FailureKind::Limit,
+                          tooManyEventsMessage(serverId, senderId, clients.back(), events)};
+        }
+        if (bytes + textBytes > limit.maxQueuedBytesPerClient) {
+            throw Failure{FailureKind::Limit,
+                          tooManyBytesMessage(serverId, senderId, clients.back(), bytes, textBytes,
+                                              limit.maxQueuedBytesPerClient)};
+        }
+    }
+}
+
 void SqliteStore::post(const std::string& serverId, const std::string& senderId,
                        const std::string& text, ClientList& clients) {
     transaction("queue the event", [&] {
@@ -565,34 +590,15 @@ void SqliteStore::post(const std::string& serverId, const std::string& senderId,
         }
         const std::int64_t senderRow = sender.number(kRow);
         const std::int64_t size = static_cast<std::int64_t>(text.size());
-        // The clients in their order, each recipient checked against the limits.
         const ServiceLimits& limit = limits();
         ClientList after;
-        Query listed(db->clientsWaiting);
-        listed.text(1, serverId);
-        while (listed.step()) {
-            after.push_back(listed.text(1));
-            if (listed.number(0) == senderRow) {
-                continue;
-            }
-            const auto events = static_cast<std::size_t>(listed.number(2));
-            const auto bytes = static_cast<std::size_t>(listed.number(3));
-            if (events >= limit.maxQueuedEventsPerClient) {
-                throw Failure{FailureKind::Limit,
-                              tooManyEventsMessage(serverId, senderId, after.back(), events)};
-            }
-            if (bytes + text.size() > limit.maxQueuedBytesPerClient) {
-                throw Failure{FailureKind::Limit,
-                              tooManyBytesMessage(serverId, senderId, after.back(), bytes,
-                                                  text.size(), limit.maxQueuedBytesPerClient)};
-            }
-        }
+        listCheckingLimits(serverId, senderId, senderRow, text.size(), after);
         const bool othersListen = after.size() > 1;  // else the number alone is used up
         const auto held = static_cast<std::size_t>(db->storedBytes);
         if (othersListen && held + text.size() > limit.maxStoredBytes) {
             throw Failure{FailureKind::Limit,
-                               tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
-                                                         limit.maxStoredBytes)};
+                          tooManyStoredBytesMessage(serverId, senderId, held, text.size(),
+                                                    limit.maxStoredBytes)};
         }
         if (othersListen) {
             db->storedBytes += size;

@@ -65,6 +65,10 @@ private:
     struct Database;
     template <typename Operation>
     void transaction(const char* action, Operation operation);
+    // The server's clients in their order into clients, each recipient checked
+    // against the limits for a post of textBytes by the client in row senderRow.
+    void listCheckingLimits(const std::string& serverId, const std::string& senderId,
+                            std::int64_t senderRow, std::size_t textBytes, ClientList& clients);
 
     std::mutex mutex;  // one operation at a time on the connection
     std::unique_ptr<Database> db;
