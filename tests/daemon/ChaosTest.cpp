@@ -98,8 +98,8 @@ TEST(ChaosTest, TheDaemonOutlivesItsStoreAndServesAgainWhenItIsBack) {
     registerBoth(daemon.port);
     const std::vector<Phase> redisPhases = {
         {"Redis answers", [] {}, 200, Exchanges::Served},
-        {"Redis stopped", [&] { ::kill(redis.pid(), SIGSTOP); }, 503, Exchanges::Stuck},
-        {"Redis resumed", [&] { ::kill(redis.pid(), SIGCONT); }, 200, Exchanges::Served},
+        {"Redis stopped", [&] { redis.signal(SIGSTOP); }, 503, Exchanges::Stuck},
+        {"Redis resumed", [&] { redis.signal(SIGCONT); }, 200, Exchanges::Served},
         {"Redis killed", [&] { redis.stop(SIGKILL); }, 503, Exchanges::Failed},
         {"Redis restarted", [&] { redis.start(); }, 200, Exchanges::Served},
     };
