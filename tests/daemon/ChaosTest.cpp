@@ -151,9 +151,9 @@ TEST(ChaosTest, TheRedisPasswordComesFromTheUrlOrTheEnvironment) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
         if (row.refusal == nullptr) {
-            EXPECT_THAT(daemon.err(), HasSubstr("store Redis redis://"));
             daemon.signal(SIGTERM);
             EXPECT_EQ(daemon.wait(10000), 0);
+            EXPECT_THAT(daemon.err(), HasSubstr("store Redis redis://"));  // once it has ended
         } else {
             EXPECT_EQ(daemon.wait(10000), 1);
             EXPECT_THAT(daemon.err(), HasSubstr(row.refusal));
