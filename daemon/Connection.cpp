@@ -474,7 +474,7 @@ private:
                 *request, [self = shared_from_this(), this, executor,
                            work = asio::make_work_guard(executor)](HttpReply reply) {
                     asio::dispatch(executor, [self, this, reply = std::move(reply)]() mutable {
-                        replyReady(std::move(reply));
+                        guarded([&] { replyReady(std::move(reply)); });
                     });
                 });
         } catch (...) {

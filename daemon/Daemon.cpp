@@ -158,8 +158,8 @@ struct Daemon::Impl : HttpHandler {
           log(out, options.logLevel, options.logFormat),
           engine(store ? std::move(store) : std::make_unique<Engine::MemoryStore>(options.limits)),
           storeWatch(engine),
-          pool(options.storeThreads, options.storeQueue),
-          server(serverOptions(options, log), *this) {}
+          server(serverOptions(options, log), *this),
+          pool(options.storeThreads, options.storeQueue) {}
 
     bool admitHead(const HttpRequest& head, const std::string& peer, HttpReply& refusal) override;
     bool admitAdmin(const HttpRequest& head, const std::string& peer, HttpReply& refusal);
@@ -179,10 +179,11 @@ struct Daemon::Impl : HttpHandler {
     Engine::ServiceEngine engine;
     Metrics metrics;
     StoreWatch storeWatch;
-    // Destroyed before the engine it calls, after the server whose connections
-    // it answers (the server's run() waits for every answer under way).
-    WorkPool pool;
     HttpServer server;
+    // Destroyed first: its threads are joined while the server (whose
+    // connections its tasks answer, and may hold the last reference to) and the
+    // engine (which its tasks call) still exist.
+    WorkPool pool;
 
     std::mutex sweepMutex;  // guards stopping
     std::condition_variable sweepWake;
@@ -426,21 +427,23 @@ void Daemon::Impl::sweepIdleClients() {
         return;
     }
     pool.submit([this] {
-        std::vector<Engine::ClientInfo> expired;
         try {
+            std::vector<Engine::ClientInfo> expired;
             engine.expireIdleClients(std::chrono::milliseconds(options.clientIdleExpiryMs),
                                      expired);
+            for (const Engine::ClientInfo& client : expired) {
+                log.message(LogLevel::Info,
+                            "expired idle client server=" + printable(client.serverId) +
+                                " client=" + printable(client.clientId) +
+                                " waiting_events=" + std::to_string(client.waitingEvents));
+            }
+            metrics.addExpiredClients(expired.size());
         } catch (const Protocol::Failure& failure) {
             log.message(LogLevel::Warn, "the sweep of idle clients failed: " + failure.message);
+        } catch (...) {
+            log.message(LogLevel::Warn, "the sweep of idle clients failed");
         }
-        for (const Engine::ClientInfo& client : expired) {
-            log.message(LogLevel::Info,
-                        "expired idle client server=" + printable(client.serverId) +
-                            " client=" + printable(client.clientId) +
-                            " waiting_events=" + std::to_string(client.waitingEvents));
-        }
-        metrics.addExpiredClients(expired.size());
-        sweeping = false;
+        sweeping = false;  // whatever happened, the next sweep may run
     });
 }
 

@@ -9,12 +9,21 @@ namespace AvQuorvel {
 namespace Daemon {
 
 WorkPool::WorkPool(unsigned count, std::size_t maxQueued) : maxQueued(maxQueued) {
-    for (unsigned i = 0; i < std::max(1u, count); ++i) {
-        threads.emplace_back([this] { work(); });
+    try {
+        for (unsigned i = 0; i < std::max(1u, count); ++i) {
+            threads.emplace_back([this] { work(); });
+        }
+    } catch (...) {
+        stopAll();  // a thread that could not start: the ones that did must end
+        throw;
     }
 }
 
 WorkPool::~WorkPool() {
+    stopAll();
+}
+
+void WorkPool::stopAll() {
     {
         std::lock_guard<std::mutex> lock(mutex);
         stopping = true;
@@ -40,7 +49,9 @@ bool WorkPool::trySubmit(std::function<void()> task) {
 void WorkPool::submit(std::function<void()> task) {
     {
         std::lock_guard<std::mutex> lock(mutex);
-        tasks.push_back(std::move(task));
+        // Work that must run (events put back) goes ahead of waiting exchanges,
+        // so that they are back before a newer fetch of the same client.
+        tasks.push_front(std::move(task));
     }
     wake.notify_one();
 }

@@ -4,7 +4,8 @@
 //
 // Bounded: at most maxQueued tasks wait for a thread; trySubmit() refuses more
 // (the daemon answers 503), submit() does not (for work that must not be
-// dropped, such as putting back the events of an answer that never arrived).
+// dropped, such as putting back the events of an answer that never arrived)
+// and queues it ahead of the waiting exchanges.
 // A task that throws is ended by the pool, never the process. Thread-safe. The
 // destructor runs the tasks still queued, then joins the threads.
 #ifndef AVQVL_DAEMON_WORKPOOL_H
@@ -36,6 +37,7 @@ public:
 
 private:
     void work();
+    void stopAll();  // lets the queued tasks run, then joins every thread
 
     const std::size_t maxQueued;
     std::mutex mutex;  // guards tasks and stopping

@@ -3,6 +3,7 @@
 // limit. Whatever the store does, the daemon lives on and answers /healthz, says
 // through /readyz and /metrics whether the store answers, and serves exchanges
 // again once it does.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -15,6 +16,8 @@
 #include "support/RedisServer.h"
 
 using namespace Harness;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 namespace {
 
@@ -95,8 +98,8 @@ TEST(ChaosTest, TheDaemonOutlivesItsStoreAndServesAgainWhenItIsBack) {
     registerBoth(daemon.port);
     const std::vector<Phase> redisPhases = {
         {"Redis answers", [] {}, 200, Exchanges::Served},
-        {"Redis stopped", [&] { ::kill(redis.pid(), SIGSTOP); }, 503, Exchanges::Stuck},
-        {"Redis resumed", [&] { ::kill(redis.pid(), SIGCONT); }, 200, Exchanges::Served},
+        {"Redis stopped", [&] { redis.signal(SIGSTOP); }, 503, Exchanges::Stuck},
+        {"Redis resumed", [&] { redis.signal(SIGCONT); }, 200, Exchanges::Served},
         {"Redis killed", [&] { redis.stop(SIGKILL); }, 503, Exchanges::Failed},
         {"Redis restarted", [&] { redis.start(); }, 200, Exchanges::Served},
     };
@@ -116,4 +119,45 @@ TEST(ChaosTest, TheDaemonOutlivesItsStoreAndServesAgainWhenItIsBack) {
     runPhases(sqlite, sqlitePhases);
     EXPECT_EQ(sqlite.stop(), 0);
     std::system(("rm -rf '" + std::string(directory) + "'").c_str());
+}
+
+// The Redis password reaches the store from the URL or, out of the process
+// list, from QUORVEL_REDIS_PASSWORD (which wins); the start line never shows it.
+TEST(ChaosTest, TheRedisPasswordComesFromTheUrlOrTheEnvironment) {
+    RedisServer redis("s3cret");
+    const std::string hostPort = redis.url().substr(std::string("redis://").size());
+    const struct {
+        const char* name;
+        std::string url;
+        Strings env;
+        const char* refusal;  // what the daemon says when it cannot start; null: it starts
+    } rows[] = {
+        {"in the URL", "redis://:s3cret@" + hostPort, {}, nullptr},
+        {"in the environment", redis.url(), {"QUORVEL_REDIS_PASSWORD=s3cret"}, nullptr},
+        {"the environment wins",
+         "redis://:wrong@" + hostPort,
+         {"QUORVEL_REDIS_PASSWORD=s3cret"},
+         nullptr},
+        {"none", redis.url(), {}, "NOAUTH"},
+        {"a wrong one", redis.url(), {"QUORVEL_REDIS_PASSWORD=wrong"}, "refused the password"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Child daemon(program({QUORVELD_BINARY, "--listen", "127.0.0.1:0"}, {"--redis", row.url}),
+                     row.env);
+        for (int i = 0;
+             i < 2000 && daemon.running() && daemon.out().find("listening on") == std::string::npos;
+             ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        if (row.refusal == nullptr) {
+            daemon.signal(SIGTERM);
+            EXPECT_EQ(daemon.wait(10000), 0);
+            EXPECT_THAT(daemon.err(), HasSubstr("store Redis redis://"));  // once it has ended
+        } else {
+            EXPECT_EQ(daemon.wait(10000), 1);
+            EXPECT_THAT(daemon.err(), HasSubstr(row.refusal));
+        }
+        EXPECT_THAT(daemon.err(), Not(HasSubstr("s3cret")));
+    }
 }

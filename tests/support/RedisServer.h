@@ -46,7 +46,6 @@ public:
 
     int port = 0;
     std::string directory;
-    pid_t pid() const { return child; }  // for a test that stops and resumes it
     std::string url() const { return "redis://127.0.0.1:" + std::to_string(port); }
 
     void start() {
