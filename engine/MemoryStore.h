@@ -69,12 +69,6 @@ private:
     static void advance(ServerGroup& group, Client& client, std::uint64_t upTo);
     static void trim(ServerGroup& group);
     void copyIds(const std::string& serverId, ClientList& clients) const;
-    // Throws the Limit failure a post of textBytes to the group would cause.
-    void checkLimits(const ServerGroup& group, const std::string& serverId,
-                     const std::string& senderId, std::size_t textBytes) const;
-    // Queues event for every client of the group but the sender, all or none.
-    static void queueForAll(ServerGroup& group, const std::string& senderId,
-                            const StoredEvent& event, std::size_t textBytes);
     static ClientInfo describeClient(const std::string& serverId, const Client& client);
     template <typename Operation>
     void guarded(Operation operation);
