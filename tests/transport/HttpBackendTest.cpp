@@ -528,7 +528,8 @@ TEST(HttpBackendTest, FetchesCarryTheirAckAndRetriedPostsTheirId) {
     const struct {
         const char* name;
         const char* operation;
-        const char* bodies;  // one call per character, the body that character
+        const char* bodies;  // one call per character, the body that character; 's' a
+                             // getSharedClients, which closes the client's getEvents call
         const char* replies;
         const char* expected;
     } rows[] = {
@@ -541,6 +542,8 @@ TEST(HttpBackendTest, FetchesCarryTheirAckAndRetriedPostsTheirId) {
         {"the last whole answer", "getEvents", "....", "7o9o", "0779"},
         {"a cut answer", "getEvents", "...", "7co", "077"},
         {"a lost answer", "getEvents", "..", "do", "00"},
+        {"a call whose closing exchange failed", "getEvents", ".s.", "7ro", "0-0"},
+        {"a call whose closing exchange worked", "getEvents", ".s.", "7oo", "0-7"},
     };
     for (const auto& row : rows) {
         const std::string replies = row.replies;
@@ -567,7 +570,8 @@ TEST(HttpBackendTest, FetchesCarryTheirAckAndRetriedPostsTheirId) {
                     return;
                 } else if (reply == 'u' || reply == 'r') {
                     peer.send(answer(std::string("the store went quiet; ") +
-                                         (reply == 'u' ? Protocol::kUnknownOutcomeEnding : "no"),
+                                         (reply == 'u' ? Protocol::kUnknownOutcomeEnding : "no") +
+                                         "\n",
                                      reply == 'u' ? Wire::kLimitStatus : Wire::kRefusedStatus));
                 } else {
                     peer.send("HTTP/1.1 200 OK\r\nQuorvel-Last-Sequence: " + sequence +
@@ -581,14 +585,20 @@ TEST(HttpBackendTest, FetchesCarryTheirAckAndRetriedPostsTheirId) {
                                                 {"Server-ID", "S"},
                                                 {"Service-Name", "AvQVLRequest"}};
         for (const char* body = row.bodies; *body != '\0'; ++body) {
-            ::exchange(*backend, std::string(1, *body), fields);
+            Transport::HeaderFields call = fields;
+            if (*body == 's') {
+                call["Operation-Name"] = "getSharedClients";
+            }
+            ::exchange(*backend, std::string(1, *body), call);
         }
         std::string got;
         std::map<std::string, char> letters;
         for (const std::string& value : seen) {
             const bool post = row.operation[0] == 'p';
             EXPECT_TRUE(!post || Wire::isPostId(value)) << row.name << ": " << value;
-            got += post ? letters.emplace(value, 'a' + letters.size()).first->second : value[0];
+            got += post            ? letters.emplace(value, 'a' + letters.size()).first->second
+                   : value.empty() ? '-'
+                                   : value[0];
         }
         EXPECT_EQ(got, row.expected) << row.name;
     }
