@@ -147,7 +147,9 @@ unregister(ARGV[2])
 return {0, redis.call('ZRANGE', K.clients, 0, -1)}
 )lua",
     // Post: every check first, then every write, so a refusal writes nothing.
-    // A repeated post id answers as the first post did. The ids of a sender are
+    // A repeated post id answers as the first post did. An event that some
+    // client receives is published, in the same step, so that no one hears of
+    // it before it can be read; a repeat or a post no one receives is not. The ids of a sender are
     // a sorted set by time, cut to the newest and the youngest, gone with the
     // sender or after their age.
     R"lua(
@@ -193,6 +195,7 @@ if #clients > 1 then
             redis.call('HINCRBY', K.bytes, client, size)
         end
     end
+    redis.call('PUBLISH', ARGV[11], ARGV[12])
 end
 if waitingOf(sender) == 0 then
     -- Its cursor follows its own posts: a client that only posts holds nothing.

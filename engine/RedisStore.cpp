@@ -10,6 +10,7 @@
 #include <new>
 
 #include "engine/internal/RedisConnectionPool.h"
+#include "engine/internal/RedisPostWatcher.h"
 #include "engine/internal/RedisScripts.h"
 #include "protocol/HostPort.h"
 
@@ -25,6 +26,13 @@ const char* const kClientsPrefix = "quorvel:clients:";
 // The bytes of event text the whole store holds, each text once. One key for
 // every server: the bound is the database's, not a server's.
 const char* const kStoredKey = "quorvel:stored";
+// The Post script publishes the server id here once it has added an event. One
+// channel for all servers, not one per server: a daemon subscribes once, with
+// no pattern for Redis to match per message, whatever servers its clients come
+// to use; what it costs is that each daemon hears of posts to servers it has
+// no waiter for, a few bytes each. A plain PUBLISH also reaches the
+// subscribers of every node of a Cluster.
+const char* const kPostedChannel = "quorvel:posted";
 // A readiness probe answers within this, or the store counts as not ready.
 const int kPingTimeoutMs = 1000;
 
@@ -343,10 +351,11 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
         const std::string mostBytes = std::to_string(limits().maxQueuedBytesPerClient);
         const std::string mostStored = std::to_string(limits().maxStoredBytes);
         static const std::string kRemembered = std::to_string(kRememberedPosts),
-                                 kAge = std::to_string(kRememberedPostAgeMs);
+                                 kAge = std::to_string(kRememberedPostAgeMs),
+                                 kChannel = kPostedChannel;
         RedisReply reply = runScript(*scripts, *pool, RedisScripts::Post, keys,
                                      {&senderId, &text, &postId, &now, &mostEvents, &mostBytes,
-                                      &mostStored, &kRemembered, &kAge});
+                                      &mostStored, &kRemembered, &kAge, &kChannel, &serverId});
         ReplyReader reader(*pool, *reply);
         switch (reader.status()) {
             case RedisStatus::Done:
@@ -406,6 +415,19 @@ void RedisStore::acknowledge(const std::string& serverId, const std::string& cli
         const ServerKeys keys(ServerKeys::hashTag(serverId));
         const std::string ack = std::to_string(upTo);
         runScript(*scripts, *pool, RedisScripts::Acknowledge, keys, {&clientId, &ack});
+    });
+}
+
+// Not filtered: the engine already told its own waiters of a local post, and
+// hearing it again only makes them look once more; telling it apart would take
+// an id of the process in every message.
+void RedisStore::watchPosts(PostListener listener) {
+    outOfMemoryIsLimit([&] {
+        std::lock_guard<std::mutex> lock(watcherMutex);
+        watcher.reset();
+        if (listener) {
+            watcher.reset(new RedisPostWatcher(*pool, kPostedChannel, std::move(listener)));
+        }
     });
 }
 

@@ -15,6 +15,7 @@
 #define AVQVL_ENGINE_REDISSTORE_H
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,7 @@ namespace AvQuorvel {
 namespace Engine {
 
 class RedisConnectionPool;
+class RedisPostWatcher;
 class RedisScripts;
 
 struct RedisAddress {
@@ -70,6 +72,9 @@ public:
               std::vector<StoredEvent>& events) override;
     void acknowledge(const std::string& serverId, const std::string& clientId,
                      std::uint64_t upTo) override;
+    // Every daemon on the same Redis hears every post (this process's own too,
+    // so a local post may reach the listener twice); see RedisPostWatcher.h.
+    void watchPosts(PostListener listener) override;
     // Scans every server in the database: meant for metrics, not for each request.
     StoreStats stats() override;
     // Like stats(), they scan every server: for operators, not for each request.
@@ -82,6 +87,9 @@ private:
     const RedisAddress address;
     const std::unique_ptr<RedisConnectionPool> pool;
     const std::unique_ptr<RedisScripts> scripts;
+    std::mutex watcherMutex;  // guards watcher
+    // Last: it goes first, while the pool it connects through is still there.
+    std::unique_ptr<RedisPostWatcher> watcher;
 };
 
 }  // namespace Engine

@@ -24,6 +24,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -63,6 +64,10 @@ struct ClientInfo {
     std::uint64_t waitingEvents = 0, waitingBytes = 0;
     std::int64_t registeredMs = 0, lastFetchMs = 0;  // Unix epoch ms; 0 = never fetched
 };
+
+// Told that a post was applied to serverId; "" when posts may have been missed
+// (every server should look again).
+using PostListener = std::function<void(const std::string& serverId)>;
 
 // A post carrying an id already seen from the same sender of the same server
 // posts nothing and answers as the first one did. The store remembers the
@@ -118,6 +123,12 @@ public:
     // client is no error.
     virtual void acknowledge(const std::string& serverId, const std::string& clientId,
                              std::uint64_t upTo) = 0;
+    // Calls listener, from a thread of the store's own, for posts made through
+    // other processes sharing the store, and with "" whenever some may have
+    // been missed; a later call replaces the listener. The listener must be
+    // quick, must not throw and must not call the store. A store that only
+    // this process uses has nothing to report: by default, nothing is called.
+    virtual void watchPosts(PostListener /*listener*/) {}
     virtual StoreStats stats() = 0;
 
     // Every registered client ("" = all servers), by server id (byte order) then

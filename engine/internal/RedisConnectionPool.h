@@ -52,17 +52,21 @@ public:
     // Throws the Failure (Limit) that says Redis did `what` because of cause.
     [[noreturn]] void fail(const std::string& what, const std::string& cause) const;
 
-private:
     struct ContextFree {
         void operator()(redisContext* context) const;
     };
     using Context = std::unique_ptr<redisContext, ContextFree>;
+    // A connection set up like the pool's (AUTH, SELECT), never pooled, for a
+    // caller that keeps it (a subscriber), with timeoutMs for connecting, each
+    // setup command and each reply. Throws as command() does.
+    Context open(int timeoutMs) { return connect(timeoutMs, timeoutMs); }
+    // Sends one command on context; null when no reply came (context->errstr says why).
+    static RedisReply send(redisContext* context, const std::vector<const std::string*>& arguments);
 
+private:
     Context borrow();
     void giveBack(Context context);
     Context connect(int connectTimeoutMs, int commandTimeoutMs);
-    // Sends one command on context; null when no reply came (context->errstr says why).
-    static RedisReply send(redisContext* context, const std::vector<const std::string*>& arguments);
 
     const RedisAddress address;
     const std::string redisName;

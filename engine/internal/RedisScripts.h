@@ -41,8 +41,8 @@ public:
         // ARGV client -> {status, remaining clients}
         Unregister,
         // ARGV sender, text, post id, now, most events, most bytes, most stored,
-        // ids remembered, their age in ms -> {status, clients | recipient,
-        // waiting | stored}
+        // ids remembered, their age in ms, the channel to publish on, the
+        // server id -> {status, clients | recipient, waiting | stored}
         Post,
         // ARGV client, now, acknowledged ("" for none) -> {status, events}
         Read,

@@ -1,13 +1,17 @@
 // The Redis store against a redis-server of its own: order, fan-out all or
 // none, limits across two stores (as two daemons would hold), restore, keys of
-// awkward identifiers, and Redis going away and coming back.
+// awkward identifiers, posts heard across stores, and Redis going away and
+// coming back.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -356,6 +360,56 @@ TEST_F(RedisStoreTest, SurvivesRedisRestartsAndFailsClearlyWhileDown) {
     store->post(s, "a", "again", "", clients);
     EXPECT_EQ(clients, (Strings{"a", "b"}));
     EXPECT_EQ(takeAll(*store, s, "b"), (Strings{"a:3:again"}));
+}
+
+// What a store's post listener heard, in order.
+class HeardPosts {
+public:
+    PostListener listener() {
+        return [this](const std::string& serverId) {
+            std::lock_guard<std::mutex> lock(mutex);
+            heard.push_back(serverId);
+            changed.notify_all();
+        };
+    }
+    // Waits (10 s at most) for serverId among what was heard since the last wait.
+    bool hears(const std::string& serverId) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(10), [&] {
+            for (; next < heard.size(); ++next) {
+                if (heard[next] == serverId) {
+                    return ++next, true;
+                }
+            }
+            return false;
+        });
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    Strings heard;
+    std::size_t next = 0;
+};
+
+// Two stores stand for two daemons: a post through one is heard by the other;
+// once Redis is back from a restart, "" says posts may have been missed, and
+// later posts are heard again.
+TEST_F(RedisStoreTest, HearsPostsThroughAnotherStoreAcrossRedisRestarts) {
+    auto poster = makeStore(), watcher = makeStore();
+    HeardPosts heard;
+    watcher->watchPosts(heard.listener());
+    ASSERT_TRUE(heard.hears(""));  // subscribed: from now on nothing is missed
+    const std::string s = server();
+    registerAll(*poster, s, {"a", "b"});
+    ClientList clients;
+    poster->post(s, "a", "x", "", clients);
+    EXPECT_TRUE(heard.hears(s));
+    sharedRedis().stop(SIGKILL);
+    sharedRedis().start();
+    ASSERT_TRUE(heard.hears(""));
+    poster->post(s, "a", "y", "", clients);
+    EXPECT_TRUE(heard.hears(s));
 }
 
 // After SCRIPT FLUSH (as after a restart without the scripts) each script is
