@@ -3,8 +3,10 @@
 #include <benchmark/benchmark.h>
 #include <unicode/ucnv.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "BenchInputs.h"
@@ -18,6 +20,10 @@ using Arvant::Net::AvQuorvel::Client::AvQVLConnection;
 constexpr std::size_t kSharedClients = 10;
 constexpr std::size_t kKiB = 1024;
 constexpr std::size_t kMiB = 1024 * 1024;
+// Posts between two fetches of a fan-out client's own queue: 15 x 5000 events
+// wait at most, below the daemon's limit of 100 000. The figure is about
+// posting (as LPUSH beside it is), so the fetches stay rare.
+constexpr int kPostsPerFetch = 5000;
 
 // A registered connection, with `peers` more clients registered under the same
 // server identifier before it, so its answers list peers + 1 clients.
@@ -112,6 +118,35 @@ void registerOperations(const std::string& prefix, bool realService) {
     benchmark::RegisterBenchmark((prefix + "putEvents/1KiB").c_str(), putEvents, kKiB);
     benchmark::RegisterBenchmark((prefix + "putEvents/1MiB").c_str(), putEvents, kMiB);
     benchmark::RegisterBenchmark((prefix + "getEvents/1MiB").c_str(), getEvents, realService);
+}
+
+void fanOutPosts(benchmark::State& state) {
+    AvQVLConnection connection;
+    std::string server = "fan-out", locale, events, correlation;
+    std::string client = "client-" + std::to_string(state.thread_index());
+    std::vector<std::string> shared;
+    connection.registerClient(server, client, locale, shared);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (shared.size() < kFanOutClients && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        shared.clear();
+        connection.getSharedClients(shared);
+    }
+    if (shared.size() != kFanOutClients) {
+        state.SkipWithError("the 16 clients did not all register");
+        return;
+    }
+    const std::string text(64, 'e');
+    int posted = 0;
+    for (auto _ : state) {
+        std::string body = text;
+        connection.putEvents(body, shared, correlation);
+        if (++posted % kPostsPerFetch == 0) {
+            connection.getEvents(events, shared, correlation);
+        }
+    }
+    state.SetItemsProcessed(posted);
+    connection.getEvents(events, shared, correlation);
 }
 
 int runBenchmarks(int argc, char** argv) {

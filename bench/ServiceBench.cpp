@@ -13,8 +13,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "OperationBench.h"
+#include "RawExchange.h"
 #include "client/AvQVLConnection.h"
 #include "engine/ServiceEngine.h"
 #include "protocol/Names.h"
@@ -34,12 +35,6 @@ using Arvant::Net::AvQuorvel::Engine::RequestHeaders;
 using Arvant::Net::AvQuorvel::Engine::ServiceEngine;
 using Arvant::Net::AvQuorvel::Protocol::Failure;
 namespace Protocol = Arvant::Net::AvQuorvel::Protocol;
-
-constexpr int kFanOutClients = 16;
-// Posts between two fetches of a client's own queue: 15 x 5000 events wait at
-// most, below the daemon's limit of 100 000. The figure is about posting (as
-// LPUSH beside it is), so the fetches stay rare; the last one is untimed.
-constexpr int kPostsPerFetch = 5000;
 
 // Baseline: the engine's own work for a status check, without library or transport.
 void engineOnlyGetStatus(benchmark::State& state) {
@@ -60,25 +55,6 @@ void engineOnlyGetStatus(benchmark::State& state) {
     }
 }
 
-// A loopback TCP connection with TCP_NODELAY to port, or -1.
-int connectLoopback(int port) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) {
-        return -1;
-    }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 // Baseline: the daemon's status exchange written by hand on a kept-alive
 // connection, one write and the answer read until its Content-Length is in:
 // the floor of an HTTP round trip to this daemon, with no client library.
@@ -93,7 +69,7 @@ void rawPost(benchmark::State& state, int port) {
         Wire::encodeField(Protocol::kOperationNameField, Protocol::kGetStatus) +
         "\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
         std::to_string(body.size()) + "\r\n\r\n" + body;
-    int fd = connectLoopback(port);
+    int fd = Bench::connectLoopback(port);
     if (fd < 0) {
         state.SkipWithError("cannot reach the daemon");
         return;
@@ -126,7 +102,7 @@ void rawPost(benchmark::State& state, int port) {
         // The daemon may close a connection after so many requests, as clients do.
         if (memmem(answer, have, "Connection: close", 17) != nullptr) {
             close(fd);
-            fd = connectLoopback(port);
+            fd = Bench::connectLoopback(port);
             if (fd < 0) {
                 state.SkipWithError("cannot reach the daemon again");
                 return;
@@ -138,7 +114,7 @@ void rawPost(benchmark::State& state, int port) {
 
 // Baseline: a Redis PING and its +PONG over one loopback TCP connection.
 void redisPing(benchmark::State& state, int port) {
-    const int fd = connectLoopback(port);
+    const int fd = Bench::connectLoopback(port);
     if (fd < 0) {
         state.SkipWithError("cannot reach the Redis server");
         return;
@@ -151,39 +127,6 @@ void redisPing(benchmark::State& state, int port) {
         }
     }
     close(fd);
-}
-
-// Throughput: each of 16 threads is one client of the same server identifier
-// and posts 64-byte events, each queued for the 15 others; every client
-// fetches its queue now and then so the queues stay within their limit.
-// Items are posts.
-void fanOutPosts(benchmark::State& state) {
-    AvQVLConnection connection;
-    std::string server = "fan-out", locale, events, correlation;
-    std::string client = "client-" + std::to_string(state.thread_index());
-    std::vector<std::string> shared;
-    connection.registerClient(server, client, locale, shared);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (shared.size() < kFanOutClients && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        shared.clear();
-        connection.getSharedClients(shared);
-    }
-    if (shared.size() != kFanOutClients) {
-        state.SkipWithError("the 16 clients did not all register");
-        return;
-    }
-    const std::string text(64, 'e');
-    int posted = 0;
-    for (auto _ : state) {
-        std::string body = text;
-        connection.putEvents(body, shared, correlation);
-        if (++posted % kPostsPerFetch == 0) {
-            connection.getEvents(events, shared, correlation);
-        }
-    }
-    state.SetItemsProcessed(posted);
-    connection.getEvents(events, shared, correlation);
 }
 
 }  // namespace
@@ -199,8 +142,8 @@ int main(int argc, char** argv) {
         if (std::sscanf(url, "http://127.0.0.1:%d", &port) == 1) {
             benchmark::RegisterBenchmark("daemon/rawPost", rawPost, port);
         }
-        benchmark::RegisterBenchmark("daemon/fanOut16/putEvents", fanOutPosts)
-            ->Threads(kFanOutClients)
+        benchmark::RegisterBenchmark("daemon/fanOut16/putEvents", OperationBench::fanOutPosts)
+            ->Threads(OperationBench::kFanOutClients)
             ->UseRealTime()
             ->MinTime(1.0);  // a throughput on a shared machine needs more than a glimpse
         const char* redisPort = std::getenv("REDIS_PORT");

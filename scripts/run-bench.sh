@@ -15,7 +15,8 @@ mkdir -p "$OUT_DIR"
 
 cmake -S . -B "$BENCH_DIR" -G Ninja -DCMAKE_BUILD_TYPE=Release -DAVQVL_BENCH=ON \
     -DBUILD_TESTING=OFF >/dev/null
-targets=(avqvl_bench_text avqvl_bench_instant avqvl_bench_service avqvl_bench_store)
+targets=(avqvl_bench_text avqvl_bench_instant avqvl_bench_service avqvl_bench_store
+    avqvl_bench_latency)
 if cmake --build "$BENCH_DIR" --target help | grep -q '^quorveld:'; then
     targets+=(quorveld)
 fi
@@ -59,6 +60,7 @@ if [[ ! -x "$daemon" ]]; then
 fi
 "$daemon" --listen 127.0.0.1:0 --quiet >"$work/quorveld.log" 2>&1 &
 pids+=($!)
+memory_pid=$!
 port=""
 for _ in $(seq 1 100); do
     port=$(sed -n 's/^quorveld listening on .*:\([0-9][0-9]*\)$/\1/p' "$work/quorveld.log")
@@ -137,5 +139,41 @@ if [[ -n "$redis_port" ]]; then
         run daemonRedis "$BENCH_DIR/bench/avqvl_bench_service" \
         --benchmark_filter='fanOut16'
 fi
+
+# Waiting fetches: post-to-receipt on the memory store beside Redis's own
+# LPUSH-to-BLPOP wake-up, idle waiters' cost; then across two daemons on Redis.
+QUORVEL_URL="http://127.0.0.1:$port" QUORVEL_PID="$memory_pid" REDIS_PORT="$redis_port" \
+    run latency "$BENCH_DIR/bench/avqvl_bench_latency"
+if [[ -n "$redis_port" ]]; then
+    "$daemon" --listen 127.0.0.1:0 --quiet --redis "redis://127.0.0.1:$redis_port" \
+        >"$work/quorveld-redis2.log" 2>&1 &
+    pids+=($!)
+    second_port=""
+    for _ in $(seq 1 100); do
+        second_port=$(sed -n 's/^quorveld listening on .*:\([0-9][0-9]*\)$/\1/p' \
+            "$work/quorveld-redis2.log")
+        [[ -n "$second_port" ]] && break
+        sleep 0.05
+    done
+    QUORVEL_URL="http://127.0.0.1:$redis_daemon_port" POST_PORT="$second_port" \
+        run latencyRedis "$BENCH_DIR/bench/avqvl_bench_latency" \
+        --benchmark_filter='postToReceipt'
+fi
+python3 - "$OUT_DIR" <<'PY'
+import json, os, sys
+def figures(name):
+    path = os.path.join(sys.argv[1], name + ".json")
+    if not os.path.exists(path):
+        return {}
+    return {b["name"]: b for b in json.load(open(path))["benchmarks"]}
+memory, redis = figures("latency"), figures("latencyRedis")
+for n in (1, 16):
+    base = memory.get(f"latency/redisBlpop/{n}/real_time", {}).get("p50_us")
+    for label, table, target in (("memory store", memory, 2), ("Redis store, 2 daemons", redis, 3)):
+        ours = table.get(f"latency/postToReceipt/{n}/real_time", {})
+        if base and "p50_us" in ours:
+            print(f"{n} waiting, {label}: p50 {ours['p50_us']:.0f} us, p99 {ours['p99_us']:.0f} us;"
+                  f" Redis BLPOP p50 {base:.0f} us: {ours['p50_us'] / base:.1f}x (target <= {target}x)")
+PY
 
 draw
