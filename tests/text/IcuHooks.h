@@ -1,7 +1,7 @@
 // Test doubles around ICU, shared by the conversion tests. The test executable
 // defines ucnv_open, ucnv_close, ucnv_toUnicode, ucnv_fromUnicode and
-// ucnv_getType itself; the library binds to these, which count the calls,
-// forward to ICU and can make one numbered call fail. Used as a namespace.
+// ucnv_getType itself; the library binds to these, which forward to ICU and can
+// make one numbered call fail. Used as a namespace.
 #ifndef AVQVL_TESTS_TEXT_ICUHOOKS_H
 #define AVQVL_TESTS_TEXT_ICUHOOKS_H
 
@@ -9,8 +9,8 @@
 
 #include <utility>
 
-// What the hooks counted since IcuHooks::reset(), and which calls they fail:
-// the call's number, from 1 (0 for none), and the status it ends with.
+// The calls counted since IcuHooks::reset(), and which of them fail: the
+// call's number, from 1 (0 for none), and the status it ends with.
 struct IcuHookState {
     int openCalls = 0, toUnicodeCalls = 0, fromUnicodeCalls = 0;
     std::pair<int, UErrorCode> openFailure, toUnicodeFailure, fromUnicodeFailure;
@@ -23,7 +23,6 @@ struct IcuHooks {
     static void setDefaultConverter(const char* name) { defaultConverter = name; }
     // Resets counters and injections; the default converter stays as set.
     static void reset() { state = {}; }
-    static const IcuHookState& counters() { return state; }
     // A failed open gives no converter; a failed conversion has its status overwritten.
     static void injectOpen(int call, UErrorCode status) { state.openFailure = {call, status}; }
     static void injectToUnicode(int call, UErrorCode s) { state.toUnicodeFailure = {call, s}; }

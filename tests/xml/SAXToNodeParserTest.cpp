@@ -41,9 +41,7 @@ TEST(SAXToNodeParserTest, BuildsTheTreeOfXMLNodes) {
         {"<r id='1'>t<a/><b/></r>", "<{}r id=[1]>t|<{}a>|</><{}b>|</></>"},
     };
     SAXToNodeParser parser;
-    XMLNode* fresh = parser.getRoot();
-    EXPECT_EQ(treeText(*fresh), "<{}>|</>");
-    EXPECT_EQ(parser.getRoot(), fresh);
+    EXPECT_EQ(treeText(*parser.getRoot()), "<{}>|</>");
     for (const auto& c : cases) {  // each parse frees the tree before
         EXPECT_EQ(treeText(*parser.parseString(c.first)), c.second) << c.first;
     }
@@ -52,10 +50,6 @@ TEST(SAXToNodeParserTest, BuildsTheTreeOfXMLNodes) {
     XMLNode* root = parser.getRoot();
     EXPECT_EQ(root->getAttribute("missing"), "");
     EXPECT_TRUE(root->hasAttribute("id") && !root->hasAttribute("missing"));
-    EXPECT_EQ(root->attributes.size(), 1u);
-    std::ostringstream out;
-    root->print(out, "");
-    EXPECT_EQ(out.str(), "<r>\n  <a>\n  </a>\n  <b>\n  </b>\n</r>\n");
     root->children.insert(root->children.begin(), nullptr);  // skipped when deleted
     root->children[1]->children.push_back(new XMLNode());    // three levels to free
     root->children[1]->children.back()->localName = "c";
