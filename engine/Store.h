@@ -24,6 +24,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -71,6 +72,11 @@ struct ClientInfo {
 // enough that a busy sender costs a bounded amount.
 constexpr std::size_t kRememberedPosts = 1024;
 constexpr std::int64_t kRememberedPostAgeMs = 10 * 60 * 1000;
+
+// Told the server id of a post, or "" when posts may have been missed (every
+// waiter looks again). Called from the poster's thread or a store's own; it
+// must be quick and must not call the store.
+using PostListener = std::function<void(const std::string& serverId)>;
 
 // The clock of registration and fetch times: milliseconds since the Unix epoch.
 std::int64_t epochMilliseconds();
@@ -129,6 +135,10 @@ public:
     // Readiness: returns when the store answers, throws Failure naming the
     // cause otherwise (memory: always; SQLite: a read; Redis: PING within 1 s).
     virtual void ping() = 0;
+    // Calls listener for posts the engine does not see itself (those made
+    // through other processes sharing the store). By default nothing: a store
+    // no other process writes has no such posts.
+    virtual void watchPosts(PostListener listener) { (void)listener; }
     // What the start line shows: "memory", "SQLite /path/quorvel.sqlite3",
     // "Redis redis://:***@127.0.0.1:6379/0" (the password masked).
     virtual std::string describe() const = 0;
