@@ -19,8 +19,10 @@
 #include <boost/beast/http/write.hpp>
 
 #include <malloc.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <optional>
@@ -163,7 +165,7 @@ bool hugeDecimalLength(beast::string_view head) {
 }
 
 template <class Stream>
-class Connection final : public ConnectionBase {
+class Connection final : public ConnectionBase, public PendingRequest {
 public:
     static constexpr bool kTls = std::is_same<Stream, TlsStream>::value;
 
@@ -177,6 +179,15 @@ public:
     void start() override {
         asio::dispatch(socket().get_executor(),
                        [self = shared_from_this(), this] { guarded([&] { begin(); }); });
+    }
+
+    asio::any_io_executor executor() override { return socket().get_executor(); }
+
+    void watchClose(std::function<void()> onClosed) override {
+        closeWatch = std::move(onClosed);
+        if (!watching) {
+            awaitPeer(answered);
+        }
     }
 
     void stop() override {
@@ -471,8 +482,9 @@ private:
         auto executor = socket().get_executor();
         try {
             core.handler.handleLater(
-                *request, [self = shared_from_this(), this, executor,
-                           work = asio::make_work_guard(executor)](HttpReply reply) {
+                *request, std::shared_ptr<PendingRequest>(shared_from_this(), this),
+                [self = shared_from_this(), this, executor,
+                 work = asio::make_work_guard(executor)](HttpReply reply) {
                     asio::dispatch(executor, [self, this, reply = std::move(reply)]() mutable {
                         replyReady(std::move(reply));
                     });
@@ -485,7 +497,54 @@ private:
         }
     }
 
+    // ---- watching for the peer's end while the handler works
+
+    void awaitPeer(unsigned round) {
+        watching = true;
+        socket().async_wait(tcp::socket::wait_read,
+                            [self = shared_from_this(), this, round](error_code ec) {
+                                guarded([&] { onPeerReadable(ec, round); });
+                            });
+    }
+
+    void onPeerReadable(error_code ec, unsigned round) {
+        if (round != answered || phase != Phase::Handling) {
+            return;  // the answer came first
+        }
+        watching = false;
+        if (ec == asio::error::operation_aborted) {  // the request's deadline cancels the socket
+            awaitPeer(round);
+            return;
+        }
+        // A peek tells the peer's end (0) from bytes it sent, which stay for
+        // whoever reads next.
+        char byte = 0;
+        const ssize_t peeked =
+            ec ? -1 : ::recv(socket().native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+        if (peeked < 0 && !ec && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            awaitPeer(round);
+        } else if (peeked <= 0) {
+            peerGone = true;
+            const auto onClosed = std::move(closeWatch);
+            closeWatch = nullptr;
+            if (onClosed) {
+                onClosed();
+            }
+        }
+    }
+
     void replyReady(HttpReply&& reply) {
+        ++answered;
+        closeWatch = nullptr;
+        if (watching) {
+            watching = false;
+            error_code ignored;
+            socket().cancel(ignored);  // the watch is the socket's only operation now
+        }
+        if (peerGone) {
+            closeNow();  // nobody reads the answer, and its onComplete never says written
+            return;
+        }
         timedOut = false;  // a deadline that passed while the handler worked
         reply.close = reply.close || !request->keep_alive();
         sendReply(std::move(reply));
@@ -699,6 +758,11 @@ private:
     bool timerArmed = false;
     bool timedOut = false;
     unsigned timerGeneration = 0;
+
+    std::function<void()> closeWatch;  // while the handler works, see watchClose()
+    bool watching = false;             // a wait for the peer is under way
+    bool peerGone = false;
+    unsigned answered = 0;  // replies the handler gave: tells a stale watch
 };
 
 }  // namespace
