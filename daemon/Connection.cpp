@@ -185,6 +185,9 @@ public:
 
     void watchClose(std::function<void()> onClosed) override {
         closeWatch = std::move(onClosed);
+        if (buffer.size() == 0) {
+            buffer.shrink_to_fit();  // a waiting request holds no read buffer: there may be many
+        }
         if (!watching) {
             awaitPeer(answered);
         }
