@@ -19,10 +19,9 @@
 #include <boost/beast/http/write.hpp>
 
 #include <malloc.h>
-#include <sys/socket.h>
+#include <poll.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <optional>
@@ -519,14 +518,13 @@ private:
             awaitPeer(round);
             return;
         }
-        // A peek tells the peer's end (0) from bytes it sent, which stay for
-        // whoever reads next.
-        char byte = 0;
-        const ssize_t peeked =
-            ec ? -1 : ::recv(socket().native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-        if (peeked < 0 && !ec && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        // The peer's end shows as a hang-up even behind bytes it sent (the next
+        // request, a TLS close), which stay for whoever reads next.
+        pollfd entry{socket().native_handle(), POLLIN | POLLRDHUP, 0};
+        const int ready = ec ? -1 : ::poll(&entry, 1, 0);
+        if (ready == 0) {
             awaitPeer(round);
-        } else if (peeked <= 0) {
+        } else if (ready < 0 || (entry.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
             peerGone = true;
             const auto onClosed = std::move(closeWatch);
             closeWatch = nullptr;

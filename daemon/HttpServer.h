@@ -108,9 +108,9 @@ public:
     virtual boost::asio::any_io_executor executor() = 0;
     // Called on executor() only, until the answer is given. Calls onClosed
     // there, once (a later call replaces it), when the peer closes the
-    // connection; the answer given after that is not written. The end of a
-    // peer that sent more bytes first (the next request, a TLS close) is only
-    // seen when the answer is written.
+    // connection; the answer given after that is not written. A peer that
+    // sends more bytes (the next request, a TLS close) is watched no further
+    // unless it has hung up by then.
     virtual void watchClose(std::function<void()> onClosed) = 0;
 };
 
