@@ -422,8 +422,12 @@ void Daemon::Impl::wait(const std::shared_ptr<Call>& call, std::uint64_t mark, H
         }
         call->timer.expires_at(*call->deadline);
         call->timer.async_wait([this, call, round](boost::system::error_code ec) {
-            if (!ec && round == call->round && waiters.remove(*call)) {
-                lookLater(call);
+            try {
+                if (!ec && round == call->round && waiters.remove(*call)) {
+                    lookLater(call);
+                }
+            } catch (...) {
+                // Nothing may leave an Asio handler; a post or stop() still ends the wait.
             }
         });
         // Gone, the client takes nothing: an acknowledged fetch took nothing
@@ -493,7 +497,9 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAs
     if (!carriage.ack && fieldOf(fields, Protocol::kOperationNameField) == Protocol::kGetEvents) {
         options.ack = writtenNotAcknowledged(client);
     }
-    ask.mark = waiters.mark(client.first);
+    if (fields.count(Protocol::kWaitMillisecondsField) != 0) {
+        ask.mark = waiters.mark(client.first);
+    }
     const bool done =
         ackOnly ? engine.acknowledge(client.first, client.second, *carriage.ack, failure)
                 : engine.exchange(fields, request.body(), options, response, failure, result);
