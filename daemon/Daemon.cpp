@@ -386,7 +386,9 @@ void Daemon::Impl::look(const std::shared_ptr<Call>& call) {
                                        ask.wait, std::chrono::seconds(options.maxWaitSeconds));
         }
         if (ask.wait.count() > 0 && now < *call->deadline) {
-            call->serverId = ask.serverId;
+            if (call->serverId.empty()) {  // written once: waiters reads it from other threads
+                call->serverId = ask.serverId;
+            }
             boost::asio::post(
                 call->pending->executor(),
                 [this, call, mark = ask.mark, reply]() mutable { wait(call, mark, reply); });
