@@ -19,6 +19,7 @@
 #include <boost/beast/http/write.hpp>
 
 #include <malloc.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <chrono>
@@ -163,7 +164,7 @@ bool hugeDecimalLength(beast::string_view head) {
 }
 
 template <class Stream>
-class Connection final : public ConnectionBase {
+class Connection final : public ConnectionBase, public PendingRequest {
 public:
     static constexpr bool kTls = std::is_same<Stream, TlsStream>::value;
 
@@ -177,6 +178,18 @@ public:
     void start() override {
         asio::dispatch(socket().get_executor(),
                        [self = shared_from_this(), this] { guarded([&] { begin(); }); });
+    }
+
+    asio::any_io_executor executor() override { return socket().get_executor(); }
+
+    void watchClose(std::function<void()> onClosed) override {
+        closeWatch = std::move(onClosed);
+        if (buffer.size() == 0) {
+            buffer.shrink_to_fit();  // a waiting request holds no read buffer: there may be many
+        }
+        if (!watching) {
+            awaitPeer(answered);
+        }
     }
 
     void stop() override {
@@ -471,8 +484,9 @@ private:
         auto executor = socket().get_executor();
         try {
             core.handler.handleLater(
-                *request, [self = shared_from_this(), this, executor,
-                           work = asio::make_work_guard(executor)](HttpReply reply) {
+                *request, std::shared_ptr<PendingRequest>(shared_from_this(), this),
+                [self = shared_from_this(), this, executor,
+                 work = asio::make_work_guard(executor)](HttpReply reply) {
                     asio::dispatch(executor, [self, this, reply = std::move(reply)]() mutable {
                         guarded([&] { replyReady(std::move(reply)); });
                     });
@@ -485,7 +499,53 @@ private:
         }
     }
 
+    // ---- watching for the peer's end while the handler works
+
+    void awaitPeer(unsigned round) {
+        watching = true;
+        socket().async_wait(tcp::socket::wait_read,
+                            [self = shared_from_this(), this, round](error_code ec) {
+                                guarded([&] { onPeerReadable(ec, round); });
+                            });
+    }
+
+    void onPeerReadable(error_code ec, unsigned round) {
+        if (round != answered || phase != Phase::Handling) {
+            return;  // the answer came first
+        }
+        watching = false;
+        if (ec == asio::error::operation_aborted) {  // the request's deadline cancels the socket
+            awaitPeer(round);
+            return;
+        }
+        // The peer's end shows as a hang-up even behind bytes it sent (the next
+        // request, a TLS close), which stay for whoever reads next.
+        pollfd entry{socket().native_handle(), POLLIN | POLLRDHUP, 0};
+        const int ready = ec ? -1 : ::poll(&entry, 1, 0);
+        if (ready == 0) {
+            awaitPeer(round);
+        } else if (ready < 0 || (entry.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
+            peerGone = true;
+            const auto onClosed = std::move(closeWatch);
+            closeWatch = nullptr;
+            if (onClosed) {
+                onClosed();
+            }
+        }
+    }
+
     void replyReady(HttpReply&& reply) {
+        ++answered;
+        closeWatch = nullptr;
+        if (watching) {
+            watching = false;
+            error_code ignored;
+            socket().cancel(ignored);  // the watch is the socket's only operation now
+        }
+        if (peerGone) {
+            closeNow();  // nobody reads the answer, and its onComplete never says written
+            return;
+        }
         timedOut = false;  // a deadline that passed while the handler worked
         reply.close = reply.close || !request->keep_alive();
         sendReply(std::move(reply));
@@ -699,6 +759,11 @@ private:
     bool timerArmed = false;
     bool timedOut = false;
     unsigned timerGeneration = 0;
+
+    std::function<void()> closeWatch;  // while the handler works, see watchClose()
+    bool watching = false;             // a wait for the peer is under way
+    bool peerGone = false;
+    unsigned answered = 0;  // replies the handler gave: tells a stale watch
 };
 
 }  // namespace

@@ -14,10 +14,14 @@
 #include <utility>
 #include <vector>
 
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+
 #include "daemon/HttpServer.h"
 #include "daemon/Metrics.h"
 #include "daemon/StoreWatch.h"
 #include "daemon/Token.h"
+#include "daemon/Waiters.h"
 #include "daemon/WorkPool.h"
 #include "engine/MemoryStore.h"
 #include "protocol/Failure.h"
@@ -150,24 +154,40 @@ ServerOptions serverOptions(const DaemonOptions& options, Log& log) {
     return server;
 }
 
+// What a getEvents that found nothing asks of its carrier.
+struct WaitAsk {
+    std::chrono::milliseconds wait{0};  // 0: answer now
+    std::string serverId;
+    std::uint64_t mark = 0;  // Waiters::mark() from before the look
+};
+
 }  // namespace
 
 struct Daemon::Impl : HttpHandler {
     Impl(const DaemonOptions& options, std::FILE* out, std::unique_ptr<Engine::Store> store)
         : options(options),
           log(out, options.logLevel, options.logFormat),
+          waiters(options.maxWaiters),
           engine(store ? std::move(store) : std::make_unique<Engine::MemoryStore>(options.limits)),
           storeWatch(engine),
           server(serverOptions(options, log), *this),
-          pool(options.storeThreads, options.storeQueue) {}
+          pool(options.storeThreads, options.storeQueue) {
+        engine.setPostListener([this](const std::string& serverId) { waiters.posted(serverId); });
+    }
+
+    struct Call;
 
     bool admitHead(const HttpRequest& head, const std::string& peer, HttpReply& refusal) override;
     bool admitAdmin(const HttpRequest& head, const std::string& peer, HttpReply& refusal);
     void handle(const HttpRequest& request, HttpReply& reply) override;
-    void handleLater(const HttpRequest& request, std::function<void(HttpReply)> done) override;
+    void handleLater(const HttpRequest& request, const std::shared_ptr<PendingRequest>& pending,
+                     std::function<void(HttpReply)> done) override;
+    void look(const std::shared_ptr<Call>& call);
+    void wait(const std::shared_ptr<Call>& call, std::uint64_t mark, HttpReply& reply);
+    void lookLater(const std::shared_ptr<Call>& call) noexcept;
     void answered(const RequestOutcome& outcome) override;
     using Client = std::pair<std::string, std::string>;  // (server, client)
-    void exchange(const HttpRequest& request, HttpReply& reply);
+    void exchange(const HttpRequest& request, HttpReply& reply, WaitAsk& ask);
     void acknowledgeWhenWritten(HttpReply& reply, const Client& client, std::uint64_t upTo);
     std::optional<std::uint64_t> writtenNotAcknowledged(const Client& client);
     void scrape(HttpReply& reply);
@@ -176,6 +196,7 @@ struct Daemon::Impl : HttpHandler {
 
     const DaemonOptions options;
     Log log;
+    Waiters waiters;  // outlives the engine, whose store may report posts until it goes
     Engine::ServiceEngine engine;
     Metrics metrics;
     StoreWatch storeWatch;
@@ -195,6 +216,47 @@ struct Daemon::Impl : HttpHandler {
     // acknowledges them first, so that it never gets them twice.
     std::mutex deliveredMutex;  // guards delivered
     std::map<Client, std::uint64_t> delivered;
+};
+
+// One exchange on its way: looked at on the pool, and when it is a getEvents
+// that waits, waiting in waiters with a timer on its connection's strand.
+struct Daemon::Impl::Call : Waiters::Waiter, std::enable_shared_from_this<Call> {
+    Call(Impl& impl, const HttpRequest& request, std::shared_ptr<PendingRequest> pending,
+         std::function<void(HttpReply)> done)
+        : impl(impl),
+          request(request),
+          pending(std::move(pending)),
+          done(std::move(done)),
+          timer(this->pending->executor()) {}
+
+    // A post or stop(): the timer goes (on the strand) and the store is looked at again.
+    void woken() override {
+        try {
+            boost::asio::post(pending->executor(), [self = shared_from_this()] {
+                boost::system::error_code ignored;
+                self->timer.cancel(ignored);
+            });
+        } catch (...) {
+            // The timer stays; when it fires it finds the call taken.
+        }
+        impl.lookLater(shared_from_this());
+    }
+    // Answers, once; never throws (the connection waits for it).
+    void answer(HttpReply&& reply) noexcept {
+        try {
+            done(std::move(reply));
+        } catch (...) {
+            // Out of memory on the way to the connection: nothing else can tell it.
+        }
+    }
+
+    Impl& impl;
+    const HttpRequest& request;
+    const std::shared_ptr<PendingRequest> pending;
+    const std::function<void(HttpReply)> done;
+    boost::asio::steady_timer timer;
+    std::optional<std::chrono::steady_clock::time_point> deadline;  // set by the first look
+    unsigned round = 0;  // waits begun, on the strand: tells a stale timer
 };
 
 namespace {
@@ -258,7 +320,8 @@ void Daemon::Impl::handle(const HttpRequest& request, HttpReply& reply) {
     const bool get = request.method() == http::verb::get;
     if (path == Wire::kExchangePath) {
         if (request.method() == http::verb::post) {
-            exchange(request, reply);
+            WaitAsk unheard;  // exchanges come through handleLater
+            exchange(request, reply, unheard);
         } else {
             wrongMethod(reply, request, "POST");
         }
@@ -292,21 +355,15 @@ void Daemon::Impl::handle(const HttpRequest& request, HttpReply& reply) {
 // Exchanges call the store: they run on the pool, and a full pool answers 503
 // at once rather than queue without end behind a store that hangs. The rest
 // answers here, on the I/O thread, never waiting long on the store.
-void Daemon::Impl::handleLater(const HttpRequest& request, std::function<void(HttpReply)> done) {
+void Daemon::Impl::handleLater(const HttpRequest& request,
+                               const std::shared_ptr<PendingRequest>& pending,
+                               std::function<void(HttpReply)> done) {
     if (!isExchange(request)) {
-        HttpHandler::handleLater(request, std::move(done));
+        HttpHandler::handleLater(request, pending, std::move(done));
         return;
     }
-    const bool queued = pool.trySubmit([this, &request, done] {
-        HttpReply reply;
-        try {
-            exchange(request, reply);
-        } catch (...) {
-            reply = HttpReply();
-            answer(reply, 500, "The daemon failed to serve the exchange.");
-        }
-        done(std::move(reply));
-    });
+    auto call = std::make_shared<Call>(*this, request, pending, done);
+    const bool queued = pool.trySubmit([this, call] { look(call); });
     if (!queued) {
         HttpReply busy;
         busy.headers.emplace_back("Retry-After", "1");
@@ -314,6 +371,92 @@ void Daemon::Impl::handleLater(const HttpRequest& request, std::function<void(Ht
                "The daemon has " + std::to_string(options.storeQueue) +
                    " exchanges waiting for its store already; try again later.");
         done(std::move(busy));
+    }
+}
+
+// On the pool: runs the exchange, and answers, or waits when it is a getEvents
+// that found nothing and has time left (the first look sets its deadline).
+void Daemon::Impl::look(const std::shared_ptr<Call>& call) {
+    HttpReply reply;
+    WaitAsk ask;
+    try {
+        exchange(call->request, reply, ask);
+        const auto now = std::chrono::steady_clock::now();
+        if (!call->deadline) {
+            call->deadline = now + std::min<std::chrono::milliseconds>(
+                                       ask.wait, std::chrono::seconds(options.maxWaitSeconds));
+        }
+        if (ask.wait.count() > 0 && now < *call->deadline) {
+            if (call->serverId.empty()) {  // written once: waiters reads it from other threads
+                call->serverId = ask.serverId;
+            }
+            boost::asio::post(
+                call->pending->executor(),
+                [this, call, mark = ask.mark, reply]() mutable { wait(call, mark, reply); });
+            return;
+        }
+    } catch (...) {
+        reply = HttpReply();
+        answer(reply, 500, "The daemon failed to serve the exchange.");
+    }
+    call->answer(std::move(reply));
+}
+
+// On the connection's strand: reply is the answer should the wait not begin.
+// Whoever takes the call out of waiters (a post, the timer, the closed
+// connection) ends the wait.
+void Daemon::Impl::wait(const std::shared_ptr<Call>& call, std::uint64_t mark, HttpReply& reply) {
+    const unsigned round = ++call->round;
+    bool added = false;
+    try {
+        switch (waiters.add(call, mark)) {
+            case Waiters::Added::Posted:  // since the look: look again
+                lookLater(call);
+                return;
+            case Waiters::Added::Full:
+                metrics.addRefusedWait();
+                call->answer(std::move(reply));
+                return;
+            case Waiters::Added::Stopping:
+                call->answer(std::move(reply));
+                return;
+            case Waiters::Added::Waiting:
+                added = true;
+        }
+        call->timer.expires_at(*call->deadline);
+        call->timer.async_wait([this, call, round](boost::system::error_code ec) {
+            try {
+                if (!ec && round == call->round && waiters.remove(*call)) {
+                    lookLater(call);
+                }
+            } catch (...) {
+                // Nothing may leave an Asio handler; a post or stop() still ends the wait.
+            }
+        });
+        // Gone, the client takes nothing: an acknowledged fetch took nothing
+        // yet, and an answer never written moves no cursor.
+        call->pending->watchClose([this, call] {
+            if (waiters.remove(*call)) {
+                boost::system::error_code ignored;
+                call->timer.cancel(ignored);
+                call->answer(HttpReply());
+            }
+        });
+    } catch (...) {  // out of memory: answer what was found, unless a post took the call
+        if (!added || waiters.remove(*call)) {
+            call->answer(std::move(reply));
+        }
+    }
+}
+
+// Store work goes on the pool, past its bound: a waiting call was admitted.
+void Daemon::Impl::lookLater(const std::shared_ptr<Call>& call) noexcept {
+    try {
+        pool.submit([this, call] { look(call); });
+    } catch (...) {
+        HttpReply failed;
+        answer(failed, 500, "The daemon failed to serve the exchange.");
+        call->answer(std::move(failed));
     }
 }
 
@@ -332,11 +475,12 @@ void Daemon::Impl::scrape(HttpReply& reply) {
     gauges.waitingEvents = health.stats.waitingEvents;
     gauges.waitingBytes = health.stats.waitingBytes;
     gauges.openConnections = server.openConnections();
+    gauges.waitingRequests = waiters.size();
     reply.contentType = "text/plain; version=0.0.4; charset=utf-8";
     reply.body = metrics.render(gauges);
 }
 
-void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
+void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAsk& ask) {
     RequestHeaders fields;
     Engine::ExchangeOptions carriage;
     bool ackOnly = false;
@@ -356,6 +500,9 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     if (!carriage.ack && fieldOf(fields, Protocol::kOperationNameField) == Protocol::kGetEvents) {
         options.ack = writtenNotAcknowledged(client);
     }
+    if (fields.count(Protocol::kWaitMillisecondsField) != 0) {
+        ask.mark = waiters.mark(client.first);
+    }
     const bool done =
         ackOnly ? engine.acknowledge(client.first, client.second, *carriage.ack, failure)
                 : engine.exchange(fields, request.body(), options, response, failure, result);
@@ -367,6 +514,10 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply) {
     reply.contentType = "application/octet-stream";
     reply.body = std::move(response);
     if (result.lastSequence == 0) {
+        if (!ackOnly && result.wait.count() > 0) {
+            ask.wait = result.wait;
+            ask.serverId = client.first;
+        }
         return;
     }
     reply.headers.emplace_back(Protocol::kLastSequenceHeader, std::to_string(result.lastSequence));
@@ -517,6 +668,7 @@ void Daemon::stop() {
         impl->stopping = true;
     }
     impl->sweepWake.notify_all();
+    impl->waiters.stop();
     impl->server.stop();
 }
 

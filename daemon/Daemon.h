@@ -11,8 +11,13 @@
 // AvQVLAdmin) carry the admin token instead when there is one, and come from a
 // loopback peer when there is none (403 otherwise).
 //
-// stop() lets the exchanges under way finish and closes idle connections;
-// run() then returns.
+// A getEvents that asks to wait (Wait-Milliseconds) and finds nothing holds no
+// thread: it waits, at most maxWaitSeconds, for a post to its server, then
+// looks again and answers. Past maxWaiters such waits, it is answered at once.
+// A wait whose connection closes ends without taking anything.
+//
+// stop() answers the waiting fetches, lets the exchanges under way finish and
+// closes idle connections; run() then returns.
 #ifndef AVQVL_DAEMON_DAEMON_H
 #define AVQVL_DAEMON_DAEMON_H
 
@@ -55,6 +60,10 @@ struct DaemonOptions {
     // Clients that have not fetched for this long are unregistered by a periodic
     // sweep; 0: never (a client is kept until it unregisters).
     long clientIdleExpiryMs = 0;
+    // The longest a getEvents waits for a post (the longer waits asked for are
+    // cut to it; 0: none waits), and how many wait at once.
+    long maxWaitSeconds = 60;
+    std::size_t maxWaiters = 10000;
     std::string tlsCertificateFile;  // both set: HTTPS
     std::string tlsKeyFile;
 };

@@ -28,6 +28,7 @@
 #ifndef AVQVL_DAEMON_HTTPSERVER_H
 #define AVQVL_DAEMON_HTTPSERVER_H
 
+#include <boost/asio/any_io_executor.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
 
@@ -98,6 +99,21 @@ struct RequestOutcome {
     long long micros = 0;  // from the end of the head (or the first byte) to the reply written
 };
 
+// The connection of a request its handler answers later (handleLater).
+class PendingRequest {
+public:
+    virtual ~PendingRequest() = default;
+    // The connection's strand: what the handler runs there for the request (a
+    // timer's handler) never runs at the same time as the connection's own steps.
+    virtual boost::asio::any_io_executor executor() = 0;
+    // Called on executor() only, until the answer is given. Calls onClosed
+    // there, once (a later call replaces it), when the peer closes the
+    // connection; the answer given after that is not written. A peer that
+    // sends more bytes (the next request, a TLS close) is watched no further
+    // unless it has hung up by then.
+    virtual void watchClose(std::function<void()> onClosed) = 0;
+};
+
 class HttpHandler {
 public:
     virtual ~HttpHandler() = default;
@@ -109,10 +125,13 @@ public:
     // The whole request; fills reply.
     virtual void handle(const HttpRequest& request, HttpReply& reply) = 0;
     // The whole request, answered through done, called exactly once, on any
-    // thread, now or later (request lives until then; the connection waits). A
-    // handler that must not hold an I/O thread overrides this; it must not throw.
-    // By default: handle(), then done.
-    virtual void handleLater(const HttpRequest& request, std::function<void(HttpReply)> done) {
+    // thread, now or later (request and pending live until then; the
+    // connection waits). A handler that must not hold an I/O thread overrides
+    // this; it must not throw. By default: handle(), then done.
+    virtual void handleLater(const HttpRequest& request,
+                             const std::shared_ptr<PendingRequest>& pending,
+                             std::function<void(HttpReply)> done) {
+        (void)pending;
         HttpReply reply;
         try {
             handle(request, reply);

@@ -50,6 +50,11 @@ void Metrics::addExpiredClients(std::size_t count) {
     expiredClients += count;
 }
 
+void Metrics::addRefusedWait() {
+    std::lock_guard<std::mutex> lock(mutex);
+    ++refusedWaits;
+}
+
 void Metrics::recordRequest(const std::string& operation, int status, long long micros) {
     std::lock_guard<std::mutex> lock(mutex);
     ++requests[{label(operation), status}];
@@ -91,12 +96,20 @@ std::string Metrics::render(const Gauges& gauges) {
         "# TYPE quorveld_expired_clients_total counter\n"
         "quorveld_expired_clients_total " +
         std::to_string(expiredClients) + "\n";
+    text +=
+        "# HELP quorveld_waits_refused_total Fetches that asked to wait, answered at once "
+        "because --max-waiters were waiting.\n"
+        "# TYPE quorveld_waits_refused_total counter\n"
+        "quorveld_waits_refused_total " +
+        std::to_string(refusedWaits) + "\n";
     text += gauge("quorveld_registered_clients", "Clients registered.", gauges.registeredClients);
     text += gauge("quorveld_waiting_events", "Events waiting to be fetched, one per recipient.",
                   gauges.waitingEvents);
     text += gauge("quorveld_waiting_bytes", "Bytes of event text waiting to be fetched.",
                   gauges.waitingBytes);
     text += gauge("quorveld_open_connections", "Open client connections.", gauges.openConnections);
+    text +=
+        gauge("quorveld_waiting_requests", "Fetches waiting for an event.", gauges.waitingRequests);
     return text;
 }
 

@@ -22,6 +22,7 @@ struct Gauges {
     std::size_t waitingEvents = 0;
     std::size_t waitingBytes = 0;
     std::size_t openConnections = 0;
+    std::size_t waitingRequests = 0;  // getEvents waiting for a post
 };
 
 class Metrics {
@@ -33,6 +34,8 @@ public:
     void recordRequest(const std::string& operation, int status, long long micros);
     // Clients the idle sweep unregistered.
     void addExpiredClients(std::size_t count);
+    // A getEvents that asked to wait, answered at once: too many were waiting.
+    void addRefusedWait();
     std::string render(const Gauges& gauges);
 
 private:
@@ -44,6 +47,7 @@ private:
     std::uint64_t durationCount = 0;
     std::uint64_t durationMicros = 0;
     std::uint64_t expiredClients = 0;
+    std::uint64_t refusedWaits = 0;
 };
 
 }  // namespace Daemon

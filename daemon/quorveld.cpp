@@ -129,7 +129,13 @@ void addServerOptions(CLI::App& app, CommandLine& line) {
           "Most open connections, TLS handshakes included; one past it is closed at once",
           CLI::PositiveNumber},
          {"--tls-handshake-timeout-ms", &options.tlsHandshakeTimeoutMs,
-          "Close a TLS connection whose handshake is not done after this", CLI::PositiveNumber}});
+          "Close a TLS connection whose handshake is not done after this", CLI::PositiveNumber},
+         {"--max-wait", &options.maxWaitSeconds,
+          "Most seconds a fetch waits for an event (longer waits asked for are cut; 0: none "
+          "waits)",
+          CLI::Range(0, 86400)},
+         {"--max-waiters", &options.maxWaiters,
+          "Most fetches waiting at once; more are answered at once", CLI::Range(0, 1000000)}});
 }
 
 // Text options: a file, a directory, a URL.

@@ -79,6 +79,33 @@ std::string identifierFields() {
     return quoted(Protocol::kServerIdField) + " and " + quoted(Protocol::kClientIdField);
 }
 
+// The wait a request asks for: Wait-Milliseconds, decimal 0 to INT32_MAX
+// (absent: none), on a getEvents only.
+std::chrono::milliseconds requestedWait(const RequestHeaders& headers, bool getEvents,
+                                        const std::string& operation) {
+    const auto found = headers.find(Protocol::kWaitMillisecondsField);
+    if (found == headers.end()) {
+        return std::chrono::milliseconds(0);
+    }
+    const std::string& text = found->second;
+    const std::string field = quoted(Protocol::kWaitMillisecondsField);
+    if (!getEvents) {
+        refuseProtocol("The " + field + " header field goes with getEvents only, not " +
+                       quoted(operation) + ".");
+    }
+    constexpr std::int64_t kMost = 2147483647;
+    std::int64_t value = 0;
+    bool valid = !text.empty();
+    for (const char c : text) {
+        valid = valid && c >= '0' && c <= '9' && (value = value * 10 + (c - '0')) <= kMost;
+    }
+    if (!valid) {
+        refuseProtocol("The " + field + " header field takes 0 to " + std::to_string(kMost) +
+                       " milliseconds, not " + quoted(text) + ".");
+    }
+    return std::chrono::milliseconds(value);
+}
+
 std::string sharedClientDocument(const ClientList& clients) {
     SharedClientsDocument document;
     for (const std::string& client : clients) {
@@ -99,8 +126,28 @@ ServiceEngine::~ServiceEngine() = default;
 bool ServiceEngine::handle(const RequestHeaders& headers, const std::string& body,
                            std::string& response, Failure& failure) {
     ExchangeResult result;
-    return run([&] { response = dispatch(headers, body, ExchangeOptions(), true, result); },
-               failure);
+    const auto server = headers.find(Protocol::kServerIdField);
+    if (headers.count(Protocol::kWaitMillisecondsField) == 0 || server == headers.end()) {
+        return run([&] { response = dispatch(headers, body, ExchangeOptions(), true, result); },
+                   failure);
+    }
+    // Watching from before the first look, so that no post after it is missed.
+    return run(
+        [&] {
+            PostSignal::Watch watch(signal, server->second);
+            PostSignal::Clock::time_point deadline{};
+            for (bool first = true;; first = false) {
+                const std::uint64_t seen = watch.posts();
+                response = dispatch(headers, body, ExchangeOptions(), true, result);
+                if (first) {
+                    deadline = PostSignal::Clock::now() + result.wait;
+                }
+                if (result.lastSequence != 0 || !watch.waitPast(seen, deadline)) {
+                    return;
+                }
+            }
+        },
+        failure);
 }
 
 bool ServiceEngine::exchange(const RequestHeaders& headers, const std::string& body,
@@ -125,6 +172,8 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
                        quoted(serviceName) + "; expected " + quoted(Protocol::kServiceName) + ".");
     }
     const std::string& operation = requiredHeader(headers, Protocol::kOperationNameField);
+    const std::chrono::milliseconds wait =
+        requestedWait(headers, !admin && operation == Protocol::kGetEvents, operation);
     const std::size_t maxBodyBytes = limits().maxBodyBytes;
     if (body.size() > maxBodyBytes) {
         refuseLimit("The request body of " + std::to_string(body.size()) +
@@ -157,7 +206,9 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
         return putEvents(serverId, clientId, body, options.postId);
     }
     if (operation == Protocol::kGetEvents) {
-        return getEvents(serverId, clientId, options.ack, ackAnswer, result);
+        std::string answer = getEvents(serverId, clientId, options.ack, ackAnswer, result);
+        result.wait = wait;
+        return answer;
     }
     return getSharedClients(serverId);
 }
@@ -201,6 +252,7 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
     }
     ClientList clients;
     store->post(serverId, clientId, body, postId, clients);
+    posted(serverId);
     return sharedClientDocument(clients);
 }
 
@@ -253,6 +305,33 @@ std::string ServiceEngine::administer(const std::string& operation, const Reques
     }
     // Should the client leave meanwhile, unregistering it again is no error.
     return unregisterClient(serverId, clientId);
+}
+
+void ServiceEngine::setPostListener(PostListener newListener) {
+    bool watchStore = false;
+    {
+        std::lock_guard<std::mutex> lock(listenerMutex);
+        listener = std::move(newListener);
+        watchStore = !storeWatched;
+        storeWatched = true;
+    }
+    // Once: the store calls posted(), which reads whatever listener is current.
+    if (watchStore) {
+        store->watchPosts([this](const std::string& serverId) { posted(serverId); });
+    }
+}
+
+void ServiceEngine::posted(const std::string& serverId) noexcept {
+    signal.notify(serverId);
+    std::lock_guard<std::mutex> lock(listenerMutex);
+    if (listener) {
+        try {
+            listener(serverId);
+        } catch (...) {
+            // The post is made; a listener that fails costs its waiters their wake
+            // only (they look again when their wait ends).
+        }
+    }
 }
 
 void ServiceEngine::expireIdleClients(std::chrono::milliseconds idle,

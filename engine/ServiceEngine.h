@@ -13,6 +13,8 @@
 //   getEvents         the events waiting for the registered caller (its server's
 //                     log past its cursor, less its own posts), as the events
 //                     document; see handle() and exchange() for what it acknowledges.
+//                     With "Wait-Milliseconds" (this operation only), one that
+//                     finds none waits that long for a post before it answers.
 //   getSharedClients  the shared-client document.
 //
 // The operators' service ("Service-Name" AvQVLAdmin), which whoever carries the
@@ -41,10 +43,12 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "engine/PostSignal.h"
 #include "engine/ServiceLimits.h"
 #include "engine/Store.h"
 
@@ -70,6 +74,9 @@ struct ExchangeOptions {
 // Filled by a getEvents exchange that succeeds.
 struct ExchangeResult {
     std::uint64_t lastSequence = 0;  // the highest sequence in the answer; 0: none
+    // The wait the request asked for (Wait-Milliseconds, 0: none). exchange()
+    // never waits: a carrier that answered no events does the waiting.
+    std::chrono::milliseconds wait{0};
 };
 
 class ServiceEngine {
@@ -87,7 +94,9 @@ public:
 
     // True with the response filled, or false with the failure filled. A
     // getEvents acknowledges what it answers: within one process nothing is in
-    // flight between the engine and its caller.
+    // flight between the engine and its caller. A getEvents that asks to wait
+    // and finds nothing blocks the calling thread until a post to its server
+    // (from any thread, or one the listener's store reports) or the wait's end.
     bool handle(const RequestHeaders& headers, const std::string& body, std::string& response,
                 Failure& failure);
     // The same for a carrier that may lose an answer on the way (the daemon):
@@ -101,6 +110,11 @@ public:
     // failure filled when the store fails; the events then come again.
     bool acknowledge(const std::string& serverId, const std::string& clientId, std::uint64_t upTo,
                      Failure& failure);
+
+    // Called after every post the engine applies, and given to the store for
+    // the posts of other processes (Store::watchPosts, asked once). Replaces
+    // the listener before; safe from any thread.
+    void setPostListener(PostListener listener);
 
     // Unregisters clients that have not fetched for `idle`; may throw Failure.
     void expireIdleClients(std::chrono::milliseconds idle, std::vector<ClientInfo>& expired);
@@ -121,7 +135,15 @@ private:
                           ExchangeResult& result);
     std::string getSharedClients(const std::string& serverId);
     std::string administer(const std::string& operation, const RequestHeaders& headers);
+    // Wakes the waiters of handle() and tells the listener; never throws.
+    void posted(const std::string& serverId) noexcept;
 
+    // Declared before the store, which may call posted() from a thread of its
+    // own until it is destroyed.
+    PostSignal signal;
+    std::mutex listenerMutex;  // guards listener and storeWatched
+    PostListener listener;
+    bool storeWatched = false;
     const std::unique_ptr<Store> store;
 };
 

@@ -65,10 +65,6 @@ struct ClientInfo {
     std::int64_t registeredMs = 0, lastFetchMs = 0;  // Unix epoch ms; 0 = never fetched
 };
 
-// Told that a post was applied to serverId; "" when posts may have been missed
-// (every server should look again).
-using PostListener = std::function<void(const std::string& serverId)>;
-
 // A post carrying an id already seen from the same sender of the same server
 // posts nothing and answers as the first one did. The store remembers the
 // sender's last kRememberedPosts ids, each for kRememberedPostAge: enough for
@@ -76,6 +72,11 @@ using PostListener = std::function<void(const std::string& serverId)>;
 // enough that a busy sender costs a bounded amount.
 constexpr std::size_t kRememberedPosts = 1024;
 constexpr std::int64_t kRememberedPostAgeMs = 10 * 60 * 1000;
+
+// Told the server id of a post, or "" when posts may have been missed (every
+// waiter looks again). Called from the poster's thread or a store's own; it
+// must be quick and must not call the store.
+using PostListener = std::function<void(const std::string& serverId)>;
 
 // The clock of registration and fetch times: milliseconds since the Unix epoch.
 std::int64_t epochMilliseconds();

@@ -28,6 +28,9 @@ constexpr char kClientIdField[] = "Client-ID";
 constexpr char kLocaleField[] = "Locale";
 /// The header field carrying the caller's correlation id for the logs.
 constexpr char kLogCorrelationIdField[] = "Log-Correlation-ID";
+/// A getEvents that finds nothing waits this many milliseconds (decimal, 0 to
+/// 2147483647; absent: 0) for an event before it answers none.
+constexpr char kWaitMillisecondsField[] = "Wait-Milliseconds";
 
 /// HTTP header lines between the HTTP backend and the daemon, beside the
 /// exchange's own fields (wire/HttpWire.h says when each travels).

@@ -20,6 +20,7 @@
 #include "wire/HttpWire.h"
 
 using namespace Harness;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -280,6 +281,62 @@ TEST(DaemonTest, ExchangeUnderWayFinishesThenTheDaemonExits) {
                                          "info exchange op=getStatus server= client= status=200 "
                                          "us=[0-9]+ peer=127\\.0\\.0\\.1:[0-9]+\n" +
                                          time + "info quorveld stopped\n$"));
+}
+
+// An exchange of client in server S, on a connection of its own; wait, when
+// given, asks a getEvents to wait that many milliseconds.
+std::string request(const std::string& operation, const std::string& client,
+                    const std::string& wait = "", const std::string& body = "") {
+    Strings fields{"Service-Name=AvQVLRequest", "Operation-Name=" + operation, "Server-ID=S",
+                   "Client-ID=" + client};
+    if (!wait.empty()) {
+        fields.push_back("Wait-Milliseconds=" + wait);
+    }
+    return exchangeText(fields, body);
+}
+
+// A fetch that waits is answered at once when an event waits, when one is
+// posted, or empty at its time; one past --max-waiters is answered at once; a
+// waiter that hangs up takes nothing; stopping answers the waiters.
+TEST(DaemonTest, WaitingFetchesEndWithAPostTheirTimeOrTheDaemon) {
+    Daemon daemon({"--max-waiters=1"});
+    const auto send = [&](const std::string& text) { return exchangeRaw(daemon.port, text); };
+    for (const char* client : {"a", "b", "c"}) {
+        send(request("registerClient", client));
+    }
+    const auto post = [&](const std::string& text) {
+        EXPECT_EQ(statusOf(send(request("putEvents", "a", "", text))), 200);
+    };
+    post("e1");
+    EXPECT_THAT(send(request("getEvents", "b", "20000")), HasSubstr(">e1<"));
+    EXPECT_THAT(send(request("getEvents", "c")), HasSubstr(">e1<"));
+    Connection waiting(daemon.port);
+    waiting.send(request("getEvents", "b", "20000"));
+    std::this_thread::sleep_for(milliseconds(200));  // let it wait
+    const std::string refused = send(request("getEvents", "c", "20000"));
+    EXPECT_THAT(refused, AllOf(StartsWith("HTTP/1.1 200"), Not(HasSubstr("<ns0:event "))));
+    EXPECT_THAT(getRaw(daemon.port, "/metrics"),
+                AllOf(HasSubstr("\nquorveld_waiting_requests 1\n"),
+                      HasSubstr("\nquorveld_waits_refused_total 1\n")));
+    post("e2");
+    EXPECT_THAT(waiting.receive(3000), HasSubstr(">e2<"));
+    EXPECT_THAT(send(request("getEvents", "c", "100")), HasSubstr(">e2<"));
+    EXPECT_THAT(send(request("getEvents", "c", "100")),
+                AllOf(StartsWith("HTTP/1.1 200"), Not(HasSubstr("<ns0:event "))));
+    {
+        Connection gone(daemon.port);
+        gone.send(request("getEvents", "b", "20000"));
+        std::this_thread::sleep_for(milliseconds(200));
+    }
+    std::this_thread::sleep_for(milliseconds(200));
+    post("e3");
+    std::this_thread::sleep_for(milliseconds(200));  // a waiter that took it would have by now
+    EXPECT_THAT(send(request("getEvents", "b")), HasSubstr(">e3<"));
+    Connection last(daemon.port);
+    last.send(request("getEvents", "b", "20000"));
+    std::this_thread::sleep_for(milliseconds(200));
+    EXPECT_EQ(daemon.stop(), 0);
+    EXPECT_THAT(last.receive(3000), StartsWith("HTTP/1.1 200"));
 }
 
 // A load client: registers, waits for its 15 peers, posts 1000 events, then fetches the

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <regex>
 #include <string>
 #include <thread>
@@ -44,6 +46,10 @@ protected:
                 {"Operation-Name", operation},
                 {"Server-ID", server},
                 {"Client-ID", client}};
+    }
+    static RequestHeaders waiting(RequestHeaders request, const std::string& milliseconds) {
+        request["Wait-Milliseconds"] = milliseconds;
+        return request;
     }
     std::string ok(const std::string& operation, const std::string& server,
                    const std::string& client, const std::string& body = "") {
@@ -134,6 +140,12 @@ TEST_F(ServiceEngineTest, RefusedRequestsChangeNothing) {
         {"cannot carry", req("putEvents", "S", "a"), "bell\x07"},
         {"cannot carry", req("putEvents", "S", "a"), "\xED\xA0\x80"},  // a surrogate
         {"cannot carry", req("putEvents", "S", "a"), "\xC0\xBC"},      // overlong "<"
+        {"\"Wait-Milliseconds\" header field goes with getEvents only, not \"putEvents\".",
+         waiting(req("putEvents", "S", "a"), "5"), "x"},
+        {"takes 0 to 2147483647 milliseconds, not \"-1\".",
+         waiting(req("getEvents", "S", "b"), "-1")},
+        {"not \"2147483648\"", waiting(req("getEvents", "S", "b"), "2147483648")},
+        {"not \"\"", waiting(req("getEvents", "S", "b"), "")},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.message);
@@ -141,6 +153,37 @@ TEST_F(ServiceEngineTest, RefusedRequestsChangeNothing) {
     }
     EXPECT_EQ(ok("getSharedClients", "s", "c"), shared({}));
     EXPECT_EQ(ok("getEvents", "S", "b"), events({}));
+}
+
+// A getEvents that asks to wait answers at once when an event waits, as soon as
+// another thread posts one, or with none when its wait ends.
+TEST_F(ServiceEngineTest, AWaitingFetchEndsWithAPostOrWithItsTime) {
+    add("S", {"a", "b"});
+    const struct {
+        const char* wait;
+        bool postBefore, postWhileWaiting;
+        Lines answer;
+    } rows[] = {{"20000", true, false, {"a|1|e"}},
+                {"20000", false, true, {"a|2|e"}},
+                {"50", false, false, {}}};
+    for (const auto& row : rows) {
+        if (row.postBefore) {
+            ok("putEvents", "S", "a", "e");
+        }
+        auto fetch = std::async(std::launch::async, [&] {
+            std::string response;
+            Failure failure;
+            EXPECT_TRUE(engine.handle(waiting(req("getEvents", "S", "b"), row.wait), "", response,
+                                      failure));
+            return response;
+        });
+        if (row.postWhileWaiting) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));  // let it wait first
+            ok("putEvents", "S", "a", "e");
+        }
+        ASSERT_EQ(fetch.wait_for(std::chrono::seconds(10)), std::future_status::ready) << row.wait;
+        EXPECT_EQ(fetch.get(), events(row.answer)) << row.wait;
+    }
 }
 
 class LimitedEngineTest : public ServiceEngineTest {
