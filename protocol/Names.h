@@ -28,6 +28,8 @@ constexpr char kClientIdField[] = "Client-ID";
 constexpr char kLocaleField[] = "Locale";
 /// The header field carrying the caller's correlation id for the logs.
 constexpr char kLogCorrelationIdField[] = "Log-Correlation-ID";
+/// The header field of a getEvents carrying how long it may wait for an event, in ms.
+constexpr char kWaitMillisecondsField[] = "Wait-Milliseconds";
 
 /// HTTP header lines between the HTTP backend and the daemon, beside the
 /// exchange's own fields (wire/HttpWire.h says when each travels).
