@@ -28,7 +28,8 @@ constexpr char kClientIdField[] = "Client-ID";
 constexpr char kLocaleField[] = "Locale";
 /// The header field carrying the caller's correlation id for the logs.
 constexpr char kLogCorrelationIdField[] = "Log-Correlation-ID";
-/// The header field of a getEvents carrying how long it may wait for an event, in ms.
+/// A getEvents that finds nothing waits this many milliseconds (decimal, 0 to
+/// 2147483647; absent: 0) for an event before it answers none.
 constexpr char kWaitMillisecondsField[] = "Wait-Milliseconds";
 
 /// HTTP header lines between the HTTP backend and the daemon, beside the
