@@ -5,7 +5,9 @@
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
+#include <cstdint>
 #include <istream>
+#include <limits>
 #include <mutex>
 #include <streambuf>
 
@@ -155,7 +157,8 @@ void AvQVLConnection::setRequestHeader(AvQVLRequest& request, const char* operat
 }
 
 std::string AvQVLConnection::exchange(Precondition precondition, const char* operationName,
-                                      const char* logCorrelationId, const std::string& body) {
+                                      const char* logCorrelationId, const std::string& body,
+                                      const char* wait) {
     if (precondition != Precondition::None && !isClientRegistered()) {
         if (precondition == Precondition::RegisteredThrowsPointer) {
             throw new AvQVLProtocolException(-2, kNotRegistered);  // the handler owns it
@@ -164,6 +167,9 @@ std::string AvQVLConnection::exchange(Precondition precondition, const char* ope
     }
     AvQVLRequest request;
     setRequestHeader(request, operationName, logCorrelationId, true);
+    if (wait != nullptr) {
+        request.addHeader(Protocol::kWaitMillisecondsField, wait);
+    }
     return sendWithBody(request, body);
 }
 
@@ -209,10 +215,29 @@ void AvQVLConnection::unregisterClient(std::vector<std::string>& sharedClients) 
 
 void AvQVLConnection::getEvents(std::string& events, std::vector<std::string>& sharedClients,
                                 std::string& logCorrelationId) {
+    fetchEvents(events, sharedClients, logCorrelationId, nullptr);
+}
+
+void AvQVLConnection::waitForEvents(std::string& events, std::vector<std::string>& sharedClients,
+                                    std::string& logCorrelationId, std::chrono::milliseconds wait) {
+    if (wait.count() < 0) {
+        throw AvQVLRuntimeException(
+            "waitForEvents needs a wait of zero or more milliseconds, not " +
+            std::to_string(wait.count()) + ".");
+    }
+    // The field carries at most the largest 32-bit count; a longer wait is cut
+    // to it here, as the service would cut it to its own limit anyway.
+    const auto most = std::numeric_limits<int32_t>::max();
+    const std::string field = std::to_string(wait.count() > most ? most : wait.count());
+    fetchEvents(events, sharedClients, logCorrelationId, field.c_str());
+}
+
+void AvQVLConnection::fetchEvents(std::string& events, std::vector<std::string>& sharedClients,
+                                  std::string& logCorrelationId, const char* wait) {
     events = exchange(Precondition::Registered, Protocol::kGetEvents, logCorrelationId.c_str(),
-                      kGetEventsText);
+                      kGetEventsText, wait);
     sharedClients.clear();
-    getSharedClients(sharedClients);  // a second, complete exchange
+    getSharedClients(sharedClients);  // a second, complete exchange, which never waits
 }
 
 void AvQVLConnection::putEvents(std::string& events, std::vector<std::string>& sharedClients,

@@ -3,6 +3,7 @@
 #ifndef AVQVL_CLIENT_AVQVLCONNECTION_H
 #define AVQVL_CLIENT_AVQVLCONNECTION_H
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -54,6 +55,15 @@ public:
     /// `sharedClients` to the clients sharing the service. Needs registration.
     void getEvents(std::string& events, std::vector<std::string>& sharedClients,
                    std::string& logCorrelationId);
+    /// getEvents, except that the service holds the fetch for up to `wait`
+    /// while nothing waits for the client: it answers as soon as an event
+    /// arrives, or with the empty events document when the wait ends. A wait
+    /// of zero is getEvents; one longer than the service allows (quorveld's
+    /// --max-wait) is cut to that limit by the service. The HTTP backend waits
+    /// for the answer its time-out plus `wait`. A negative wait throws
+    /// AvQVLRuntimeException before anything is sent.
+    void waitForEvents(std::string& events, std::vector<std::string>& sharedClients,
+                       std::string& logCorrelationId, std::chrono::milliseconds wait);
     /// Posts `events` to the other clients of the server and appends the
     /// clients sharing the service. Needs registration.
     void putEvents(std::string& events, std::vector<std::string>& sharedClients,
@@ -74,8 +84,13 @@ private:
                           const char* logCorrelationId, bool includeClientIds);
     // The exchange every registered-client operation runs; returns the response.
     // The body goes out with the NUL byte that ends it.
+    // `wait`, when not null, is sent as the Wait-Milliseconds field.
     std::string exchange(Precondition precondition, const char* operationName,
-                         const char* logCorrelationId, const std::string& body);
+                         const char* logCorrelationId, const std::string& body,
+                         const char* wait = nullptr);
+    // getEvents and waitForEvents: the fetch, then the shared clients.
+    void fetchEvents(std::string& events, std::vector<std::string>& sharedClients,
+                     std::string& logCorrelationId, const char* wait);
 
     std::string serverId;
     std::string clientId;

@@ -1,5 +1,6 @@
 #include "tools/Commands.h"
 
+#include <chrono>
 #include <iostream>
 #include <sstream>
 #include <vector>
@@ -249,15 +250,20 @@ void printEvents(const std::string& events, bool readable, const std::vector<Eve
 
 }  // namespace
 
-int runGet(const Options& options) {
-    return guarded("get", options, [&options] {
+int runGet(const Options& options, int waitMs) {
+    return guarded("get", options, [&options, waitMs] {
         checkIdentity(options);
         AvQVLConnection connection;
         registerAs(connection, options, true);
         std::string events;
         std::string correlationId = options.correlationId;
         std::vector<std::string> shared;
-        connection.getEvents(events, shared, correlationId);
+        if (waitMs < 0) {
+            connection.getEvents(events, shared, correlationId);
+        } else {
+            connection.waitForEvents(events, shared, correlationId,
+                                     std::chrono::milliseconds(waitMs));
+        }
         // The raw text is the result; the listing is a reading aid. The library
         // treats events as opaque, so a text that is not an events document is
         // still printed, only without the listing.

@@ -36,13 +36,19 @@ struct PutInput {
     bool lines = false;  // one event per line; empty lines are skipped
 };
 
-// How `watch` polls: every intervalMs while events arrive, waiting up to
-// kWatchMaxIdleFactor times longer (doubling each time) while none do.
+// How `watch` fetches: each fetch lets the service wait up to kWatchWaitMs for
+// an event. A service that answers an empty fetch sooner than kWatchNoWaitMs
+// does not wait, and is polled instead: intervalMs after an empty answer,
+// doubling up to kWatchMaxIdleFactor times that while none come (Watch.cpp).
 struct WatchSettings {
     int intervalMs = 500;
     bool unregisterOnExit = false;
 };
 constexpr int kWatchMaxIdleFactor = 8;
+// Long enough that an idle watch costs two requests a minute, short enough
+// that a connection that died without a word is noticed within the minute.
+constexpr int kWatchWaitMs = 30000;
+constexpr int kWatchNoWaitMs = 1000;
 
 // With --server (and --client), also says whether the client is registered,
 // without registering anyone.
@@ -52,7 +58,9 @@ int runUnregister(const Options& options);
 // Lists the server's clients without registering anyone.
 int runClients(const Options& options);
 int runPut(const Options& options, const PutInput& input);
-int runGet(const Options& options);
+// With waitMs zero or more, the service may hold the fetch that long while no
+// event waits (waitForEvents); negative: a plain getEvents.
+int runGet(const Options& options, int waitMs);
 // Registers, then prints events as they arrive until SIGINT or SIGTERM (exit
 // 0) or a failure. Must be called before the process starts any thread, since
 // it blocks both signals to wait for them.

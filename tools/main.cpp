@@ -53,6 +53,7 @@ struct CommandLine {
     Tools::Options options;
     Tools::PutInput putInput;
     Tools::WatchSettings watchSettings;
+    int getWaitMs = -1;  // no --wait: a plain fetch
     std::string url;
     std::string correlationId;
     std::function<int()> action;
@@ -165,7 +166,12 @@ void addClientCommands(CLI::App& app, CommandLine& line) {
     addIdentity(*get, line, true, "to register under");
     addLocale(*get, line);
     addCorrelationId(*get, line);
-    onRun(*get, line, true, [&line] { return Tools::runGet(line.options); });
+    get->add_option("--wait", line.getWaitMs,
+                    "Milliseconds the service may hold the fetch until an event arrives "
+                    "(quorveld cuts it to its --max-wait; a service that cannot wait answers at "
+                    "once)")
+        ->check(CLI::Range(0, 2147483647));
+    onRun(*get, line, true, [&line] { return Tools::runGet(line.options, line.getWaitMs); });
 }
 
 void addPut(CLI::App& app, CommandLine& line) {
@@ -191,11 +197,16 @@ void addWatchAndDemo(CLI::App& app, CommandLine& line) {
     CLI::App* watch = app.add_subcommand(
         "watch",
         "Register, then print each event as it arrives (a line each; JSON Lines with --json), "
-        "until SIGINT or SIGTERM. Fetches every --interval while events come, waiting up to " +
-            std::to_string(Tools::kWatchMaxIdleFactor) + " times longer while none do.");
+        "until SIGINT or SIGTERM. Each fetch lets the service wait up to " +
+            std::to_string(Tools::kWatchWaitMs / 1000) +
+            " s for an event, so events show as they are posted.");
     addIdentity(*watch, line, true, "to register under");
     addLocale(*watch, line);
-    watch->add_option("--interval", line.watchSettings.intervalMs, "Milliseconds between fetches")
+    watch
+        ->add_option("--interval", line.watchSettings.intervalMs,
+                     "For a service that cannot wait (it answers an empty fetch at once): "
+                     "milliseconds between fetches, doubling up to " +
+                         std::to_string(Tools::kWatchMaxIdleFactor) + " times while none come")
         ->capture_default_str()
         ->check(CLI::Range(1, 3600000));
     watch->add_flag("--unregister", line.watchSettings.unregisterOnExit, "Unregister on exit");

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <vector>
@@ -107,6 +108,18 @@ Kind kindOf(const HeaderFields& fields) {
                                                       : Kind::other;
 }
 
+// How long the daemon may hold the request before it answers, in ms: the
+// Wait-Milliseconds field. A value the daemon will refuse at once adds nothing.
+long waitOf(const HeaderFields& fields) {
+    const std::string text = fieldOf(fields, Protocol::kWaitMillisecondsField);
+    if (text.empty() || text.size() > 10 ||
+        text.find_first_not_of("0123456789") != std::string::npos) {
+        return 0;
+    }
+    const long long wait = std::stoll(text);
+    return wait <= std::numeric_limits<int32_t>::max() ? static_cast<long>(wait) : 0;
+}
+
 std::string headerLine(const char* name, const std::string& value) {
     return std::string(name) + ": " + value + "\r\n";
 }
@@ -169,8 +182,9 @@ public:
         if (!composeHead(headers, lines, body.size(), connection.requestHead(), failure)) {
             return false;
         }
+        const long waitMs = waitOf(headers);
         bool resent = false;
-        HttpOutcome outcome = sendResendingOnce(connection, body, response, resent);
+        HttpOutcome outcome = sendResendingOnce(connection, body, response, waitMs, resent);
         if (kind == Kind::post) {
             // A resend that failed says nothing of the first send, which was lost.
             const bool applied = outcome.fault == HttpFault::none && outcome.status == 200;
@@ -183,7 +197,7 @@ public:
         }
         if (outcome.fault != HttpFault::none) {
             response.clear();
-            return failWith(outcome, failure);
+            return failWith(outcome, waitMs, failure);
         }
         if (outcome.status == 200) {
             if (kind == Kind::fetch) {
@@ -198,11 +212,12 @@ public:
     }
 
     // One exchange on the thread's connection, sent once more when a kept-alive
-    // connection turns out closed before any byte of its answer.
+    // connection turns out closed before any byte of its answer. The answer
+    // may take the time-out plus the wait the daemon was allowed.
     HttpOutcome sendResendingOnce(HttpConnection& connection, const std::string& body,
-                                  std::string& response, bool& resent) {
+                                  std::string& response, long waitMs, bool& resent) {
         const auto exchangeBy =
-            DeadlineClock::now() + std::chrono::milliseconds(settings.timeoutMs);
+            DeadlineClock::now() + std::chrono::milliseconds(settings.timeoutMs + waitMs);
         const std::chrono::milliseconds connectTimeout(settings.connectTimeoutMs);
         const bool reused = connection.isOpen();
         HttpOutcome outcome =
@@ -309,7 +324,7 @@ private:
     }
 
     // The one place where a failed exchange gets its code and its words.
-    bool failWith(const HttpOutcome& outcome, BackendFailure& failure) const {
+    bool failWith(const HttpOutcome& outcome, long waitMs, BackendFailure& failure) const {
         const std::string where = "the Quorvel service at " + settings.url;
         const std::string& detail = outcome.detail;
         switch (outcome.fault) {
@@ -335,7 +350,10 @@ private:
             case HttpFault::timedOut:
                 return fail(failure, AVQVL_TIMED_OUT,
                             "No answer from " + where + " within the time-out (" +
-                                std::to_string(settings.timeoutMs) + " ms)");
+                                std::to_string(settings.timeoutMs) + " ms" +
+                                (waitMs > 0 ? " plus the wait of " + std::to_string(waitMs) + " ms"
+                                            : std::string()) +
+                                ")");
             case HttpFault::lost:
                 return fail(failure, AVQVL_CONNECTION_LOST,
                             "The connection to " + where + " broke during the exchange: " + detail);

@@ -2,6 +2,7 @@
 // service operations, with their header blocks, bodies, results and failures.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -200,22 +201,45 @@ TEST_F(ConnectionTest, RegistrationStateThroughFailures) {
     EXPECT_FALSE(registered());
 }
 
+// waitForEvents is getEvents with the wait in one more field of the fetch (cut
+// to what the field carries); the listing of the shared clients never waits.
 TEST_F(ConnectionTest, GetEventsRunsTwoExchangesAndReplacesBothResults) {
+    using std::chrono::milliseconds;
     registerAs(connection);
     correlation = "";  // sent as an empty value
+    const std::string fetch = idBlock("S", "K", "", "", "getEvents");
+    const std::pair<milliseconds, std::string> rows[] = {{milliseconds(0), ""},  // getEvents
+                                                         {milliseconds(1500), "1500"},
+                                                         {std::chrono::hours(1000), "2147483647"}};
+    for (const auto& row : rows) {
+        TestTransport::reset();
+        Strings shared = {"X"};
+        TestTransport::expectExchange("<events>raw</events>");
+        TestTransport::expectExchange(kSharedC);
+        if (row.second.empty()) {
+            connection.getEvents(events, shared, correlation);
+        } else {
+            connection.waitForEvents(events, shared, correlation, row.first);
+        }
+        EXPECT_EQ(events, "<events>raw</events>");
+        EXPECT_EQ(shared, Strings{"C"});
+        const std::string wait =
+            row.second.empty() ? "" : "Wait-Milliseconds=" + row.second + "\r\n";
+        EXPECT_EQ(TestTransport::headerBlocks(),
+                  (Strings{fetch.substr(0, fetch.size() - 2) + wait + "\r\n",
+                           idBlock("S", "K", "", "AvQVLConnection.getSharedClients",
+                                   "getSharedClients")}));
+        EXPECT_EQ(TestTransport::bodies(),
+                  (Strings{"Get Events Request", "AvQVL getClients Operation"}));
+        EXPECT_EQ(TestTransport::functions()[8], "AvQvl_Complete");  // the first ends first
+    }
+    TestTransport::reset();
     Strings shared = {"X"};
-    TestTransport::expectExchange("<events>raw</events>");
-    TestTransport::expectExchange(kSharedC);
-    connection.getEvents(events, shared, correlation);
-    EXPECT_EQ(events, "<events>raw</events>");
-    EXPECT_EQ(shared, Strings{"C"});
     EXPECT_EQ(
-        TestTransport::headerBlocks(),
-        (Strings{idBlock("S", "K", "", "", "getEvents"),
-                 idBlock("S", "K", "", "AvQVLConnection.getSharedClients", "getSharedClients")}));
-    EXPECT_EQ(TestTransport::bodies(),
-              (Strings{"Get Events Request", "AvQVL getClients Operation"}));
-    EXPECT_EQ(TestTransport::functions()[8], "AvQvl_Complete");  // the first ends before the second
+        thrownBy([&] { connection.waitForEvents(events, shared, correlation, milliseconds(-1)); }),
+        "AvQVLRuntimeException(0): waitForEvents needs a wait of zero or more "
+        "milliseconds, not -1.");
+    EXPECT_TRUE(TestTransport::calls().empty());
 
     // The first exchange fails: nothing changes. The second fails: the events
     // have arrived and the vector stays emptied.

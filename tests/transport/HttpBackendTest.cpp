@@ -350,6 +350,32 @@ TEST(HttpBackendTest, EachBrokenAnswerIsNamedAndNeverRetried) {
     }
 }
 
+// A request the daemon may hold is given its wait on top of the time-out.
+TEST(HttpBackendTest, AWaitStretchesTheTimeOut) {
+    FakeServer server([](Peer& peer) {
+        Request request;
+        while (peer.read(request)) {
+            std::this_thread::sleep_for(milliseconds(600));
+            peer.send(answer("late"));
+        }
+    });
+    const std::pair<const char*, const char*> rows[] = {
+        {"", "within the time-out (300 ms)"},
+        {"100", "within the time-out (300 ms plus the wait of 100 ms)"},
+        {"5000", "late"}};
+    for (const auto& row : rows) {
+        Transport::HeaderFields fields = {{"Client-ID", "K"},
+                                          {"Operation-Name", "getEvents"},
+                                          {"Server-ID", "S"},
+                                          {"Service-Name", "AvQVLRequest"}};
+        if (*row.first != '\0') {
+            fields[Arvant::Net::AvQuorvel::Protocol::kWaitMillisecondsField] = row.first;
+        }
+        EXPECT_THAT(::exchange(*backendFor(server.url(), 300), "", fields).text,
+                    HasSubstr(row.second));
+    }
+}
+
 // Runs quorveld on 127.0.0.1:port (0: any free port) and returns the port, or 0.
 int startDaemon(std::unique_ptr<Harness::Child>& daemon, int port) {
     daemon.reset(new Harness::Child(Harness::program(

@@ -6,7 +6,9 @@
 // A getEvents carries the acknowledgement of the last answer its identity read
 // to its end, and a putEvents its own post id (HttpWire.h; IdentityLedger.h
 // keeps both). What is read and still unacknowledged when the process ends
-// normally is acknowledged then, within the exchange time-out.
+// normally is acknowledged then, within the exchange time-out. A request with
+// the Wait-Milliseconds field may be held by the daemon that long, so its
+// answer is awaited for the exchange time-out plus that wait.
 //
 // Each calling thread has its own kept-alive connection (HttpConnection.h), so
 // threads never wait for each other. Thread-safe; nothing throws but

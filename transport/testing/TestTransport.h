@@ -17,6 +17,11 @@
 //     connection.registerClient(server, client, locale, shared);   // shared == {"A"}
 //     EXPECT_NE(TestTransport::headerBlocks()[0].find("Server-ID=S\r\n"), std::string::npos);
 //
+// waitForEvents is scripted as getEvents is, two exchanges (the fetch, then the
+// shared clients); nothing waits here: the scripted answer stands for whatever
+// the service answered within the wait, and the fetch's header block carries
+// "Wait-Milliseconds=<wait>\r\n".
+//
 // The transport is process-wide: use it from one thread, and reset() it at the
 // start of every test.
 #ifndef AVQVL_TRANSPORT_TESTING_TESTTRANSPORT_H
