@@ -14,6 +14,7 @@ namespace Engine {
 
 namespace {
 const char* const kDeclaration = " xmlns:ns0=\"";
+constexpr std::size_t kRoomAfterText = 256;
 
 void openRoot(std::string& text, const char* name) {
     text += "\n<ns0:";
@@ -35,7 +36,9 @@ void appendEscaped(std::string& out, const std::string& text) {
         }
         return names;
     }();
-    out.reserve(out.size() + text.size());
+    // With room for what follows (a closing tag, the next element's start): an
+    // exact fit made the next append move the whole document once more.
+    out.reserve(out.size() + text.size() + kRoomAfterText);
     const char* const end = text.data() + text.size();
     const char* run = text.data();
     for (const char* at = run; at != end; ++at) {
