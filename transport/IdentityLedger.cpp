@@ -19,8 +19,9 @@ namespace {
 
 // 128 random bits from the system's source, so two processes (or two hosts)
 // never draw the same id; no generator state to share or to reseed after a fork.
-// One getrandom() call: a std::random_device made per post opened the device
-// anew each time, a quarter of a small post's CPU time in the client.
+// One getrandom() call: a std::random_device made per post probed the processor
+// (cpuid, a trap to the hypervisor in a virtual machine) each time, a quarter
+// of a small post's CPU time in the client.
 std::string randomPostId() {
     static const char digits[] = "0123456789abcdef";
     unsigned char bits[Wire::kPostIdDigits / 2];
