@@ -3,7 +3,8 @@
 // transport's own switch). Baselines in the same run: the engine called
 // directly (embedded), or the same exchange written by hand on a bare socket to
 // the same daemon (when QUORVEL_URL is http://127.0.0.1:PORT) and, when
-// REDIS_PORT names a Redis server on loopback, a PING round trip (daemon).
+// REDIS_PORT names a Redis server on loopback, a PING round trip and a GET of
+// a 1 MiB value (daemon).
 // daemon/fanOut16/putEvents, run against quorveld on each store, compares the
 // stores where clients meet them.
 #include <arpa/inet.h>
@@ -21,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "BenchInputs.h"
 #include "OperationBench.h"
 #include "RawExchange.h"
 #include "client/AvQVLConnection.h"
@@ -129,6 +131,59 @@ void redisPing(benchmark::State& state, int port) {
     close(fd);
 }
 
+// Whether all of text went out on fd.
+bool writeAll(int fd, const std::string& text) {
+    for (std::size_t sent = 0; sent < text.size();) {
+        const ssize_t n = write(fd, text.data() + sent, text.size() - sent);
+        if (n <= 0) {
+            return false;
+        }
+        sent += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// Baseline for getEvents/1MiB: a Redis GET of a 1 MiB value over one loopback
+// connection, the reply read whole into a buffer made once.
+void redisGet1MiB(benchmark::State& state, int port) {
+    const std::size_t size = 1024 * 1024;
+    const std::string key = "bench:get1MiB", sizeText = std::to_string(size);
+    const int fd = Bench::connectLoopback(port);
+    char ok[8];
+    if (fd < 0 ||
+        !writeAll(fd, "*3\r\n$3\r\nSET\r\n$" + std::to_string(key.size()) + "\r\n" + key + "\r\n$" +
+                          sizeText + "\r\n" + BenchInputs::asciiText(size) + "\r\n") ||
+        read(fd, ok, 5) != 5) {
+        state.SkipWithError("cannot set the value in Redis");
+        if (fd >= 0) {
+            close(fd);
+        }
+        return;
+    }
+    const std::string get = "GET " + key + "\r\n";
+    std::vector<char> reply(1 + sizeText.size() + 2 + size + 2);  // $SIZE CR LF value CR LF
+    for (auto _ : state) {
+        std::size_t have = 0;
+        if (!writeAll(fd, get)) {
+            state.SkipWithError("GET failed");
+            break;
+        }
+        while (have < reply.size()) {
+            const ssize_t n = read(fd, reply.data() + have, reply.size() - have);
+            if (n <= 0) {
+                break;
+            }
+            have += static_cast<std::size_t>(n);
+        }
+        if (have != reply.size()) {
+            state.SkipWithError("the GET reply was cut short");
+            break;
+        }
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * size));
+    close(fd);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -149,6 +204,8 @@ int main(int argc, char** argv) {
         const char* redisPort = std::getenv("REDIS_PORT");
         if (redisPort != nullptr && std::atoi(redisPort) > 0) {
             benchmark::RegisterBenchmark("daemon/redisPing", redisPing, std::atoi(redisPort));
+            benchmark::RegisterBenchmark("daemon/redisGet/1MiB", redisGet1MiB,
+                                         std::atoi(redisPort));
         }
     }
     return OperationBench::runBenchmarks(argc, argv);

@@ -1,5 +1,6 @@
 #include "engine/Documents.h"
 
+#include <array>
 #include <utility>
 
 #include "engine/Store.h"
@@ -13,6 +14,7 @@ namespace Engine {
 
 namespace {
 const char* const kDeclaration = " xmlns:ns0=\"";
+constexpr std::size_t kRoomAfterText = 256;
 
 void openRoot(std::string& text, const char* name) {
     text += "\n<ns0:";
@@ -23,17 +25,32 @@ void openRoot(std::string& text, const char* name) {
 }
 }  // namespace
 
+// Runs of characters that stand as they are are copied whole: an event of
+// plain text is one append, not a call per character.
 void appendEscaped(std::string& out, const std::string& text) {
-    out.reserve(out.size() + text.size());
-    for (char c : text) {
-        const char* reference = Protocol::xmlReferenceName(c);
-        if (reference == nullptr) {
-            out += c;
-        } else {
+    // xmlReferenceName's answer for every byte, looked up once.
+    static const std::array<const char*, 256> kReferences = [] {
+        std::array<const char*, 256> names{};
+        for (int c = 0; c < 256; ++c) {
+            names[c] = Protocol::xmlReferenceName(static_cast<char>(c));
+        }
+        return names;
+    }();
+    // With room for what follows (a closing tag, the next element's start): an
+    // exact fit made the next append move the whole document once more.
+    out.reserve(out.size() + text.size() + kRoomAfterText);
+    const char* const end = text.data() + text.size();
+    const char* run = text.data();
+    for (const char* at = run; at != end; ++at) {
+        const char* reference = kReferences[static_cast<unsigned char>(*at)];
+        if (reference != nullptr) {
+            out.append(run, at);
             out += '&';
             out += reference;
+            run = at + 1;
         }
     }
+    out.append(run, end);
 }
 
 SharedClientsDocument::SharedClientsDocument() {

@@ -62,6 +62,28 @@ local function trim()
         dropBelow(lowest)
     end
 end
+-- The values of fields of hash, false for a missing one; in slices, as above.
+local function getAll(hash, fields)
+    local values = {}
+    for first = 1, #fields, 1000 do
+        local got = redis.call('HMGET', hash, unpack(fields, first, math.min(first + 999, #fields)))
+        for i = 1, #got do
+            values[first + i - 1] = got[i]
+        end
+    end
+    return values
+end
+-- Sets fields[i] of hash to values[i], a whole number, in slices.
+local function setAll(hash, fields, values)
+    for first = 1, #fields, 1000 do
+        local flat = {}
+        for i = first, math.min(first + 999, #fields) do
+            flat[#flat + 1] = fields[i]
+            flat[#flat + 1] = string.format('%d', values[i])
+        end
+        redis.call('HSET', hash, unpack(flat))
+    end
+end
 local function waitingOf(client)
     return tonumber(redis.call('HGET', K.waiting, client) or '0')
 end
@@ -151,13 +173,23 @@ return {0, redis.call('ZRANGE', K.clients, 0, -1)}
     // client receives is published, in the same step, so that no one hears of
     // it before it can be read; a repeat or a post no one receives is not. The ids of a sender are
     // a sorted set by time, cut to the newest and the youngest, gone with the
-    // sender or after their age.
+    // sender or after their age. The recipients' counts are read and written
+    // with one command each, not two per recipient: a post to 15 clients makes
+    // 15 calls into Redis instead of about 75.
     R"lua(
 local sender, text, postId, now = ARGV[2], ARGV[3], ARGV[4], tonumber(ARGV[5])
-if not redis.call('ZSCORE', K.clients, sender) then
+local clients = redis.call('ZRANGE', K.clients, 0, -1)
+local others, registered = {}, false
+for _, client in ipairs(clients) do
+    if client == sender then
+        registered = true
+    else
+        others[#others + 1] = client
+    end
+end
+if not registered then
     return {1}
 end
-local clients = redis.call('ZRANGE', K.clients, 0, -1)
 local posts = postsPrefix .. sender
 if postId ~= '' then
     redis.call('ZREMRANGEBYSCORE', posts, '-inf', '(' .. (now - tonumber(ARGV[10])))
@@ -168,36 +200,38 @@ end
 local size = string.len(text)
 local mostEvents, mostBytes = tonumber(ARGV[6]), tonumber(ARGV[7])
 local held = tonumber(redis.call('GET', K.stored) or '0')
-if #clients > 1 and held + size > tonumber(ARGV[8]) then
+if #others > 0 and held + size > tonumber(ARGV[8]) then
     return {5, held}
 end
-for _, client in ipairs(clients) do
-    if client ~= sender then
-        local waiting = waitingOf(client)
-        if waiting >= mostEvents then
-            return {3, client, waiting}
-        end
-        local bytes = tonumber(redis.call('HGET', K.bytes, client) or '0')
-        if bytes + size > mostBytes then
-            return {4, client, bytes}
-        end
+local count = #others
+others[count + 1] = sender  -- its own count is read with the others'
+local waiting = getAll(K.waiting, others)
+local senderWaiting = tonumber(waiting[count + 1] or '0')
+others[count + 1] = nil
+waiting[count + 1] = nil
+local bytes = getAll(K.bytes, others)
+for i, client in ipairs(others) do
+    waiting[i] = tonumber(waiting[i] or '0')
+    if waiting[i] >= mostEvents then
+        return {3, client, waiting[i]}
     end
+    bytes[i] = tonumber(bytes[i] or '0')
+    if bytes[i] + size > mostBytes then
+        return {4, client, bytes[i]}
+    end
+    waiting[i], bytes[i] = waiting[i] + 1, bytes[i] + size
 end
 local sequence = redis.call('HINCRBY', K.server, 'sequence', 1) - 1
-if #clients > 1 then
+if #others > 0 then
     redis.call('ZADD', K.order, sequence, string.format('%d %d ', sequence, size) .. sender)
     redis.call('HSET', K.log, sequence,
                string.format('%d %d ', sequence, string.len(sender)) .. sender .. text)
     redis.call('INCRBY', K.stored, size)
-    for _, client in ipairs(clients) do
-        if client ~= sender then
-            redis.call('HINCRBY', K.waiting, client, 1)
-            redis.call('HINCRBY', K.bytes, client, size)
-        end
-    end
+    setAll(K.waiting, others, waiting)
+    setAll(K.bytes, others, bytes)
     redis.call('PUBLISH', ARGV[11], ARGV[12])
 end
-if waitingOf(sender) == 0 then
+if senderWaiting == 0 then
     -- Its cursor follows its own posts: a client that only posts holds nothing.
     redis.call('HSET', K.cursors, sender, sequence)
     trim()

@@ -58,6 +58,7 @@ void DeadlineSocket::adopt(Socket&& connected) {
 }
 
 void DeadlineSocket::close() {
+    flowing = false;
     error_code ignored;
     socket.close(ignored);
 }

@@ -143,6 +143,7 @@ int32_t Exchange::receive(char* buffer, std::string& error) {
         case Phase::bodyEnded: {
             BackendFailure failure;
             std::string answer;
+            answer.swap(response);  // the last answer's buffer: no fresh pages to fault in
             if (!backend.exchange(headers, body, answer, failure)) {
                 // Codes of -1 and above mean something else to a client.
                 const int32_t code = failure.code < -1 ? failure.code : AVQVL_REFUSED;
@@ -159,6 +160,9 @@ int32_t Exchange::receive(char* buffer, std::string& error) {
             if (count == 0) {
                 phase = Phase::finished;
                 response.clear();
+                if (response.capacity() > kKeptResponseBytes) {
+                    std::string().swap(response);
+                }
                 return AVQVL_END_OF_RESPONSE;
             }
             std::memcpy(buffer, response.data() + responseOffset, count);

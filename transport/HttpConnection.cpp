@@ -25,6 +25,9 @@ namespace http = boost::beast::http;
 using boost::system::error_code;
 using tcp = asio::ip::tcp;
 
+// The most Beast's read takes from the socket at once.
+constexpr std::size_t kReadBufferBytes = 64 * 1024;
+
 HttpOutcome faulted(HttpFault fault, const std::string& detail, bool answerStarted = false) {
     HttpOutcome outcome;
     outcome.fault = fault;
@@ -77,7 +80,12 @@ bool isTlsRecord(const boost::beast::flat_buffer& bytes) {
 }  // namespace
 
 HttpConnection::HttpConnection(const HttpUrl& url, asio::ssl::context* tls)
-    : url(url), tls(tls), socket(io) {}
+    : url(url), tls(tls), socket(io) {
+    // Beast reads as much as the buffer has room for (at least 512 bytes, at
+    // most 64 KiB), and the parser takes each piece at once, so the buffer never
+    // grows by itself: without this room a 1 MiB answer took 2048 reads.
+    readBuffer.reserve(kReadBufferBytes);
+}
 
 HttpConnection::~HttpConnection() {
     close();

@@ -138,6 +138,9 @@ TEST_F(ServiceEngineTest, RefusedRequestsChangeNothing) {
         {"Client \"z\" is not registered with server \"S\".", req("putEvents", "S", "z"), "x"},
         {"Client \"a\" is not registered with server \"T\".", req("getEvents", "T", "a")},
         {"cannot carry", req("putEvents", "S", "a"), "bell\x07"},
+        // After eight plain bytes and more, which the check passes a word at a time.
+        {"cannot carry", req("putEvents", "S", "a"), "plain text, then a bell\x07 and more"},
+        {"cannot carry", req("putEvents", "S", "a"), "plain text, then a stray \xFF and more"},
         {"cannot carry", req("putEvents", "S", "a"), "\xED\xA0\x80"},  // a surrogate
         {"cannot carry", req("putEvents", "S", "a"), "\xC0\xBC"},      // overlong "<"
         {"\"Wait-Milliseconds\" header field goes with getEvents only, not \"putEvents\".",

@@ -25,6 +25,9 @@ namespace AvQuorvel {
 namespace Transport {
 
 constexpr std::size_t kMaxHeaderBlockBytes = 64 * 1024;
+// The buffer of an answer up to this size is kept for the thread's next one,
+// so steady large answers reuse their memory; a larger one is given back.
+constexpr std::size_t kKeptResponseBytes = 4 * 1024 * 1024;
 
 class Exchange {
 public:

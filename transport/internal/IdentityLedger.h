@@ -7,7 +7,8 @@
 //     same request sent again carries the same id and is posted once.
 // One instance, never destroyed (exchanges may run while the process ends).
 // Thread-safe, fork-safe: a child inherits the entries, and only the process
-// that read an answer acknowledges it at exit. Throws only std::bad_alloc.
+// that read an answer acknowledges it at exit. Throws std::bad_alloc, and
+// std::system_error from postIdFor when the system gives no random bytes.
 #ifndef AVQVL_TRANSPORT_INTERNAL_IDENTITYLEDGER_H
 #define AVQVL_TRANSPORT_INTERNAL_IDENTITYLEDGER_H
 
