@@ -383,9 +383,6 @@ TEST(CliDaemonTest, WatchPrintsEventsUntilStopped) {
 // get --wait and watch are answered by the daemon as soon as a post comes; an
 // hour's --interval keeps watch from finding it by polling instead.
 TEST(CliDaemonTest, WaitingFetchesPrintAPostMadeWhileTheyWait) {
-    if (Harness::run({QUORVELD_BINARY, "--help"}).out.find("--max-wait") == std::string::npos) {
-        GTEST_SKIP() << "this quorveld does not wait";  // until the daemon's side is merged
-    }
     Harness::DaemonProcess daemon({"--quiet"});
     const Strings env = {daemon.url()};
     for (const Strings& row :
