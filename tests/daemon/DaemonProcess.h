@@ -1,13 +1,18 @@
-// quorveld as a child process on an ephemeral loopback port, for the tests of
-// the daemon's server side (RawConnection.h talks to it byte by byte).
+// quorveld for the tests of the daemon's server side, on an ephemeral loopback
+// port: as a child process (DaemonProcess), or as the daemon library served by a
+// thread of the test (InProcessDaemon) where no process is killed, limited or
+// started with a command line. RawConnection.h talks to either byte by byte.
 #ifndef AVQVL_TESTS_DAEMON_DAEMONPROCESS_H
 #define AVQVL_TESTS_DAEMON_DAEMONPROCESS_H
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <memory>
 #include <string>
+#include <thread>
 
+#include "daemon/Daemon.h"
 #include "daemon/DaemonHarness.h"
 #include "daemon/RawConnection.h"
 #include "wire/HttpWire.h"
@@ -38,6 +43,43 @@ public:
     int port = 0;
 };
 
+// The daemon library on its own thread until the object ends (or stop()), with
+// store (a MemoryStore when null); its log lines go to log().
+class InProcessDaemon {
+public:
+    using Options = Arvant::Net::AvQuorvel::Daemon::DaemonOptions;
+    explicit InProcessDaemon(Options options = {},
+                             std::unique_ptr<Arvant::Net::AvQuorvel::Engine::Store> store = {})
+        : daemon((options.port = 0, options), logFile, std::move(store)) {
+        std::string error;
+        EXPECT_TRUE(daemon.bind(error)) << error;
+        port = daemon.port();
+        serving = std::thread([this] { daemon.run(); });
+    }
+    ~InProcessDaemon() {
+        stop();
+        std::fclose(logFile);
+    }
+    void stop() {
+        if (serving.joinable()) {
+            daemon.stop();
+            serving.join();
+        }
+    }
+    std::string log() const {
+        std::fflush(logFile);
+        std::ifstream file("/proc/self/fd/" + std::to_string(::fileno(logFile)));
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    }
+    std::string url() const { return "QUORVEL_URL=http://127.0.0.1:" + std::to_string(port); }
+    int port = 0;
+
+private:
+    std::FILE* logFile = std::tmpfile();
+    Arvant::Net::AvQuorvel::Daemon::Daemon daemon;
+    std::thread serving;
+};
+
 // GET path on a connection of its own.
 inline std::string getRaw(int port, const std::string& path, const std::string& headers = "",
                           int timeoutMs = 3000) {
@@ -63,11 +105,25 @@ inline std::string exchangeText(const Strings& fields, const std::string& body =
     return text + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
+// The fields of an exchange of operation by client of server "S".
+inline Strings asClient(const std::string& operation, const std::string& client) {
+    return {"Service-Name=AvQVLRequest", "Operation-Name=" + operation, "Server-ID=S",
+            "Client-ID=" + client};
+}
+
 // The status of an HTTP answer; 0 when none came.
 inline int statusOf(const std::string& answer) {
     int status = 0;
     std::sscanf(answer.c_str(), "HTTP/1.1 %d", &status);
     return status;
+}
+
+// Registers each client with server "S" through raw exchanges.
+inline void registerClients(int port, const Strings& clients) {
+    for (const std::string& client : clients) {
+        EXPECT_EQ(statusOf(exchangeRaw(port, exchangeText(asClient("registerClient", client)))),
+                  200);
+    }
 }
 
 }  // namespace Harness

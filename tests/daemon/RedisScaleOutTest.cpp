@@ -1,6 +1,6 @@
-// Two quorveld processes on one Redis serve one set of clients: an event posted
-// through one is fetched through the other. Under load from client processes
-// behind a plain TCP balancer, kill -9 of a daemon (restarted or not) or of
+// Two quorveld processes on one Redis serve one set of clients behind a plain
+// TCP balancer (so events posted through one are fetched through the other).
+// Under load from client processes, kill -9 of a daemon (restarted or not) or of
 // Redis (appendfsync always) loses no acknowledged event and delivers none
 // twice or out of order, though the backend sends again what a dead
 // connection cut off.
@@ -17,22 +17,6 @@
 using namespace Harness;
 
 namespace {
-
-TEST(RedisScaleOut, AnEventPostedThroughOneDaemonIsFetchedThroughTheOther) {
-    RedisServer redis;
-    DaemonProcess a({"--redis", redis.url()}), b({"--redis", redis.url()});
-    EXPECT_NE(
-        quorvel({"register", "S", "alice"}, {a.url()}).out.find("shared clients (1): alice\n"),
-        std::string::npos);
-    Result result = quorvel({"put", "--server", "S", "--client", "bob", "hello"}, {b.url()});
-    EXPECT_EQ(result.code, 0) << result.err;
-    result = quorvel({"clients", "--server", "S", "--client", "alice"}, {b.url()});
-    EXPECT_NE(result.out.find("shared clients (2): alice, bob\n"), std::string::npos) << result.out;
-    result = quorvel({"get", "--json", "--server", "S", "--client", "alice"}, {a.url()});
-    EXPECT_NE(result.out.find("\"sender\":\"bob\",\"sequence\":\"1\",\"text\":\"hello\""),
-              std::string::npos)
-        << result.out << result.err;
-}
 
 struct Fault {
     const char* name;

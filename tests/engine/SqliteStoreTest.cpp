@@ -11,6 +11,8 @@
 
 #include <filesystem>
 
+#include "support/TempDir.h"
+
 namespace {
 
 using namespace Arvant::Net::AvQuorvel::Engine;
@@ -18,20 +20,11 @@ using Lines = std::vector<std::string>;
 
 class SqliteStoreTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/quorvel-sqlite-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        directory = pattern;
-    }
-    void TearDown() override {
-        std::error_code ignored;
-        std::filesystem::permissions(directory, std::filesystem::perms::owner_all, ignored);
-        std::filesystem::remove_all(directory, ignored);
-    }
-    Lines take(Store& store, const std::string& client) {
+    // The client's events as "sender|sequence|text", acknowledged when take is set.
+    static Lines events(Store& store, const std::string& client, bool take = true) {
         std::vector<StoredEvent> events;
         store.read("S", client, std::nullopt, events);
-        if (!events.empty()) {
+        if (take && !events.empty()) {
             store.acknowledge("S", client, events.back().sequence);
         }
         Lines shown;
@@ -41,8 +34,17 @@ protected:
         }
         return shown;
     }
+    // Runs statements on the database file of a closed store.
+    static void sql(const std::string& file, const std::string& statements) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, statements.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(db);
+        sqlite3_close(db);
+    }
 
-    std::string directory;
+    TempDir scratch;
+    const std::string directory = scratch.path;
 };
 
 TEST_F(SqliteStoreTest, StateSurvivesReopening) {
@@ -71,25 +73,45 @@ TEST_F(SqliteStoreTest, StateSurvivesReopening) {
         EXPECT_THROW(store.post("S", "a", "over", "", none), Failure);  // b's limit held
     }
     SqliteStore store(directory, limits);
-    EXPECT_EQ(take(store, "b"), (Lines{"a|1|one", "c|2|two", "a|3|three", "a|4|four"}));
-    EXPECT_EQ(take(store, "c"), (Lines{"a|3|three", "a|4|four"}));
+    EXPECT_EQ(events(store, "b"), (Lines{"a|1|one", "c|2|two", "a|3|three", "a|4|four"}));
+    EXPECT_EQ(events(store, "c"), (Lines{"a|3|three", "a|4|four"}));
     store.post("S", "b", "six", "", clients);  // the sequence goes on
-    EXPECT_EQ(take(store, "a"), (Lines{"c|2|two", "b|5|six"}));
+    EXPECT_EQ(events(store, "a"), (Lines{"c|2|two", "b|5|six"}));
     const StoreStats stats = store.stats();
     EXPECT_EQ(stats.registeredClients, 3u);
     EXPECT_EQ(stats.waitingEvents, 1u);  // c: six
 }
 
+// Each operation is one transaction: a failure between its statements (a
+// trigger of the test's own fails the second write of a post, and the event
+// deletion that follows an acknowledgement's cursor move) leaves nothing of it.
+TEST_F(SqliteStoreTest, AFailureBetweenStatementsLeavesTheStateWhole) {
+    Lines clients;
+    {
+        SqliteStore store(directory, ServiceLimits{});
+        store.registerClient("S", "a", clients);
+        store.registerClient("S", "b", clients);
+        store.post("S", "a", "one", "", clients);
+    }
+    // The store holds its file alone while it is open.
+    sql(SqliteStore::databasePath(directory),
+        "CREATE TRIGGER failPost BEFORE UPDATE ON servers WHEN EXISTS "
+        "(SELECT 1 FROM events WHERE text = CAST('fail' AS BLOB)) BEGIN SELECT RAISE(ABORT, "
+        "'injected'); END;"
+        "CREATE TRIGGER failDrop BEFORE DELETE ON events WHEN OLD.text = CAST('one' AS BLOB) "
+        "BEGIN SELECT RAISE(ABORT, 'injected'); END;");
+    SqliteStore store(directory, ServiceLimits{});
+    EXPECT_THROW(store.post("S", "a", "fail", "", clients), Failure);
+    EXPECT_THROW(store.acknowledge("S", "b", 1), Failure);
+    store.post("S", "a", "two", "", clients);
+    EXPECT_EQ(events(store, "b", false), (Lines{"a|1|one", "a|2|two"}));
+    EXPECT_EQ(store.stats().waitingEvents, 2u);
+}
+
 // A directory that cannot be made is a Limit failure naming the cause.
 TEST_F(SqliteStoreTest, AFileInTheWayIsAClearFailure) {
-    const std::string file = directory + "/file";
-    {
-        FILE* f = fopen(file.c_str(), "w");
-        ASSERT_NE(f, nullptr);
-        fclose(f);
-    }
     try {
-        SqliteStore store(file, ServiceLimits{});
+        SqliteStore store(scratch.file("file", ""), ServiceLimits{});
         ADD_FAILURE() << "a store in place of a file";
     } catch (const Failure& failure) {
         EXPECT_EQ(failure.kind, FailureKind::Limit);
@@ -127,12 +149,7 @@ TEST_F(SqliteStoreTest, FilesArePrivateAndOtherLayoutsAreRefused) {
         EXPECT_EQ(store.stats().waitingEvents, 1u);
     }
     for (const char* version : {"0", "3"}) {
-        sqlite3* db = nullptr;
-        ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db, (std::string("PRAGMA user_version = ") + version).c_str(),
-                               nullptr, nullptr, nullptr),
-                  SQLITE_OK);
-        sqlite3_close(db);
+        sql(file, std::string("PRAGMA user_version = ") + version);
         try {
             SqliteStore store(made, ServiceLimits());
             ADD_FAILURE() << "version " << version << " opened";

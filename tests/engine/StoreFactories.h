@@ -6,7 +6,6 @@
 
 #include <functional>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -20,38 +19,34 @@ namespace StoreTests {
 using Arvant::Net::AvQuorvel::Engine::ServiceLimits;
 using Arvant::Net::AvQuorvel::Engine::Store;
 
+namespace Engine = Arvant::Net::AvQuorvel::Engine;
+
 struct StoreFactory {
     std::string name;
     std::function<std::unique_ptr<Store>(const ServiceLimits& limits, const std::string& scratch)>
         make;
 };
 
-// The test framework names each instance by printing its parameter; without
-// this it would dump the factory's bytes, padding included.
-inline void PrintTo(const StoreFactory& factory, std::ostream* out) {
-    *out << factory.name;
-}
-
 inline std::vector<StoreFactory> storeFactories() {
-    std::vector<StoreFactory> factories;
-    factories.push_back({"Memory", [](const ServiceLimits& limits, const std::string&) {
-                             return std::make_unique<Arvant::Net::AvQuorvel::Engine::MemoryStore>(
-                                 limits);
-                         }});
-    factories.push_back({"Sqlite", [](const ServiceLimits& limits, const std::string& scratch) {
-                             return std::make_unique<Arvant::Net::AvQuorvel::Engine::SqliteStore>(
-                                 scratch, limits);
-                         }});
-    // One redis-server for the whole program, emptied for each store.
-    factories.push_back({"Redis", [](const ServiceLimits& limits, const std::string&) {
-                             static RedisServer redis;
-                             redis.flush();
-                             Arvant::Net::AvQuorvel::Engine::RedisAddress address;
-                             address.port = redis.port;
-                             return std::make_unique<Arvant::Net::AvQuorvel::Engine::RedisStore>(
-                                 address, limits);
-                         }});
-    return factories;
+    return {
+        {"Memory",
+         [](const ServiceLimits& limits, const std::string&) {
+             return std::make_unique<Engine::MemoryStore>(limits);
+         }},
+        {"Sqlite",
+         [](const ServiceLimits& limits, const std::string& scratch) {
+             return std::make_unique<Engine::SqliteStore>(scratch, limits);
+         }},
+        // One redis-server for the whole program, emptied for each store.
+        {"Redis",
+         [](const ServiceLimits& limits, const std::string&) {
+             static RedisServer redis;
+             redis.flush();
+             Engine::RedisAddress address;
+             address.port = redis.port;
+             return std::make_unique<Engine::RedisStore>(address, limits);
+         }},
+    };
 }
 
 }  // namespace StoreTests
