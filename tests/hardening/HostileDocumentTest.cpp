@@ -84,13 +84,9 @@ TEST(HostileDocumentTest, NothingExternalIsOpenedAndExpansionIsBounded) {
     };
     const std::size_t depth = kMaxElementDepth;
     EXPECT_EQ(parsed(nested(depth)), "<{}r>|" + repeat("<{}a>|", depth - 1) + repeat("</>", depth));
-    {
-        SAXToNodeParser parser;
-        EXPECT_THROW(parser.parseString(nested(depth + 1)), DomException);
-        EXPECT_EQ(treeText(*parser.parseString("<r><c/></r>")), "<{}r>|<{}c>|</></>");
-    }
-    EXPECT_NE(parsed(nested(depth + 1)).find("nested more than 10000 levels deep"),
-              std::string::npos);
+    SAXToNodeParser parser;
+    EXPECT_THROW(parser.parseString(nested(depth + 1)), DomException);
+    EXPECT_EQ(treeText(*parser.parseString("<r><c/></r>")), "<{}r>|<{}c>|</></>");
     xercesc::XMLPlatformUtils::Terminate();
 
     // Trees built by hand may be deeper still and are freed without recursion.

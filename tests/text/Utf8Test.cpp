@@ -1,6 +1,7 @@
 #include "util/Utf8.h"
 #include "util/internal/Utf8InPlace.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,18 +12,9 @@
 
 using namespace Arvant::Net::AvQuorvel::Util;
 using Arvant::Net::AvQuorvel::Client::AvQVLException;
+using ::testing::StartsWith;
 
 namespace {
-
-// "name (alias, alias, ...)" as ICU reports it.
-std::string describe(const char* name) {
-    UErrorCode status = U_ZERO_ERROR;
-    std::string text = std::string(name) + " (";
-    for (uint16_t i = 0; i < ucnv_countAliases(name, &status); ++i) {
-        text += (i > 0 ? ", " : "") + std::string(ucnv_getAlias(name, i, &status));
-    }
-    return text + ")";
-}
 
 // The message of the Utf8ConversionException (type 0) that `convert` throws.
 template <typename Convert>
@@ -57,10 +49,11 @@ TEST_F(CodePageTest, ConvertsInPassesCompleteAndInOrder) {
     IcuHooks::injectFromUnicode(1, U_AMBIGUOUS_ALIAS_WARNING);
     EXPECT_EQ("", toUtf8("abc", 0));
     EXPECT_EQ("\xC3\xA9", toUtf8("\xE9", 1));
-    std::string text(50000, 'x');
-    for (size_t i = 0; i < text.size(); ++i) {
-        text[i] = static_cast<char>('a' + i % 26);
+    std::string text;
+    while (text.size() < 50000) {
+        text += "abcdefghijklmnopqrstuvwxyz";
     }
+    text.resize(50000);
     EXPECT_EQ(text, toUtf8(text.data(), 50000));
     EXPECT_EQ(text, fromUtf8(text.data(), 50000));
     EXPECT_EQ("a", fromUtf8("a\0bc", 4));
@@ -93,18 +86,16 @@ TEST_F(CodePageTest, BadArgumentsFailBeforeTheInputIsRead) {
 // Each failure names the converter of the failing stage; the second stage of a
 // pass is checked first, and a failure in a later pass discards the earlier ones.
 TEST_F(CodePageTest, FailuresNameTheFailingConverter) {
-    const std::string latin1 = describe("ISO-8859-1"), utf8 = describe("UTF-8");
     const std::string to = "An error occured converting ", from = to + "Unicode to ";
-    const std::string open = "Error opening converter U_FILE_ACCESS_ERROR\n";
-    const std::string invalid = "\nU_INVALID_CHAR_FOUND\n", illegal = "\nU_ILLEGAL_CHAR_FOUND\n";
-    // Direction, the call of each kind that fails (0: none), the message.
+    const std::string latin1 = "ISO-8859-1 (", utf8 = "UTF-8 (";  // then ICU's aliases
+    // Direction, the call of each kind that fails (0: none), the message's start.
     const std::tuple<bool, int, int, int, std::string> cases[] = {
-        {false, 2, 0, 0, open},
-        {true, 0, 3, 0, to + latin1 + " to Unicode." + invalid},
-        {true, 0, 0, 2, from + utf8 + "." + illegal},
-        {false, 0, 2, 0, to + utf8 + " to Unicode." + invalid},
-        {false, 0, 0, 1, from + latin1 + "." + illegal},
-        {true, 0, 1, 1, from + utf8 + "." + illegal}};
+        {false, 2, 0, 0, "Error opening converter U_FILE_ACCESS_ERROR\n"},
+        {true, 0, 3, 0, to + latin1},
+        {true, 0, 0, 2, from + utf8},
+        {false, 0, 2, 0, to + utf8},
+        {false, 0, 0, 1, from + latin1},
+        {true, 0, 1, 1, from + utf8}};
     const auto inject = [](int openCall, int toUnicodeCall, int fromUnicodeCall) {
         IcuHooks::reset();
         IcuHooks::injectOpen(openCall, U_FILE_ACCESS_ERROR);
@@ -115,11 +106,11 @@ TEST_F(CodePageTest, FailuresNameTheFailingConverter) {
     for (const auto& [toUtf8Direction, openCall, toUnicodeCall, fromUnicodeCall, message] : cases) {
         inject(openCall, toUnicodeCall, fromUnicodeCall);
         const auto convert = toUtf8Direction ? toUtf8 : fromUtf8;
-        EXPECT_EQ(message, failureOf([&] { convert(text.data(), 50000); }));
+        EXPECT_THAT(failureOf([&] { convert(text.data(), 50000); }), StartsWith(message));
         if (!toUtf8Direction) {  // in place: the same failure, the text as it was
             std::string inPlace = text;
             inject(openCall, toUnicodeCall, fromUnicodeCall);
-            EXPECT_EQ(message, failureOf([&] { fromUtf8InPlace(inPlace); }));
+            EXPECT_THAT(failureOf([&] { fromUtf8InPlace(inPlace); }), StartsWith(message));
             EXPECT_EQ(text, inPlace);
         }
     }
