@@ -56,8 +56,9 @@ int fetchAsB(std::size_t want, int attempts) {
 }
 
 // Asks for b's events over a bare socket, as the HTTP backend does (ack) or as
-// a raw call without Quorvel-Ack does, reads nothing of the answer, says whether it came whole
-// ("whole") or fills the socket buffers ("stalled"), and waits to be killed.
+// a raw call without Quorvel-Ack does, reads nothing of the answer, says
+// whether it came whole ("whole") or fills the socket buffers ("stalled"), and
+// waits to be killed.
 int stalledReader(int port, bool ack) {
     RawConnection connection(port);
     connection.send(exchangeText(asClient("getEvents", "b"), "",
