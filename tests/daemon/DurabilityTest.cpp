@@ -119,8 +119,12 @@ TEST(DaemonRedelivery, AnswersOfDeadOrStalledReadersAreNotLostNorRepeated) {
         }
         ASSERT_EQ(reader.out(), row.reader) << reader.err();
         posting(row.before, row.during);
+        if (!row.ack) {  // its answer cut short before b asks: nothing may be acknowledged
+            reader.signal(SIGKILL);
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the reset reaches it
+        }
         const std::size_t all = static_cast<std::size_t>(row.before + row.during);
-        Child first([&] { return fetchAsB(all, 100); }, {daemon.url()});  // while it stalls
+        Child first([&] { return fetchAsB(all, 100); }, {daemon.url()});  // while it stalls (ack)
         EXPECT_EQ(first.wait(60000), 0) << first.err();
         reader.signal(SIGKILL);
         EXPECT_EQ(reader.wait(), -1);
