@@ -159,11 +159,11 @@ inline int runCrashLoad(const CrashLoad& load, const std::string& urlEnv,
                                                   Strings{urlEnv}));
     }
     auto acknowledged = [&clients] {
-        std::size_t count = 0;
+        int count = 0;
         for (const auto& client : clients) {
-            count += parseLog(client->out()).acked.size();
+            count += static_cast<int>(parseLog(client->out()).acked.size());
         }
-        return static_cast<int>(count);
+        return count;
     };
     const auto deadline = Clock::now() + std::chrono::seconds(120);
     while (acknowledged() < load.clients * load.posts / 3 && Clock::now() < deadline) {
@@ -191,9 +191,8 @@ inline int runCrashLoad(const CrashLoad& load, const std::string& urlEnv,
     EXPECT_GT(ackedBeforeFault, 0);
     EXPECT_LT(ackedBeforeFault, acknowledged()) << "the fault came after the load";
     for (std::size_t r = 0; r < logs.size(); ++r) {
-        const std::string name = "c" + std::to_string(r);
-        EXPECT_EQ(orderFault(name, logs[r].received), "") << name;
-        EXPECT_EQ(accountOf(r, logs), "") << name;
+        EXPECT_EQ(orderFault("c" + std::to_string(r), logs[r].received) + accountOf(r, logs), "")
+            << "c" << r;
     }
     return failures;
 }

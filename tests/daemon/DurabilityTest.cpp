@@ -55,25 +55,22 @@ int fetchAsB(std::size_t want, int attempts) {
     std::exit(0);  // atexit and static destructors included (Child uses _exit)
 }
 
-// Asks for b's events over a bare socket as the HTTP backend does, reads
-// nothing of the answer, says whether it came whole ("whole") or fills the
-// socket buffers ("stalled"), and waits to be killed.
-int stalledReader(int port) {
+// Asks for b's events over a bare socket, as the HTTP backend does (ack) or as
+// a raw call without Quorvel-Ack does, reads nothing of the answer, says
+// whether it came whole ("whole") or fills the socket buffers ("stalled"), and
+// waits to be killed.
+int stalledReader(int port, bool ack) {
     RawConnection connection(port);
     connection.send(exchangeText(asClient("getEvents", "b"), "",
-                                 std::string(Protocol::kAckHeader) + ": 0\r\n"));
+                                 ack ? std::string(Protocol::kAckHeader) + ": 0\r\n" : ""));
     const std::size_t kBuffered = 64 * 1024;
     for (int i = 0; i < 400; ++i) {
         const std::string seen = connection.peek(kBuffered, 5000);
-        const std::size_t head = seen.find("\r\n\r\n");
-        const std::size_t length = seen.find("Content-Length: ");
-        if (head != std::string::npos && length < head &&
-            seen.size() >= head + 4 + std::stoul(seen.substr(length + 16))) {
-            std::printf("whole\n");
-            break;
-        }
-        if (seen.size() == kBuffered) {
-            std::printf("stalled\n");
+        const std::size_t head = seen.find("\r\n\r\n"), length = seen.find("Content-Length: ");
+        const bool whole = head != std::string::npos && length < head &&
+                           seen.size() >= head + 4 + std::stoul(seen.substr(length + 16));
+        if (whole || seen.size() == kBuffered) {
+            std::printf(whole ? "whole\n" : "stalled\n");
             break;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(25));
@@ -93,8 +90,10 @@ TEST(DaemonRedelivery, AnswersOfDeadOrStalledReadersAreNotLostNorRepeated) {
         std::size_t size;    // of each text; 256 KiB: 80 far exceed the socket buffers
         int before, during;  // events posted before the reader asks, and while it stalls
         const char* reader;  // what the reader sees before it is killed
+        bool ack = true;     // false: the daemon acknowledges what it wrote whole
     } rows[] = {
         {"an answer cut short by its reader's death", 256 * 1024, 80, 0, "stalled\n"},
+        {"a raw answer cut short by its reader's death", 256 * 1024, 80, 0, "stalled\n", false},
         {"an answer written whole, its reader killed before reading", 16, 3, 0, "whole\n"},
         {"a stalled reader while newer events come", 256 * 1024, 80, 10, "stalled\n"},
     };
@@ -113,15 +112,19 @@ TEST(DaemonRedelivery, AnswersOfDeadOrStalledReadersAreNotLostNorRepeated) {
         };
         registerClients(daemon.port, {"b", "a"});
         posting(0, row.before);
-        Child reader([&] { return stalledReader(daemon.port); });
+        Child reader([&] { return stalledReader(daemon.port, row.ack); });
         const auto deadline = Clock::now() + std::chrono::seconds(30);
         while (reader.out().empty() && reader.running() && Clock::now() < deadline) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         ASSERT_EQ(reader.out(), row.reader) << reader.err();
         posting(row.before, row.during);
+        if (!row.ack) {  // its answer cut short before b asks: nothing may be acknowledged
+            reader.signal(SIGKILL);
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the reset reaches it
+        }
         const std::size_t all = static_cast<std::size_t>(row.before + row.during);
-        Child first([&] { return fetchAsB(all, 100); }, {daemon.url()});  // while it stalls
+        Child first([&] { return fetchAsB(all, 100); }, {daemon.url()});  // while it stalls (ack)
         EXPECT_EQ(first.wait(60000), 0) << first.err();
         reader.signal(SIGKILL);
         EXPECT_EQ(reader.wait(), -1);

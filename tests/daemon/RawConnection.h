@@ -17,7 +17,7 @@ class RawConnection {
 public:
     explicit RawConnection(int port) {
         sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-        connected = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     }
     ~RawConnection() { ::close(fd); }
     RawConnection(const RawConnection&) = delete;
@@ -46,7 +46,6 @@ public:
         seen.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
         return seen;
     }
-    bool connected = false;
     bool closed = false;
 
 private:

@@ -25,17 +25,16 @@ struct Fault {
 };
 
 TEST(RedisScaleOut, KillNineUnderLoadLosesNothingAndRepeatsNothing) {
+    const auto kill = [](std::unique_ptr<DaemonProcess>& a) {
+        a->signal(SIGKILL);
+        EXPECT_EQ(a->wait(), -1);
+    };
     const Fault faults[] = {
-        {"one daemon killed",
-         [](RedisServer&, std::unique_ptr<DaemonProcess>& a) {
-             a->signal(SIGKILL);
-             EXPECT_EQ(a->wait(), -1);
-         }},
+        {"one daemon killed", [&](RedisServer&, std::unique_ptr<DaemonProcess>& a) { kill(a); }},
         {"one daemon killed and restarted",
-         [](RedisServer& redis, std::unique_ptr<DaemonProcess>& a) {
+         [&](RedisServer& redis, std::unique_ptr<DaemonProcess>& a) {
              const int port = a->port;
-             a->signal(SIGKILL);
-             EXPECT_EQ(a->wait(), -1);
+             kill(a);
              a = std::make_unique<DaemonProcess>(Strings{"--redis", redis.url()}, Strings{}, port);
              EXPECT_EQ(a->port, port);
          }},

@@ -78,12 +78,10 @@ private:
             while (::waitpid(-1, nullptr, WNOHANG) > 0) {
                 --relays;
             }
-            if (client < 0 || relays >= kMaxRelays) {
-                ::close(client);
-                continue;
-            }
             int backend = -1;
-            for (std::size_t tried = 0; tried < backends.size() && backend < 0; ++tried) {
+            for (std::size_t tried = 0;
+                 client >= 0 && relays < kMaxRelays && tried < backends.size() && backend < 0;
+                 ++tried) {
                 backend = ::socket(AF_INET, SOCK_STREAM, 0);
                 const sockaddr_in address = loopback(backends[(next + tried) % backends.size()]);
                 if (::connect(backend, reinterpret_cast<const sockaddr*>(&address),
