@@ -3,7 +3,8 @@
 // Under load from client processes, kill -9 of a daemon (restarted or not) or of
 // Redis (appendfsync always) loses no acknowledged event and delivers none
 // twice or out of order, though the backend sends again what a dead
-// connection cut off.
+// connection cut off. A client waiting on one daemon hears a post made
+// through the other.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -17,6 +18,24 @@
 using namespace Harness;
 
 namespace {
+
+TEST(RedisScaleOut, AWaiterOnOneDaemonIsReleasedByAPostThroughTheOther) {
+    RedisServer redis;
+    DaemonProcess a({"--redis", redis.url()}), b({"--redis", redis.url()});
+    Child waiter(
+        program({QUORVEL_BINARY, "get", "--wait", "60000", "--server", "S", "--client", "W"}),
+        {a.url()});
+    for (int i = 0;
+         i < 500 &&
+         quorvel({"clients", "--server", "S", "--client", "P"}, {b.url()}).out.find("W") ==
+             std::string::npos;
+         ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_EQ(quorvel({"put", "--server", "S", "--client", "P", "hi"}, {b.url()}).code, 0);
+    EXPECT_EQ(waiter.wait(20000), 0) << "not released within 20 s of a 60 s wait";
+    EXPECT_NE(waiter.out().find("1 from P: hi\n"), std::string::npos) << waiter.out();
+}
 
 struct Fault {
     const char* name;
