@@ -11,20 +11,22 @@ cd "$(dirname "$0")/.."
 list=scripts/mutations.tsv
 exclude='^(DurabilityTest|RedisScaleOutTest)$'
 usage() {
-    echo "usage: scripts/mutate.sh [-f ID,ID...] [-R REGEX] [-E REGEX] [-t SECONDS] [-j JOBS] [-n] [-l]" >&2
+    echo "usage: scripts/mutate.sh [-f ID,ID...] [-R REGEX] [-E REGEX] [-t SECONDS] [-j JOBS] [-x] [-n] [-l]" >&2
     echo "  -f only these faults   -R/-E ctest filters (default -E '$exclude'; -E '' runs all)" >&2
-    echo "  -t per-test time-out (default 120)   -n no baseline run   -l list the faults and stop" >&2
+    echo "  -t per-test time-out (default 120)   -x stop at the first test that catches a fault" >&2
+    echo "  -n no baseline run   -l list the faults and stop" >&2
     echo "  scratch copy and build in \$MUTATE_DIR (default build-mutate)" >&2
     exit 2
 }
-only='' include='' timeout=120 jobs=2 baseline=1 listonly=0
-while getopts 'f:R:E:t:j:nlh' opt; do
+only='' include='' timeout=120 jobs=2 baseline=1 listonly=0 first=()
+while getopts 'f:R:E:t:j:xnlh' opt; do
     case $opt in
     f) only=",$OPTARG," ;;
     R) include=$OPTARG ;;
     E) exclude=$OPTARG ;;
     t) timeout=$OPTARG ;;
     j) jobs=$OPTARG ;;
+    x) first=(--stop-on-failure) ;;
     n) baseline=0 ;;
     l) listonly=1 ;;
     *) usage ;;
@@ -73,7 +75,7 @@ run_tests() {
     local tag=$1
     cmake --build "$build" -j "$jobs" >"$logs/$tag.build.log" 2>&1 || return 3
     find "$build" -name CTestTestfile.cmake -exec sed -i -E "s/TIMEOUT \"[0-9.]+\"/TIMEOUT \"$timeout\"/g" {} +
-    local args=(--test-dir "$build" -j "$jobs" --output-on-failure)
+    local args=(--test-dir "$build" -j "$jobs" --output-on-failure "${first[@]}")
     [[ -n $include ]] && args+=(-R "$include")
     [[ -n $exclude ]] && args+=(-E "$exclude")
     rm -f "$build/Testing/Temporary/LastTestsFailed.log"
