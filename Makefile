@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 CMAKE_FLAGS ?=
 JOBS ?= 2
 
-.PHONY: all deps configure build test demo docs bench test-asan test-tsan test-valgrind fuzz-smoke clean
+.PHONY: all deps configure build test demo docs bench test-asan test-tsan test-valgrind fuzz-smoke mutate clean
 
 all: build
 
@@ -53,5 +53,11 @@ test-valgrind: build
 fuzz-smoke: deps
 	@scripts/fuzz-smoke.sh
 
+# The fault check: each fault of scripts/mutations.tsv in a scratch copy, and
+# the tests that catch it (slow; not in CI). Options through MUTATE_ARGS, e.g.
+# make mutate MUTATE_ARGS="-f token-prefix,tls-no-verify -R Daemon".
+mutate: deps
+	@scripts/mutate.sh $(MUTATE_ARGS)
+
 clean:
-	@rm -rf $(BUILD_DIR) build-asan build-tsan build-fuzz build-bench
+	@rm -rf $(BUILD_DIR) build-asan build-tsan build-fuzz build-bench build-mutate

@@ -11,6 +11,7 @@ packages=(
     libsqlite3-dev redis-server redis-tools libhiredis-dev
     clang libclang-rt-14-dev valgrind
     doxygen
+    rsync ccache
 )
 
 missing=()
