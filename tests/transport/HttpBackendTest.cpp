@@ -348,11 +348,12 @@ TEST(HttpBackendTest, FetchesCarryTheirAckAndRetriedPostsTheirId) {
     // Calls (one a character, its body that character: '.' a getEvents, 's' the
     // getSharedClients that closes it, a letter a putEvents), replies, expected.
     const char* rows[][3] = {
-        {"AB", "0d0", "abb"},  // resent on a new connection after a close without answer
-        {"AA", "u0", "aa"},    // retried after an unknown outcome
-        {"AB", "u0", "ab"},    // another body after an unknown outcome
-        {"AA", "00", "ab"},    // the same body after a success
-        {"AA", "r0", "ab"},    // the same body after a refusal
+        {"AB", "0d0", "abb"},   // resent on a new connection after a close without answer
+        {"AA", "u0", "aa"},     // retried after an unknown outcome
+        {"AAA", "ur0", "aaa"},  // ... and again after a refusal, which says nothing of the first
+        {"AB", "u0", "ab"},     // another body after an unknown outcome
+        {"AA", "00", "ab"},     // the same body after a success
+        {"AA", "r0", "ab"},     // the same body after a refusal
         {"....", "7090", "0779"}, {"...", "7c0", "077"},  // a cut answer acknowledges nothing
         {".s.", "7r0", "0-0"},                            // a call whose closing exchange failed
         {".s.", "700", "0-7"},
