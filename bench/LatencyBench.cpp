@@ -61,6 +61,7 @@ struct Receipts {
     std::vector<double> micros;
     int ready = 0;
     long count = 0;
+    std::atomic<bool> stopping{false};  // also set when the stop post fails
 
     void add(std::int64_t sentNs) {
         const double us = static_cast<double>(nowNs() - sentNs) / 1000.0;
@@ -111,8 +112,8 @@ void waitingClient(const std::string& server, int index, Receipts& receipts) {
         ++receipts.ready;
         receipts.changed.notify_all();
     }
-    for (bool stop = false; !stop;) {
-        connection.waitForEvents(events, shared, correlation, std::chrono::seconds(10));
+    for (bool stop = false; !stop && !receipts.stopping;) {
+        connection.waitForEvents(events, shared, correlation, std::chrono::seconds(1));
         for (std::int64_t sent : stamps(events)) {
             stop = stop || sent < 0;
             if (sent >= 0) {
@@ -148,6 +149,7 @@ void measureWakeUps(benchmark::State& state, int waiters,
         expected += waiters;
         ok = post("T" + std::to_string(nowNs()) + ";") && receipts.waitFor(expected);
     }
+    receipts.stopping = true;
     post("Tstop;");
     for (std::thread& thread : threads) {
         thread.join();
@@ -209,9 +211,9 @@ void redisBlpop(benchmark::State& state, int port) {
                 ++receipts.ready;
                 receipts.changed.notify_all();
             }
-            for (bool stop = false; !stop && context && context->err == 0;) {
+            for (bool stop = false; !stop && !receipts.stopping && context && context->err == 0;) {
                 auto* reply = static_cast<redisReply*>(
-                    redisCommand(context.get(), "BLPOP %s%d 10", prefix.c_str(), i));
+                    redisCommand(context.get(), "BLPOP %s%d 1", prefix.c_str(), i));
                 if (reply == nullptr) {
                     break;
                 }

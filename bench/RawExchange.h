@@ -43,7 +43,7 @@ using Fields = std::vector<std::pair<std::string, std::string>>;
 
 class RawExchange {
 public:
-    explicit RawExchange(int port) : fd(connectLoopback(port)) {}
+    explicit RawExchange(int port) : port(port), fd(connectLoopback(port)) {}
     ~RawExchange() {
         if (fd >= 0) {
             close(fd);
@@ -91,6 +91,11 @@ public:
             }
             body.append(buffer, static_cast<std::size_t>(n));
         }
+        // The daemon ends a connection after so many requests, as clients do.
+        if (head.find("Connection: close") < end) {
+            close(fd);
+            fd = connectLoopback(port);
+        }
         return head.compare(0, 9, "HTTP/1.1 ") == 0 ? std::atoi(head.c_str() + 9) : 0;
     }
 
@@ -99,6 +104,7 @@ public:
     }
 
 private:
+    const int port;
     int fd;
 };
 
