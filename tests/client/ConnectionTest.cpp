@@ -111,8 +111,7 @@ TEST_F(ConnectionTest, OperationsSendTheirHeaderAndBodyAndAppend) {
          idBlock("", "", "", "AvQVLConnection.unregisterClient", "unregisterClient"),
          "AvQVL unregister client"},
         {[&](Strings& s) { connection.registerClient(server, client, locale, s); },
-         "Client-ID=K\r\nLocale=L\r\nLog-Correlation-ID=AvQVLConnection.registerClient\r\n"
-         "Operation-Name=registerClient\r\nServer-ID=S\r\nService-Name=AvQVLRequest\r\n\r\n",
+         idBlock("S", "K", "L", "AvQVLConnection.registerClient", "registerClient"),
          "AvQVL register client"},
         {[&](Strings& s) { connection.getSharedClients(s); },
          idBlock("S", "K", "L", "AvQVLConnection.getSharedClients", "getSharedClients"),
@@ -196,7 +195,7 @@ TEST_F(ConnectionTest, GetEventsRunsTwoExchangesAndReplacesBothResults) {
     registerAs(connection);
     correlation = "";  // sent as an empty value
     const std::string fetch = idBlock("S", "K", "", "", "getEvents");
-    const std::pair<milliseconds, std::string> rows[] = {{milliseconds(0), ""},  // getEvents
+    const std::pair<milliseconds, std::string> rows[] = {{milliseconds(0), ""},
                                                          {milliseconds(1500), "1500"},
                                                          {std::chrono::hours(1000), "2147483647"}};
     for (const auto& row : rows) {
@@ -211,12 +210,12 @@ TEST_F(ConnectionTest, GetEventsRunsTwoExchangesAndReplacesBothResults) {
         }
         EXPECT_EQ(events, "<events>raw</events>");
         EXPECT_EQ(shared, Strings{"C"});
-        const std::string wait =
-            row.second.empty() ? "" : "Wait-Milliseconds=" + row.second + "\r\n";
-        EXPECT_EQ(TestTransport::headerBlocks(),
-                  (Strings{fetch.substr(0, fetch.size() - 2) + wait + "\r\n",
-                           idBlock("S", "K", "", "AvQVLConnection.getSharedClients",
-                                   "getSharedClients")}));
+        const std::string wait = row.second.empty() ? "" : "Wait-Milliseconds=" + row.second;
+        EXPECT_EQ(
+            TestTransport::headerBlocks(),
+            (Strings{
+                fetch.substr(0, fetch.size() - 2) + wait + (wait.empty() ? "" : "\r\n") + "\r\n",
+                idBlock("S", "K", "", "AvQVLConnection.getSharedClients", "getSharedClients")}));
         EXPECT_EQ(TestTransport::bodies(),
                   (Strings{"Get Events Request", "AvQVL getClients Operation"}));
         EXPECT_EQ(TestTransport::functions()[8], "AvQvl_Complete");  // the first ends first
