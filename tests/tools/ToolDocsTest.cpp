@@ -71,7 +71,6 @@ TEST(ToolDocsTest, CompletionCompletesCommandsAndTheirOptions) {
     const struct {
         std::string line, expected;
     } rows[] = {
-        {"quorvel ", "status register unregister clients put get watch demo admin"},
         {"quorvel admin evict --", "--server --client --admin-token-file --json --help"},
         {"quorvel --url http://h:1 g", "get"},
         {"quorvel put --server ", ""},
