@@ -4,6 +4,7 @@
 // coming back.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -27,15 +28,12 @@ RedisServer& sharedRedis() {
 
 class RedisStoreTest : public ::testing::Test {
 protected:
-    // A store on the test's Redis; each test uses servers named after itself.
+    // A store on the test's Redis.
     std::unique_ptr<RedisStore> makeStore(int timeoutMs = 0) {
         RedisAddress address;
         address.port = sharedRedis().port;
         address.commandTimeoutMs = timeoutMs > 0 ? timeoutMs : address.commandTimeoutMs;
         return std::make_unique<RedisStore>(address, ServiceLimits());
-    }
-    std::string server(const std::string& name = "") const {
-        return ::testing::UnitTest::GetInstance()->current_test_info()->name() + name;
     }
     void registerAll(Store& store, const std::string& serverId, const ClientList& ids) {
         ClientList clients;
@@ -67,6 +65,9 @@ protected:
         ADD_FAILURE() << "no Failure";
         return FailureKind::Refused;
     }
+
+    // Each test uses a server named after itself.
+    const std::string s = ::testing::UnitTest::GetInstance()->current_test_info()->name();
 };
 
 using Strings = std::vector<std::string>;
@@ -104,7 +105,6 @@ TEST(RedisUrlTest, ReadsHostPortAndDatabase) {
 // A post's text is held once whatever the number of its recipients.
 TEST_F(RedisStoreTest, OnePostToManyClientsHoldsItsTextOnce) {
     auto store = makeStore();
-    const std::string s = server();
     ClientList clients;
     for (int i = 0; i < 1000; ++i) {
         store->registerClient(s, std::to_string(i), clients);
@@ -122,7 +122,6 @@ TEST_F(RedisStoreTest, OnePostToManyClientsHoldsItsTextOnce) {
 // minutes) command time-out.
 TEST_F(RedisStoreTest, ATimedOutPostHasAnUnknownOutcomeAndMayBeResent) {
     auto store = makeStore(200), patient = makeStore(600000);
-    const std::string s = server();
     registerAll(*store, s, {"a", "b"});
     patient->ping();
     ClientList clients;
@@ -143,7 +142,6 @@ TEST_F(RedisStoreTest, ATimedOutPostHasAnUnknownOutcomeAndMayBeResent) {
 TEST_F(RedisStoreTest, SurvivesRedisRestartsAndFailsClearlyWhileDown) {
     RedisServer& redis = sharedRedis();
     auto store = makeStore();
-    const std::string s = server();
     registerAll(*store, s, {"a", "b"});
     ClientList clients;
     store->post(s, "a", "before", "", clients);
@@ -180,15 +178,14 @@ TEST_F(RedisStoreTest, SurvivesRedisRestartsAndFailsClearlyWhileDown) {
 struct HeardPosts {
     std::mutex mutex;
     Strings heard;
-    std::size_t next = 0;
     bool hears(const std::string& serverId) {
         for (int i = 0; i < 1000; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
             std::lock_guard<std::mutex> lock(mutex);
-            while (next < heard.size()) {
-                if (heard[next++] == serverId) {
-                    return true;
-                }
+            const auto found = std::find(heard.begin(), heard.end(), serverId);
+            if (found != heard.end()) {
+                heard.erase(heard.begin(), found + 1);
+                return true;
             }
         }
         return false;
@@ -206,7 +203,6 @@ TEST_F(RedisStoreTest, HearsPostsThroughAnotherStoreAcrossRedisRestarts) {
         heard.heard.push_back(serverId);
     });
     ASSERT_TRUE(heard.hears(""));  // subscribed: from now on nothing is missed
-    const std::string s = server();
     registerAll(*poster, s, {"a", "b"});
     ClientList clients;
     poster->post(s, "a", "x", "", clients);
