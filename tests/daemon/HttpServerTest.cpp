@@ -8,9 +8,9 @@
 #include <string>
 #include <thread>
 
+#include "daemon/DaemonHarness.h"
 #include "daemon/HttpServer.h"
 #include "daemon/Metrics.h"
-#include "daemon/RawConnection.h"
 #include "daemon/Token.h"
 
 using namespace Arvant::Net::AvQuorvel::Daemon;

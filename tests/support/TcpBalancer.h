@@ -2,7 +2,7 @@
 // connection to the next of its loopback backends in turn (the one after when a
 // backend refuses), relaying bytes both ways until either side closes; it knows
 // nothing of HTTP. It runs as a process of its own, each connection relayed by
-// a child of that process, at most kMaxRelays at once (more are closed at once).
+// a child of that process.
 // unanswered() counts the connections a backend closed while a request on
 // them had no answer byte yet (a daemon killed under load). With one backend
 // it is a proxy that can lose an answer: after dropNextAnswer() the next bytes
@@ -30,8 +30,6 @@
 
 class TcpBalancer {
 public:
-    static constexpr int kMaxRelays = 128;
-
     explicit TcpBalancer(std::vector<int> backendPorts) : backends(std::move(backendPorts)) {
         const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address = loopback(0);
@@ -57,8 +55,6 @@ public:
         ::waitpid(child, nullptr, 0);
         ::munmap(shared, sizeof(Counters));
     }
-    TcpBalancer(const TcpBalancer&) = delete;
-    TcpBalancer& operator=(const TcpBalancer&) = delete;
 
     int unanswered() const { return __atomic_load_n(&shared->unanswered, __ATOMIC_SEQ_CST); }
     int dropped() const { return __atomic_load_n(&shared->dropped, __ATOMIC_SEQ_CST); }
@@ -72,15 +68,11 @@ private:
     }
 
     [[noreturn]] void serve(int listener) {
-        int relays = 0;
+        ::signal(SIGCHLD, SIG_IGN);  // the relays end unwaited for
         for (std::size_t next = 0;; ++next) {
             const int client = ::accept(listener, nullptr, nullptr);
-            while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-                --relays;
-            }
             int backend = -1;
-            for (std::size_t tried = 0;
-                 client >= 0 && relays < kMaxRelays && tried < backends.size() && backend < 0;
+            for (std::size_t tried = 0; client >= 0 && tried < backends.size() && backend < 0;
                  ++tried) {
                 backend = ::socket(AF_INET, SOCK_STREAM, 0);
                 const sockaddr_in address = loopback(backends[(next + tried) % backends.size()]);
@@ -95,7 +87,6 @@ private:
                 ::close(listener);
                 relay(client, backend);
             }
-            relays += backend >= 0;
             ::close(client);
             ::close(backend);
         }
