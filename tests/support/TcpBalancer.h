@@ -19,14 +19,15 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "daemon/DaemonHarness.h"
 
 class TcpBalancer {
 public:
@@ -43,16 +44,11 @@ public:
         // Shared with the relay processes, which count into it.
         shared = static_cast<Counters*>(::mmap(nullptr, sizeof(Counters), PROT_READ | PROT_WRITE,
                                                MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-        std::fflush(nullptr);
-        if ((child = ::fork()) == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            serve(listener);
-        }
+        balancer = std::make_unique<Harness::Child>([this, listener]() -> int { serve(listener); });
         ::close(listener);
     }
     ~TcpBalancer() {
-        ::kill(child, SIGKILL);
-        ::waitpid(child, nullptr, 0);
+        balancer.reset();
         ::munmap(shared, sizeof(Counters));
     }
 
@@ -129,7 +125,7 @@ private:
     }
 
     std::vector<int> backends;
-    pid_t child = -1;
+    std::unique_ptr<Harness::Child> balancer;
     struct Counters {
         int unanswered, dropNext, dropped;
     };
