@@ -53,6 +53,16 @@ bool persist(F f, Clock::time_point until) {
     }
 }
 
+// Prints the events of a getEvents answer as "E sender sequence number" lines;
+// how many there were.
+inline std::size_t printEvents(const std::string& answer) {
+    const std::vector<Delivered> got = scanEvents(answer);
+    for (const Delivered& event : got) {
+        std::printf("E %s %lu %d\n", event.sender.c_str(), event.sequence, event.number);
+    }
+    return got.size();
+}
+
 // Each line one fact for the account: "P i ok" or "P i unsure" (a post given up,
 // maybe applied), "X" (a failed call), "E sender sequence number", "posted".
 // A failed post is sent again with the same text, as an application would.
@@ -72,11 +82,7 @@ inline int crashClient(const CrashLoad& load, const std::string& self) {
         if (!persist([&] { connection.getEvents(events, shared, correlation); }, Clock::now())) {
             return true;
         }
-        const std::vector<Delivered> got = scanEvents(events);
-        for (const Delivered& event : got) {
-            std::printf("E %s %lu %d\n", event.sender.c_str(), event.sequence, event.number);
-        }
-        return !got.empty();
+        return printEvents(events) > 0;
     };
     for (int i = 0; i < load.posts; ++i) {
         std::string text = self + "#" + std::to_string(i);

@@ -1,11 +1,15 @@
-// Child processes for the tests of quorvel and quorveld. Standard input, output and
-// error are temporary files, so no child blocks on a full pipe; a child still running
-// when its object ends is killed. The test programs that use this start no threads.
+// Child processes for the tests of quorvel and quorveld (standard input, output
+// and error are temporary files, so no child blocks on a full pipe; a child
+// still running when its object ends is killed), and raw loopback connections
+// for requests no client of the library sends. Each object is for one thread.
 #ifndef AVQVL_TESTS_DAEMON_DAEMONHARNESS_H
 #define AVQVL_TESTS_DAEMON_DAEMONHARNESS_H
 
+#include <arpa/inet.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +25,14 @@
 namespace Harness {
 
 using Strings = std::vector<std::string>;
+
+// What file holds, read through a file description of its own, so the offset
+// a writer (a child, a daemon's log) writes at stays.
+inline std::string contentsOf(std::FILE* file) {
+    std::fflush(file);
+    std::ifstream in("/proc/self/fd/" + std::to_string(::fileno(file)));
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
 
 class Child {
 public:
@@ -73,11 +85,7 @@ public:
     std::string err() const { return read(2); }
 
 private:
-    std::string read(int fd) const {
-        // A file description of its own, so the offset the child writes at stays.
-        std::ifstream file("/proc/self/fd/" + std::to_string(::fileno(files[fd])));
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    }
+    std::string read(int fd) const { return contentsOf(files[fd]); }
 
     std::FILE* files[3] = {std::tmpfile(), std::tmpfile(), std::tmpfile()};
     pid_t pid = -1;
@@ -109,10 +117,58 @@ inline Result run(const Strings& argv, const Strings& env = {}, const std::strin
     return {code, child.out(), child.err()};
 }
 
+#ifdef QUORVEL_BINARY
 // Runs quorvel (QUORVEL_BINARY, which the test program defines) with args.
 inline Result quorvel(Strings args, const Strings& env = {}, const std::string& input = "") {
     args.insert(args.begin(), QUORVEL_BINARY);
     return run(args, env, input);
+}
+#endif
+
+// A raw loopback connection, closed when the object ends.
+class RawConnection {
+public:
+    explicit RawConnection(int port) {
+        sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    }
+    ~RawConnection() { ::close(fd); }
+
+    void send(const std::string& bytes) { ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+    // What arrives until the peer closes (closed is set) or is silent for timeoutMs.
+    std::string receive(int timeoutMs) {
+        std::string received;
+        char buffer[4096];
+        pollfd entry{fd, POLLIN, 0};
+        while (!closed && ::poll(&entry, 1, timeoutMs) > 0) {
+            const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+            closed = n <= 0;
+            received.append(buffer, closed ? 0 : n);
+        }
+        return received;
+    }
+    // What has arrived, up to max bytes, left unread: the reader of a stalled
+    // client. Waits timeoutMs at most for a first byte.
+    std::string peek(std::size_t max, int timeoutMs) {
+        std::string seen(max, '\0');
+        pollfd entry{fd, POLLIN, 0};
+        const ssize_t n =
+            ::poll(&entry, 1, timeoutMs) > 0 ? ::recv(fd, &seen[0], max, MSG_PEEK) : 0;
+        seen.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+        return seen;
+    }
+    bool closed = false;
+
+private:
+    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+};
+
+// One request on a connection of its own: what came back until the peer
+// closed or fell silent for timeoutMs.
+inline std::string exchangeRaw(int port, const std::string& request, int timeoutMs = 3000) {
+    RawConnection connection(port);
+    connection.send(request);
+    return connection.receive(timeoutMs);
 }
 
 }  // namespace Harness

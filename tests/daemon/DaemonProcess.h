@@ -1,7 +1,7 @@
 // quorveld for the tests of the daemon's server side, on an ephemeral loopback
 // port: as a child process (DaemonProcess), or as the daemon library served by a
 // thread of the test (InProcessDaemon) where no process is killed, limited or
-// started with a command line. RawConnection.h talks to either byte by byte.
+// started with a command line. RawConnection talks to either byte by byte.
 #ifndef AVQVL_TESTS_DAEMON_DAEMONPROCESS_H
 #define AVQVL_TESTS_DAEMON_DAEMONPROCESS_H
 
@@ -14,7 +14,6 @@
 
 #include "daemon/Daemon.h"
 #include "daemon/DaemonHarness.h"
-#include "daemon/RawConnection.h"
 #include "wire/HttpWire.h"
 
 namespace Harness {
@@ -66,11 +65,7 @@ public:
             serving.join();
         }
     }
-    std::string log() const {
-        std::fflush(logFile);
-        std::ifstream file("/proc/self/fd/" + std::to_string(::fileno(logFile)));
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    }
+    std::string log() const { return contentsOf(logFile); }
     std::string url() const { return "QUORVEL_URL=http://127.0.0.1:" + std::to_string(port); }
     int port = 0;
 

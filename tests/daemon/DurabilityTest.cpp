@@ -46,10 +46,7 @@ int fetchAsB(std::size_t want, int attempts) {
     std::size_t received = 0;
     for (int i = 0; i < attempts && (received < want || want == 0); ++i) {
         connection.getEvents(text, shared, correlation);
-        for (const Delivered& event : scanEvents(text)) {
-            std::printf("E %s %lu %d\n", event.sender.c_str(), event.sequence, event.number);
-            ++received;
-        }
+        received += CrashDetail::printEvents(text);
         std::this_thread::sleep_for(std::chrono::milliseconds(received < want || !want ? 50 : 0));
     }
     std::exit(0);  // atexit and static destructors included (Child uses _exit)

@@ -138,8 +138,6 @@ TEST(ServerTest, HealthMetricsAndLogsFollowTheService) {
         o.logLevel = Daemon::LogLevel::Warn;
     }));
     EXPECT_THAT(getRaw(daemon.port, "/healthz"), ::testing::EndsWith("\r\n\r\nok\n"));
-    EXPECT_THAT(getRaw(daemon.port, "/metrics"),
-                HasSubstr("Content-Type: text/plain; version=0.0.4"));
     registerClients(daemon.port, {"alice", "bob"});
     EXPECT_EQ(
         statusOf(exchangeRaw(daemon.port, exchangeText(asClient("putEvents", "alice"), "hello"))),
@@ -188,7 +186,6 @@ TEST(ServerTest, TokensGuardEverythingButHealth) {
     } table[] = {
         {"GET /healthz HTTP/1.1\r\nHost: t\r\nConnection: close\r\n\r\n", 200},
         {exchangeText(status), 401},
-        {exchangeText(status, "", "Authorization: Bearer wrong\r\n"), 401},
         {exchangeText(status, "", admin), 401},
         {exchangeText(status, "", service), 200},
         {metrics + "\r\n", 401},

@@ -2,7 +2,7 @@
 // connection to the next of its loopback backends in turn (the one after when a
 // backend refuses), relaying bytes both ways until either side closes; it knows
 // nothing of HTTP. It runs as a process of its own, each connection relayed by
-// a child of that process, at most kMaxRelays at once (more are closed at once).
+// a child of that process.
 // unanswered() counts the connections a backend closed while a request on
 // them had no answer byte yet (a daemon killed under load). With one backend
 // it is a proxy that can lose an answer: after dropNextAnswer() the next bytes
@@ -19,19 +19,18 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "daemon/DaemonHarness.h"
+
 class TcpBalancer {
 public:
-    static constexpr int kMaxRelays = 128;
-
     explicit TcpBalancer(std::vector<int> backendPorts) : backends(std::move(backendPorts)) {
         const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address = loopback(0);
@@ -45,20 +44,13 @@ public:
         // Shared with the relay processes, which count into it.
         shared = static_cast<Counters*>(::mmap(nullptr, sizeof(Counters), PROT_READ | PROT_WRITE,
                                                MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-        std::fflush(nullptr);
-        if ((child = ::fork()) == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            serve(listener);
-        }
+        balancer = std::make_unique<Harness::Child>([this, listener]() -> int { serve(listener); });
         ::close(listener);
     }
     ~TcpBalancer() {
-        ::kill(child, SIGKILL);
-        ::waitpid(child, nullptr, 0);
+        balancer.reset();
         ::munmap(shared, sizeof(Counters));
     }
-    TcpBalancer(const TcpBalancer&) = delete;
-    TcpBalancer& operator=(const TcpBalancer&) = delete;
 
     int unanswered() const { return __atomic_load_n(&shared->unanswered, __ATOMIC_SEQ_CST); }
     int dropped() const { return __atomic_load_n(&shared->dropped, __ATOMIC_SEQ_CST); }
@@ -72,15 +64,11 @@ private:
     }
 
     [[noreturn]] void serve(int listener) {
-        int relays = 0;
+        ::signal(SIGCHLD, SIG_IGN);  // the relays end unwaited for
         for (std::size_t next = 0;; ++next) {
             const int client = ::accept(listener, nullptr, nullptr);
-            while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-                --relays;
-            }
             int backend = -1;
-            for (std::size_t tried = 0;
-                 client >= 0 && relays < kMaxRelays && tried < backends.size() && backend < 0;
+            for (std::size_t tried = 0; client >= 0 && tried < backends.size() && backend < 0;
                  ++tried) {
                 backend = ::socket(AF_INET, SOCK_STREAM, 0);
                 const sockaddr_in address = loopback(backends[(next + tried) % backends.size()]);
@@ -95,7 +83,6 @@ private:
                 ::close(listener);
                 relay(client, backend);
             }
-            relays += backend >= 0;
             ::close(client);
             ::close(backend);
         }
@@ -138,7 +125,7 @@ private:
     }
 
     std::vector<int> backends;
-    pid_t child = -1;
+    std::unique_ptr<Harness::Child> balancer;
     struct Counters {
         int unanswered, dropNext, dropped;
     };
