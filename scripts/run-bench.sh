@@ -58,15 +58,24 @@ if [[ ! -x "$daemon" ]]; then
     draw
     exit 0
 fi
-"$daemon" --listen 127.0.0.1:0 --quiet >"$work/quorveld.log" 2>&1 &
-pids+=($!)
-memory_pid=$!
-port=""
-for _ in $(seq 1 100); do
-    port=$(sed -n 's/^quorveld listening on .*:\([0-9][0-9]*\)$/\1/p' "$work/quorveld.log")
-    [[ -n "$port" ]] && break
-    sleep 0.05
-done
+# Starts quorveld with the options given, logging to $work/NAME.log; sets
+# started_pid and started_port ("" when it did not say where it listens).
+start_daemon() {
+    local log="$work/$1.log"
+    shift
+    "$daemon" --listen 127.0.0.1:0 --quiet "$@" >"$log" 2>&1 &
+    started_pid=$!
+    pids+=($!)
+    started_port=""
+    for _ in $(seq 1 100); do
+        started_port=$(sed -n 's/^quorveld listening on .*:\([0-9][0-9]*\)$/\1/p' "$log")
+        [[ -n "$started_port" ]] && break
+        sleep 0.05
+    done
+}
+start_daemon quorveld
+memory_pid=$started_pid
+port=$started_port
 if [[ -z "$port" ]]; then
     echo "== daemon: skipped, quorveld did not start:" >&2
     cat "$work/quorveld.log" >&2
@@ -125,16 +134,8 @@ fi
 # The same 16 clients against a second quorveld on the Redis store (the script's
 # Redis, no persistence): the stores compared where clients meet them.
 if [[ -n "$redis_port" ]]; then
-    "$daemon" --listen 127.0.0.1:0 --quiet --redis "redis://127.0.0.1:$redis_port" \
-        >"$work/quorveld-redis.log" 2>&1 &
-    pids+=($!)
-    redis_daemon_port=""
-    for _ in $(seq 1 100); do
-        redis_daemon_port=$(sed -n 's/^quorveld listening on .*:\([0-9][0-9]*\)$/\1/p' \
-            "$work/quorveld-redis.log")
-        [[ -n "$redis_daemon_port" ]] && break
-        sleep 0.05
-    done
+    start_daemon quorveld-redis --redis "redis://127.0.0.1:$redis_port"
+    redis_daemon_port=$started_port
     QUORVEL_URL="http://127.0.0.1:$redis_daemon_port" \
         run daemonRedis "$BENCH_DIR/bench/avqvl_bench_service" \
         --benchmark_filter='fanOut16'
@@ -145,16 +146,8 @@ fi
 QUORVEL_URL="http://127.0.0.1:$port" QUORVEL_PID="$memory_pid" REDIS_PORT="$redis_port" \
     run latency "$BENCH_DIR/bench/avqvl_bench_latency"
 if [[ -n "$redis_port" ]]; then
-    "$daemon" --listen 127.0.0.1:0 --quiet --redis "redis://127.0.0.1:$redis_port" \
-        >"$work/quorveld-redis2.log" 2>&1 &
-    pids+=($!)
-    second_port=""
-    for _ in $(seq 1 100); do
-        second_port=$(sed -n 's/^quorveld listening on .*:\([0-9][0-9]*\)$/\1/p' \
-            "$work/quorveld-redis2.log")
-        [[ -n "$second_port" ]] && break
-        sleep 0.05
-    done
+    start_daemon quorveld-redis2 --redis "redis://127.0.0.1:$redis_port"
+    second_port=$started_port
     QUORVEL_URL="http://127.0.0.1:$redis_daemon_port" POST_PORT="$second_port" \
         run latencyRedis "$BENCH_DIR/bench/avqvl_bench_latency" \
         --benchmark_filter='postToReceipt'
