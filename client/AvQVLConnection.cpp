@@ -13,6 +13,7 @@
 
 #include "client/AvQVLRequest.h"
 #include "client/Exception.h"
+#include "protocol/Limits.h"
 #include "protocol/Names.h"
 #include "schemas/SharedClientIDs.h"
 #include "util/SAXToNodeParser.h"
@@ -225,9 +226,9 @@ void AvQVLConnection::waitForEvents(std::string& events, std::vector<std::string
             "waitForEvents needs a wait of zero or more milliseconds, not " +
             std::to_string(wait.count()) + ".");
     }
-    // The field carries at most the largest 32-bit count; a longer wait is cut
-    // to it here, as the service would cut it to its own limit anyway.
-    const auto most = std::numeric_limits<int32_t>::max();
+    // A wait longer than the field carries is cut to its most, as the service
+    // would cut it to its own limit anyway.
+    const auto most = Protocol::kMostWaitMilliseconds;
     const std::string field = std::to_string(wait.count() > most ? most : wait.count());
     fetchEvents(events, sharedClients, logCorrelationId, field.c_str());
 }

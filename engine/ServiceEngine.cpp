@@ -9,6 +9,7 @@
 
 #include "engine/Documents.h"
 #include "engine/MemoryStore.h"
+#include "protocol/Limits.h"
 #include "protocol/Names.h"
 
 namespace Arvant {
@@ -111,15 +112,12 @@ std::chrono::milliseconds requestedWait(const RequestHeaders& headers, bool getE
         refuseProtocol("The " + field + " header field goes with getEvents only, not " +
                        quoted(operation) + ".");
     }
-    constexpr std::int64_t kMost = 2147483647;
     std::int64_t value = 0;
-    bool valid = !text.empty();
-    for (const char c : text) {
-        valid = valid && c >= '0' && c <= '9' && (value = value * 10 + (c - '0')) <= kMost;
-    }
+    const bool valid = Protocol::parseWaitMilliseconds(text, value);
     if (!valid) {
-        refuseProtocol("The " + field + " header field takes 0 to " + std::to_string(kMost) +
-                       " milliseconds, not " + quoted(text) + ".");
+        refuseProtocol("The " + field + " header field takes 0 to " +
+                       std::to_string(Protocol::kMostWaitMilliseconds) + " milliseconds, not " +
+                       quoted(text) + ".");
     }
     return std::chrono::milliseconds(value);
 }

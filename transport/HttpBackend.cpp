@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "protocol/Failure.h"
+#include "protocol/Limits.h"
 #include "protocol/Names.h"
 #include "transport/internal/HttpConnection.h"
 #include "transport/internal/HttpUrl.h"
@@ -111,13 +112,9 @@ Kind kindOf(const HeaderFields& fields) {
 // How long the daemon may hold the request before it answers, in ms: the
 // Wait-Milliseconds field. A value the daemon will refuse at once adds nothing.
 long waitOf(const HeaderFields& fields) {
-    const std::string text = fieldOf(fields, Protocol::kWaitMillisecondsField);
-    if (text.empty() || text.size() > 10 ||
-        text.find_first_not_of("0123456789") != std::string::npos) {
-        return 0;
-    }
-    const long long wait = std::stoll(text);
-    return wait <= std::numeric_limits<int32_t>::max() ? static_cast<long>(wait) : 0;
+    std::int64_t wait = 0;
+    Protocol::parseWaitMilliseconds(fieldOf(fields, Protocol::kWaitMillisecondsField), wait);
+    return static_cast<long>(wait);
 }
 
 std::string headerLine(const char* name, const std::string& value) {
