@@ -24,6 +24,9 @@ using Util::toUtf8;
 constexpr int32_t kReceiveBufferSize = AVQVL_RECEIVE_BUFFER_BYTES;  // all AvQvl_Receive writes
 constexpr std::streamsize kBodyBlockSize = 4098;
 constexpr int32_t kMaxResponseSize = std::numeric_limits<int32_t>::max();
+// The largest response buffer a thread keeps between exchanges, as the
+// transport keeps its own.
+constexpr size_t kKeptGatherBytes = 4u << 20;
 
 }  // namespace
 
@@ -155,11 +158,15 @@ int32_t AvQVLRequest::sendBody() {
 }
 
 std::string AvQVLRequest::readResponse() {
-    int32_t capacity = kReceiveBufferSize;
-    std::string collected;
-    collected.reserve(static_cast<size_t>(capacity));
+    // The pieces gather in a buffer the thread keeps for its next response, up
+    // to kKeptGatherBytes: on a virtual machine a fresh page costs microseconds
+    // to fault in, and a buffer grown afresh for every large answer touched
+    // twice its size in new pages. The caller gets a copy of exactly its size;
+    // an answer past the bound gives the caller the buffer itself instead.
+    thread_local std::string gathered;
+    gathered.clear();
     for (;;) {
-        const int32_t length = static_cast<int32_t>(collected.size());
+        const int32_t length = static_cast<int32_t>(gathered.size());
         const int32_t n = AvQvl_Receive(receiveBuffer);
         if (n == AVQVL_END_OF_RESPONSE) {
             break;
@@ -167,8 +174,8 @@ std::string AvQVLRequest::readResponse() {
         if (n < AVQVL_END_OF_RESPONSE) {
             throwTransportError(n);
         }
-        // Length and capacity are 32-bit: refuse a response that would not fit
-        // before anything overflows.
+        // Length is 32-bit: refuse a response that would not fit before
+        // anything overflows.
         if (n > kMaxResponseSize - length) {
             throw AvQVLRuntimeException("Response exceeds the maximum size of " +
                                         std::to_string(kMaxResponseSize) + " bytes");
@@ -179,28 +186,20 @@ std::string AvQVLRequest::readResponse() {
                                          " bytes in one piece; at most " +
                                          std::to_string(kReceiveBufferSize) + " fit");
         }
-        const int32_t needed = length + n;
-        if (needed > capacity) {
-            // Doubling keeps the copying linear; the last step stops at the
-            // maximum, so no step overflows.
-            while (capacity < needed) {
-                capacity = capacity > kMaxResponseSize / 2 ? kMaxResponseSize : capacity * 2;
-            }
-            collected.reserve(static_cast<size_t>(capacity));
+        gathered.append(receiveBuffer, static_cast<size_t>(n));  // doubles as it grows
+    }
+    std::string response;
+    if (gathered.capacity() <= kKeptGatherBytes) {
+        response.assign(gathered);
+    } else {
+        response.swap(gathered);
+        if (response.size() < response.capacity() / 2) {
+            response.shrink_to_fit();  // the caller may keep it: at most half spare
         }
-        collected.append(receiveBuffer, static_cast<size_t>(n));
     }
-    // Converted where it lies, so a large response is never held twice. What
-    // the buffer has in reserve is never written; for a large response, whose
-    // buffer the heap maps afresh, it takes no memory.
-    fromUtf8InPlace(collected);
-    // The caller may keep the text: one that uses less than half its buffer
-    // (a short response in the first block, or a conversion that shortened
-    // it) gets a buffer of its own size. Growth leaves at most half spare.
-    if (collected.size() < collected.capacity() / 2) {
-        collected.shrink_to_fit();
-    }
-    return collected;
+    // Converted where it lies, so a large response is never held twice more.
+    fromUtf8InPlace(response);
+    return response;
 }
 
 void initTransport() {

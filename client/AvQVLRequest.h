@@ -23,7 +23,8 @@ namespace Client {
 /// throwTransportError, and a body or response that will not convert as
 /// Utf8ConversionException. A request is used by one thread; requests on
 /// distinct threads may run at once, since the transport keeps one exchange and
-/// one last error per thread.
+/// one last error per thread. Each thread keeps the buffer its largest response
+/// was gathered in, up to 4 MiB, for its next one.
 class AVQVL_EXPORT AvQVLRequest {
 public:
     AvQVLRequest();
