@@ -169,6 +169,7 @@ struct Daemon::Impl : HttpHandler {
           log(out, options.logLevel, options.logFormat),
           waiters(options.maxWaiters),
           engine(store ? std::move(store) : std::make_unique<Engine::MemoryStore>(options.limits)),
+          storeOnIoThreads(engine.storeNeverWaits()),
           storeWatch(engine),
           server(serverOptions(options, log), *this),
           pool(options.storeThreads, options.storeQueue) {
@@ -198,6 +199,10 @@ struct Daemon::Impl : HttpHandler {
     Log log;
     Waiters waiters;  // outlives the engine, whose store may report posts until it goes
     Engine::ServiceEngine engine;
+    // A store that never waits (the memory store) is called on the I/O
+    // threads: a post and the answers it wakes then cross no thread but the
+    // waiters' own. Any other store is called on the pool only.
+    const bool storeOnIoThreads;
     Metrics metrics;
     StoreWatch storeWatch;
     HttpServer server;
@@ -353,8 +358,9 @@ void Daemon::Impl::handle(const HttpRequest& request, HttpReply& reply) {
 }
 
 // Exchanges call the store: they run on the pool, and a full pool answers 503
-// at once rather than queue without end behind a store that hangs. The rest
-// answers here, on the I/O thread, never waiting long on the store.
+// at once rather than queue without end behind a store that hangs; on a store
+// that never waits they run here. The rest answers here, on the I/O thread,
+// never waiting long on the store.
 void Daemon::Impl::handleLater(const HttpRequest& request,
                                const std::shared_ptr<PendingRequest>& pending,
                                std::function<void(HttpReply)> done) {
@@ -363,6 +369,10 @@ void Daemon::Impl::handleLater(const HttpRequest& request,
         return;
     }
     auto call = std::make_shared<Call>(*this, request, pending, done);
+    if (storeOnIoThreads) {
+        look(call);
+        return;
+    }
     const bool queued = pool.trySubmit([this, call] { look(call); });
     if (!queued) {
         HttpReply busy;
@@ -374,7 +384,8 @@ void Daemon::Impl::handleLater(const HttpRequest& request,
     }
 }
 
-// On the pool: runs the exchange, and answers, or waits when it is a getEvents
+// On the pool, or on the connection's strand when the store never waits: runs
+// the exchange, and answers, or waits when it is a getEvents
 // that found nothing and has time left (the first look sets its deadline).
 void Daemon::Impl::look(const std::shared_ptr<Call>& call) {
     HttpReply reply;
@@ -390,9 +401,13 @@ void Daemon::Impl::look(const std::shared_ptr<Call>& call) {
             if (call->serverId.empty()) {  // written once: waiters reads it from other threads
                 call->serverId = ask.serverId;
             }
-            boost::asio::post(
-                call->pending->executor(),
-                [this, call, mark = ask.mark, reply]() mutable { wait(call, mark, reply); });
+            if (storeOnIoThreads) {
+                wait(call, ask.mark, reply);
+            } else {
+                boost::asio::post(
+                    call->pending->executor(),
+                    [this, call, mark = ask.mark, reply]() mutable { wait(call, mark, reply); });
+            }
             return;
         }
     } catch (...) {
@@ -452,7 +467,11 @@ void Daemon::Impl::wait(const std::shared_ptr<Call>& call, std::uint64_t mark, H
 // Store work goes on the pool, past its bound: a waiting call was admitted.
 void Daemon::Impl::lookLater(const std::shared_ptr<Call>& call) noexcept {
     try {
-        pool.submit([this, call] { look(call); });
+        if (storeOnIoThreads) {
+            boost::asio::post(call->pending->executor(), [this, call] { look(call); });
+        } else {
+            pool.submit([this, call] { look(call); });
+        }
     } catch (...) {
         HttpReply failed;
         answer(failed, 500, "The daemon failed to serve the exchange.");

@@ -22,6 +22,8 @@ class MemoryStore : public Store {
 public:
     explicit MemoryStore(const ServiceLimits& limits = ServiceLimits()) : Store(limits) {}
 
+    bool neverWaits() const override { return true; }  // its one lock is held briefly
+
     void registerClient(const std::string& serverId, const std::string& clientId,
                         ClientList& clients) override;
     void unregisterClient(const std::string& serverId, const std::string& clientId,

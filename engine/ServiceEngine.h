@@ -121,6 +121,8 @@ public:
     // True when the store answers; otherwise false with the cause.
     bool ready(std::string& cause);
     std::string describeStore() const;
+    // Store::neverWaits() of the engine's store.
+    bool storeNeverWaits() const { return store->neverWaits(); }
 
 private:
     // ackAnswer: a getEvents acknowledges its own answer (handle()).

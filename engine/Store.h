@@ -130,6 +130,10 @@ public:
     // quick, must not throw and must not call the store. A store that only
     // this process uses has nothing to report: by default, nothing is called.
     virtual void watchPosts(PostListener /*listener*/) {}
+    // True when no call ever waits on anything outside the process (a disk, a
+    // network, another process): a carrier may then call the store on a thread
+    // that serves connections. By default, false.
+    virtual bool neverWaits() const { return false; }
     virtual StoreStats stats() = 0;
 
     // Every registered client ("" = all servers), by server id (byte order) then
