@@ -40,12 +40,9 @@ inline void script(const std::string& steps) {
                                         "AvQvl_Init"};
     std::istringstream in(steps);
     for (std::string step; in >> step;) {
-        if (step[0] == 'P') {
-            TestTransport::pushResponse(step.substr(1));
-        } else {
-            const size_t name = std::string("SERI").find(step[0]);
-            TestTransport::pushResult(names[name], std::stoi(step.substr(1)));
-        }
+        step[0] == 'P' ? TestTransport::pushResponse(step.substr(1))
+                       : TestTransport::pushResult(names[std::string("SERI").find(step[0])],
+                                                   std::stoi(step.substr(1)));
     }
 }
 

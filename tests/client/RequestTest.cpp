@@ -86,31 +86,27 @@ TEST_F(RequestTest, ChunksNeverSplitACharacter) {
     for (const auto& row : rows) {
         IcuHooks::setDefaultConverter(row.codePage);
         const std::size_t unit = row.filler.size();
-        for (std::size_t cut : {4098u, 8196u}) {
-            for (std::size_t inside = unit; inside < row.character.size(); inside += unit) {
-                SCOPED_TRACE(std::to_string(cut) + " " + std::to_string(inside));
-                std::string text;
-                while (text.size() < cut - inside) {
-                    text += row.filler;
-                }
-                text += row.character + row.filler + row.character;
-                TestTransport::reset();
-                TestTransport::expectExchange("ok");
-                ASSERT_EQ(send(text), "ok");
-                const Strings sent = sentTexts();
-                ASSERT_EQ(sent.size(), cut / 4098 + 2);
-                std::string joined;
-                for (std::size_t i = 1; i < sent.size(); ++i) {
-                    UErrorCode status = U_ZERO_ERROR;
-                    u_strFromUTF8(nullptr, 0, nullptr, sent[i].data(),
-                                  static_cast<int32_t>(sent[i].size()), &status);
-                    EXPECT_EQ(status, U_BUFFER_OVERFLOW_ERROR) << "chunk " << i;
-                    joined += sent[i];
-                }
-                EXPECT_EQ(joined, toUtf8(text.data(), static_cast<int32_t>(text.size())));
-                if (cut == 4098 && unit == 1) {  // cut right before the character
-                    EXPECT_EQ(sent[1].size(), 4098 - inside);
-                }
+        for (std::size_t inside = unit; inside < row.character.size(); inside += unit) {
+            SCOPED_TRACE(std::to_string(inside));
+            std::string text;
+            while (text.size() < 4098 - inside) {
+                text += row.filler;
+            }
+            text += row.character + row.filler + row.character;
+            TestTransport::reset();
+            TestTransport::expectExchange("ok");
+            ASSERT_EQ(send(text), "ok");
+            const Strings sent = sentTexts();
+            ASSERT_EQ(sent.size(), 3u);
+            for (std::size_t i = 1; i < sent.size(); ++i) {
+                UErrorCode status = U_ZERO_ERROR;
+                u_strFromUTF8(nullptr, 0, nullptr, sent[i].data(),
+                              static_cast<int32_t>(sent[i].size()), &status);
+                EXPECT_EQ(status, U_BUFFER_OVERFLOW_ERROR) << "chunk " << i;
+            }
+            EXPECT_EQ(sent[1] + sent[2], toUtf8(text.data(), static_cast<int32_t>(text.size())));
+            if (unit == 1) {  // cut right before the character
+                EXPECT_EQ(sent[1].size(), 4098 - inside);
             }
         }
     }
@@ -122,8 +118,6 @@ TEST_F(RequestTest, ChunksNeverSplitACharacter) {
 TEST_F(RequestTest, ResponsesArriveWholeAndConverted) {
     const std::string big = pattern(3 * 16384 + 1), fffd = "\xEF\xBF\xBD";
     const std::pair<std::string, std::string> rows[] = {
-        {"", ""},
-        {big.substr(0, 16385), big.substr(0, 16385)},
         {big, big},
         {"a\xFFz", "a" + fffd + "z"},
         {std::string("ab\0cd", 5), "ab"},
@@ -138,6 +132,12 @@ TEST_F(RequestTest, ResponsesArriveWholeAndConverted) {
 
 TEST_F(RequestTest, FailuresEndTheExchangeWithoutComplete) {
     const std::string went = "(0): No error message received";  // no last error is set
+    // An endless response: the collection buffer really grows to the 32-bit limit
+    // (about 3 GiB allocated and copied once), 16384 bytes a piece, and ends one byte past.
+    std::string endless = kHandshake;
+    for (int i = 0; i < 131072; ++i) {
+        endless += "R16384 ";
+    }
     const struct {
         std::string steps, thrown;    // the thrown text is a prefix
         int failFromUnicodeCall = 0;  // under a single-byte code page
@@ -152,6 +152,7 @@ TEST_F(RequestTest, FailuresEndTheExchangeWithoutComplete) {
         // Refused before the 32-bit length overflows, and a piece the buffer cannot hold.
         {kHandshake + std::string("Pa R2147483647"),
          "AvQVLRuntimeException(0): Response exceeds the maximum size of 2147483647 bytes"},
+        {endless, "AvQVLRuntimeException(0): Response exceeds the maximum size"},
         {kHandshake + std::string("R16385"),
          "AvQVLProtocolException(0): The transport delivered 16385 bytes in one piece; at most "
          "16384 fit"},
@@ -159,7 +160,7 @@ TEST_F(RequestTest, FailuresEndTheExchangeWithoutComplete) {
         {"S0 E0 R20 Pr R-1", "Utf8ConversionException(0): An error occured converting ", 2},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.steps);
+        SCOPED_TRACE(row.steps.substr(0, 40));
         TestTransport::reset();
         script(row.steps);
         IcuHooks::reset();  // a single-byte code page sends even ASCII through ICU's calls
@@ -192,7 +193,6 @@ TEST_F(RequestTest, TransportErrorsSelectTheirClassWithTypeZeroAndTheLastError) 
         }
     }
     const std::tuple<const char*, int32_t, std::string> variants[] = {
-        {"text", 0, "text"},
         {nullptr, 0, "No error message received"},
         {nullptr, 3, "Could not retrieve last error message."},
         {"text", 3, ""}};
@@ -202,18 +202,6 @@ TEST_F(RequestTest, TransportErrorsSelectTheirClassWithTypeZeroAndTheLastError) 
                   "AvQVLProtocolException(0): " + expected);
     }
     EXPECT_EQ(TestTransport::calls().at(0).text, "malloc,free");  // the runtime's allocator
-}
-
-// An endless response from a hostile or broken service: the collection buffer
-// really grows to the 32-bit limit (about 3 GiB allocated and copied once).
-TEST_F(RequestTest, EndlessResponseEndsBeforeAnyCounterOverflows) {
-    script(kHandshake);
-    for (int i = 0; i < 131072; ++i) {  // 16384 bytes each: 2 GiB, one byte past the limit
-        TestTransport::pushResult("AvQvl_Receive", 16384);
-    }
-    EXPECT_EQ(thrownBy([] { send("b"); }),
-              "AvQVLRuntimeException(0): Response exceeds the maximum size of 2147483647 bytes");
-    EXPECT_TRUE(TestTransport::scriptDone());
 }
 
 }  // namespace

@@ -4,10 +4,7 @@
 // nothing of HTTP. It runs as a process of its own, each connection relayed by
 // a child of that process.
 // unanswered() counts the connections a backend closed while a request on
-// them had no answer byte yet (a daemon killed under load). With one backend
-// it is a proxy that can lose an answer: after dropNextAnswer() the next bytes
-// a backend sends are thrown away and both sides closed, so the server did the
-// work and the client got nothing (dropped() counts those). Everything stops
+// them had no answer byte yet (a daemon killed under load). Everything stops
 // (SIGKILL) when the object ends; the object is for one thread.
 #ifndef AVQVL_TESTS_SUPPORT_TCPBALANCER_H
 #define AVQVL_TESTS_SUPPORT_TCPBALANCER_H
@@ -53,8 +50,6 @@ public:
     }
 
     int unanswered() const { return __atomic_load_n(&shared->unanswered, __ATOMIC_SEQ_CST); }
-    int dropped() const { return __atomic_load_n(&shared->dropped, __ATOMIC_SEQ_CST); }
-    void dropNextAnswer() { __atomic_store_n(&shared->dropNext, 1, __ATOMIC_SEQ_CST); }
     std::string url() const { return "QUORVEL_URL=http://127.0.0.1:" + std::to_string(port); }
     int port = 0;
 
@@ -102,11 +97,6 @@ private:
                     continue;
                 }
                 const ssize_t got = ::read(ends[from].fd, buffer, sizeof buffer);
-                if (got > 0 && from == 1 &&
-                    __atomic_exchange_n(&shared->dropNext, 0, __ATOMIC_SEQ_CST) != 0) {
-                    __atomic_add_fetch(&shared->dropped, 1, __ATOMIC_SEQ_CST);
-                    ::_exit(0);
-                }
                 for (ssize_t sent = 0, n = 0; got > 0 && sent < got; sent += n) {
                     if ((n = ::send(ends[1 - from].fd, buffer + sent, got - sent, MSG_NOSIGNAL)) <=
                         0) {
@@ -127,7 +117,7 @@ private:
     std::vector<int> backends;
     std::unique_ptr<Harness::Child> balancer;
     struct Counters {
-        int unanswered, dropNext, dropped;
+        int unanswered;
     };
     Counters* shared = nullptr;  // zeroed by mmap
 };
