@@ -11,28 +11,18 @@
 
 #include <filesystem>
 
+#include "engine/StoreLines.h"
 #include "support/TempDir.h"
 
 namespace {
 
 using namespace Arvant::Net::AvQuorvel::Engine;
-using Lines = std::vector<std::string>;
 
 class SqliteStoreTest : public ::testing::Test {
 protected:
-    // The client's events as "sender|sequence|text", acknowledged when take is set.
+    // The client's events, acknowledged when take is set.
     static Lines events(Store& store, const std::string& client, bool take = true) {
-        std::vector<StoredEvent> events;
-        store.read("S", client, std::nullopt, events);
-        if (take && !events.empty()) {
-            store.acknowledge("S", client, events.back().sequence);
-        }
-        Lines shown;
-        for (const StoredEvent& event : events) {
-            shown.push_back(event.sender + "|" + std::to_string(event.sequence) + "|" +
-                            *event.text);
-        }
-        return shown;
+        return readLines(store, "S", client, std::nullopt, take);
     }
     // Runs statements on the database file of a closed store.
     static void sql(const std::string& file, const std::string& statements) {
