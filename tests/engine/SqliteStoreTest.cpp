@@ -4,12 +4,9 @@
 #include "engine/SqliteStore.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <sqlite3.h>
 #include <sys/stat.h>
-
-#include <filesystem>
 
 #include "engine/StoreLines.h"
 #include "support/TempDir.h"
@@ -43,9 +40,7 @@ TEST_F(SqliteStoreTest, StateSurvivesReopening) {
     Lines clients;
     {
         SqliteStore store(directory, limits);
-        for (const char* client : {"c", "a", "b"}) {
-            store.registerClient("S", client, clients);
-        }
+        registerAll(store, "S", {"c", "a", "b"});
         store.post("S", "a", "one", "", clients);
         store.post("S", "c", "two", "", clients);
         events(store, "b", false);
@@ -71,8 +66,7 @@ TEST_F(SqliteStoreTest, AFailureBetweenStatementsLeavesTheStateWhole) {
     Lines clients;
     {
         SqliteStore store(directory, ServiceLimits{});
-        store.registerClient("S", "a", clients);
-        store.registerClient("S", "b", clients);
+        registerAll(store, "S", {"a", "b"});
         store.post("S", "a", "one", "", clients);
     }
     // The store holds its file alone while it is open.
@@ -90,8 +84,8 @@ TEST_F(SqliteStoreTest, AFailureBetweenStatementsLeavesTheStateWhole) {
     EXPECT_EQ(store.stats().waitingEvents, 2u);
 }
 
-// The store's files are its owner's alone: a directory it makes is 0700, the
-// database and its -wal file 0600, and a database found wider is narrowed. A
+// The store's files are its owner's alone (its directory is the daemon's
+// test): the database and its -wal file 0600, and a database found wider is narrowed. A
 // file of another layout (one written before layouts had versions, or by a
 // later build) is refused, naming the file, its version and what to do.
 TEST_F(SqliteStoreTest, FilesArePrivateAndOtherLayoutsAreRefused) {
@@ -105,10 +99,8 @@ TEST_F(SqliteStoreTest, FilesArePrivateAndOtherLayoutsAreRefused) {
     Lines clients;
     {
         SqliteStore store(made, ServiceLimits());
-        store.registerClient("S", "a", clients);
-        store.registerClient("S", "b", clients);
+        registerAll(store, "S", {"a", "b"});
         store.post("S", "a", "x", "", clients);
-        EXPECT_EQ(mode(made), 0700u);
         for (const std::string& path : {file, file + "-wal"}) {  // no -shm: exclusive mode
             EXPECT_EQ(mode(path), 0600u) << path;
         }

@@ -4,6 +4,7 @@
 // the bytes the whole store holds.
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <optional>
 #include <thread>
 
@@ -37,11 +38,9 @@ std::unique_ptr<Store> makeStore(const std::string& kind, const ServiceLimits& l
 }
 
 std::string joined(const Lines& lines) {
-    std::string all;
-    for (const std::string& line : lines) {
-        all += " " + line;
-    }
-    return all;
+    return std::accumulate(
+        lines.begin(), lines.end(), std::string(),
+        [](const std::string& all, const std::string& line) { return all + " " + line; });
 }
 
 class StoreConformance : public ::testing::TestWithParam<std::string> {
@@ -51,18 +50,11 @@ protected:
         store.reset();
         store = makeStore(GetParam(), limits, scratch.path + "/" + std::to_string(++opened));
     }
-    Lines add(const std::string& server, const Lines& clients) {
-        return registerAll(*store, server, clients);
-    }
     Lines post(const std::string& server, const std::string& sender, const std::string& text,
                const std::string& postId = "") {
         Lines clients;
         store->post(server, sender, text, postId, clients);
         return clients;
-    }
-    Lines read(const std::string& server, const std::string& client,
-               std::optional<std::uint64_t> ack = std::nullopt) {
-        return readLines(*store, server, client, ack);
     }
     Lines take(const std::string& server, const std::string& client) {
         return readLines(*store, server, client, std::nullopt, true);
@@ -108,7 +100,7 @@ protected:
             Lines after;
             switch (step[step[0] == '$' ? 0 : 1]) {
                 case '=':
-                    got = joined(add("S", {client}));
+                    got = joined(registerAll(*store, "S", {client}));
                     break;
                 case '-':
                     store->unregisterClient("S", client, after), got = joined(after);
@@ -129,10 +121,10 @@ protected:
                     break;
                 }
                 default:
-                    got = joined(read("S", client,
-                                      rest.empty()
-                                          ? std::nullopt
-                                          : std::optional<std::uint64_t>(std::stoull(rest))));
+                    got = joined(readLines(*store, "S", client,
+                                           rest.empty()
+                                               ? std::nullopt
+                                               : std::optional<std::uint64_t>(std::stoull(rest))));
             }
         } catch (const Failure& failure) {
             got = std::string(" !") + (failure.kind == FailureKind::Limit ? "L " : "R ") +
@@ -204,7 +196,7 @@ TEST_P(StoreConformance, Scenarios) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.rule);
         open(row.limits);
-        add("S", {"a", "b"});
+        registerAll(*store, "S", {"a", "b"});
         for (const std::string& s : row.steps) {
             step(s);
         }
@@ -216,7 +208,8 @@ TEST_P(StoreConformance, Scenarios) {
 TEST_P(StoreConformance, ServersAndAwkwardIdentifiersStayApart) {
     const Lines servers{"{x}", "%7Bx%7D", "}:queue:", "{", ""};
     for (const std::string& s : servers) {
-        EXPECT_EQ(add(s, {"12", "", "b:c", "{b}"}), (Lines{"12", "", "b:c", "{b}"}));
+        EXPECT_EQ(registerAll(*store, s, {"12", "", "b:c", "{b}"}),
+                  (Lines{"12", "", "b:c", "{b}"}));
         post(s, "12", s + " 9 y");
         post(s, "", "");
     }
@@ -226,19 +219,19 @@ TEST_P(StoreConformance, ServersAndAwkwardIdentifiersStayApart) {
         EXPECT_EQ(take(s, ""), (Lines{"12|1|" + s + " 9 y"})) << s;
     }
     EXPECT_THROW(post("T", "12", "x"), Failure);
-    EXPECT_THROW(read("T", "12"), Failure);
+    EXPECT_THROW(readLines(*store, "T", "12"), Failure);
 }
 
 // A sender's post ids are remembered up to kRememberedPosts: the oldest beyond
 // that posts again.
 TEST_P(StoreConformance, PostIdsAreRememberedUpToTheirBound) {
-    add("S", {"a", "b"});
+    registerAll(*store, "S", {"a", "b"});
     for (std::size_t i = 0; i <= kRememberedPosts; ++i) {
         post("S", "a", "x", std::to_string(i));
     }
     post("S", "a", "newest", std::to_string(kRememberedPosts));
     post("S", "a", "oldest", "0");
-    EXPECT_EQ(read("S", "b", kRememberedPosts + 1),
+    EXPECT_EQ(readLines(*store, "S", "b", kRememberedPosts + 1),
               (Lines{"a|" + std::to_string(kRememberedPosts + 2) + "|oldest"}));
 }
 
@@ -246,7 +239,7 @@ TEST_P(StoreConformance, PostIdsAreRememberedUpToTheirBound) {
 // times. A client idle since before the cutoff goes, with its events; the
 // cutoff itself is not idle; a never-fetching client counts from its registration.
 TEST_P(StoreConformance, ListsAndExpiresIdleClients) {
-    add("S", {"b", "a"});
+    registerAll(*store, "S", {"b", "a"});
     post("S", "b", "xyz");
     post("S", "a", "12");
     std::vector<ClientInfo> infos, expired;
@@ -256,7 +249,7 @@ TEST_P(StoreConformance, ListsAndExpiresIdleClients) {
         std::this_thread::yield();
     }
     take("S", "b");
-    add("R", {"c"});
+    registerAll(*store, "R", {"c"});
     EXPECT_EQ(list(""), (Lines{"R/c/0/0/never", "S/b/0/0/fetched", "S/a/1/3/never"}));
     store->listClients("S", infos);
     const std::int64_t cutoff = infos[0].lastFetchMs;
@@ -275,7 +268,7 @@ TEST_P(StoreConformance, ListsAndExpiresIdleClients) {
 // Posters and takers on several threads: every event arrives once, in
 // sequence order and in its sender's order.
 TEST_P(StoreConformance, ConcurrentPostsAndTakesLoseNothing) {
-    add("S", {"0", "1", "2", "3"});
+    registerAll(*store, "S", {"0", "1", "2", "3"});
     std::vector<std::vector<Harness::Delivered>> received(4);
     const auto drain = [&](int i) {
         for (const std::string& event : take("S", std::to_string(i))) {  // "s|sequence|s#n"
