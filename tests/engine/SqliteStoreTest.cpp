@@ -4,35 +4,22 @@
 #include "engine/SqliteStore.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <sqlite3.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-
+#include "engine/StoreLines.h"
 #include "support/TempDir.h"
 
 namespace {
 
 using namespace Arvant::Net::AvQuorvel::Engine;
-using Lines = std::vector<std::string>;
 
 class SqliteStoreTest : public ::testing::Test {
 protected:
-    // The client's events as "sender|sequence|text", acknowledged when take is set.
+    // The client's events, acknowledged when take is set.
     static Lines events(Store& store, const std::string& client, bool take = true) {
-        std::vector<StoredEvent> events;
-        store.read("S", client, std::nullopt, events);
-        if (take && !events.empty()) {
-            store.acknowledge("S", client, events.back().sequence);
-        }
-        Lines shown;
-        for (const StoredEvent& event : events) {
-            shown.push_back(event.sender + "|" + std::to_string(event.sequence) + "|" +
-                            *event.text);
-        }
-        return shown;
+        return readLines(store, "S", client, std::nullopt, take);
     }
     // Runs statements on the database file of a closed store.
     static void sql(const std::string& file, const std::string& statements) {
@@ -53,9 +40,7 @@ TEST_F(SqliteStoreTest, StateSurvivesReopening) {
     Lines clients;
     {
         SqliteStore store(directory, limits);
-        for (const char* client : {"c", "a", "b"}) {
-            store.registerClient("S", client, clients);
-        }
+        registerAll(store, "S", {"c", "a", "b"});
         store.post("S", "a", "one", "", clients);
         store.post("S", "c", "two", "", clients);
         events(store, "b", false);
@@ -81,8 +66,7 @@ TEST_F(SqliteStoreTest, AFailureBetweenStatementsLeavesTheStateWhole) {
     Lines clients;
     {
         SqliteStore store(directory, ServiceLimits{});
-        store.registerClient("S", "a", clients);
-        store.registerClient("S", "b", clients);
+        registerAll(store, "S", {"a", "b"});
         store.post("S", "a", "one", "", clients);
     }
     // The store holds its file alone while it is open.
@@ -100,8 +84,8 @@ TEST_F(SqliteStoreTest, AFailureBetweenStatementsLeavesTheStateWhole) {
     EXPECT_EQ(store.stats().waitingEvents, 2u);
 }
 
-// The store's files are its owner's alone: a directory it makes is 0700, the
-// database and its -wal file 0600, and a database found wider is narrowed. A
+// The store's files are its owner's alone (its directory is the daemon's
+// test): the database and its -wal file 0600, and a database found wider is narrowed. A
 // file of another layout (one written before layouts had versions, or by a
 // later build) is refused, naming the file, its version and what to do.
 TEST_F(SqliteStoreTest, FilesArePrivateAndOtherLayoutsAreRefused) {
@@ -115,10 +99,8 @@ TEST_F(SqliteStoreTest, FilesArePrivateAndOtherLayoutsAreRefused) {
     Lines clients;
     {
         SqliteStore store(made, ServiceLimits());
-        store.registerClient("S", "a", clients);
-        store.registerClient("S", "b", clients);
+        registerAll(store, "S", {"a", "b"});
         store.post("S", "a", "x", "", clients);
-        EXPECT_EQ(mode(made), 0700u);
         for (const std::string& path : {file, file + "-wal"}) {  // no -shm: exclusive mode
             EXPECT_EQ(mode(path), 0600u) << path;
         }

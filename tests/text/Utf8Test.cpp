@@ -49,11 +49,10 @@ TEST_F(CodePageTest, ConvertsInPassesCompleteAndInOrder) {
     IcuHooks::injectFromUnicode(1, U_AMBIGUOUS_ALIAS_WARNING);
     EXPECT_EQ("", toUtf8("abc", 0));
     EXPECT_EQ("\xC3\xA9", toUtf8("\xE9", 1));
-    std::string text;
-    while (text.size() < 50000) {
-        text += "abcdefghijklmnopqrstuvwxyz";
+    std::string text;  // the alphabet over and over
+    for (int i = 0; i < 50000; ++i) {
+        text += static_cast<char>('a' + i % 26);
     }
-    text.resize(50000);
     EXPECT_EQ(text, toUtf8(text.data(), 50000));
     EXPECT_EQ(text, fromUtf8(text.data(), 50000));
     EXPECT_EQ("a", fromUtf8("a\0bc", 4));
@@ -83,36 +82,32 @@ TEST_F(CodePageTest, BadArgumentsFailBeforeTheInputIsRead) {
     EXPECT_EQ("", fromUtf8(nullptr, 0));
 }
 
-// Each failure names the converter of the failing stage; the second stage of a
-// pass is checked first, and a failure in a later pass discards the earlier ones.
+// A failure opening a converter or in either stage throws, naming the failing
+// converter; a failure in a later pass discards the earlier ones, and in place
+// leaves the text as it was.
 TEST_F(CodePageTest, FailuresNameTheFailingConverter) {
-    const std::string to = "An error occured converting ", from = to + "Unicode to ";
-    const std::string latin1 = "ISO-8859-1 (", utf8 = "UTF-8 (";  // then ICU's aliases
+    const std::string text(50000, 'q'), converting = "An error occured converting ";
     // Direction, the call of each kind that fails (0: none), the message's start.
     const std::tuple<bool, int, int, int, std::string> cases[] = {
         {false, 2, 0, 0, "Error opening converter U_FILE_ACCESS_ERROR\n"},
-        {true, 0, 3, 0, to + latin1},
-        {true, 0, 0, 2, from + utf8},
-        {false, 0, 2, 0, to + utf8},
-        {false, 0, 0, 1, from + latin1},
-        {true, 0, 1, 1, from + utf8}};
-    const auto inject = [](int openCall, int toUnicodeCall, int fromUnicodeCall) {
-        IcuHooks::reset();
-        IcuHooks::injectOpen(openCall, U_FILE_ACCESS_ERROR);
-        IcuHooks::injectToUnicode(toUnicodeCall, U_INVALID_CHAR_FOUND);
-        IcuHooks::injectFromUnicode(fromUnicodeCall, U_ILLEGAL_CHAR_FOUND);
-    };
-    const std::string text(50000, 'q');
+        {true, 0, 3, 0, converting + "ISO-8859-1 ("},
+        {false, 0, 2, 0, converting + "UTF-8 ("},
+        {true, 0, 1, 1, converting + "Unicode to UTF-8 ("}};  // the second stage checked first
     for (const auto& [toUtf8Direction, openCall, toUnicodeCall, fromUnicodeCall, message] : cases) {
-        inject(openCall, toUnicodeCall, fromUnicodeCall);
-        const auto convert = toUtf8Direction ? toUtf8 : fromUtf8;
-        EXPECT_THAT(failureOf([&] { convert(text.data(), 50000); }), StartsWith(message));
-        if (!toUtf8Direction) {  // in place: the same failure, the text as it was
-            std::string inPlace = text;
-            inject(openCall, toUnicodeCall, fromUnicodeCall);
-            EXPECT_THAT(failureOf([&] { fromUtf8InPlace(inPlace); }), StartsWith(message));
-            EXPECT_EQ(text, inPlace);
+        std::string inPlace = text;
+        for (int run = toUtf8Direction ? 1 : 0; run < 2; ++run) {  // fromUtf8 also in place
+            IcuHooks::reset();
+            IcuHooks::injectOpen(openCall, U_FILE_ACCESS_ERROR);
+            IcuHooks::injectToUnicode(toUnicodeCall, U_INVALID_CHAR_FOUND);
+            IcuHooks::injectFromUnicode(fromUnicodeCall, U_ILLEGAL_CHAR_FOUND);
+            EXPECT_THAT(failureOf([&] {
+                            run == 1
+                                ? (void)(toUtf8Direction ? toUtf8 : fromUtf8)(text.data(), 50000)
+                                : fromUtf8InPlace(inPlace);
+                        }),
+                        StartsWith(message));
         }
+        EXPECT_EQ(text, inPlace);
     }
 }
 

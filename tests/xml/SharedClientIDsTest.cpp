@@ -34,9 +34,7 @@ TEST(BaseObjectTest, CountedObjectsDieAtTheirLastUnref) {
 // result is every identifier followed by a comma, then the error, if any.
 TEST(SharedClientIDsTest, WritesTheDocumentExactlyAndReadsChildrenByLocalNameOnly) {
     SharedClientIDs list;
-    XmlStream empty, stream, outer;
-    list.outputXML(empty, "E");
-    EXPECT_EQ(empty.str(), "\n<ns0:E xmlns:ns0=\"" + kUri + "\"></ns0:E>");
+    XmlStream stream, outer;
     list.setSharedClients({"", "a&<>%\"'\n\tz"});
     list.outputXML(stream, "E");
     EXPECT_EQ(stream.str(),
