@@ -4,10 +4,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <future>
 #include <sstream>
 
 #include "daemon/DaemonProcess.h"
 #include "daemon/Delivery.h"
+#include "engine/MemoryStore.h"
 #include "support/TempDir.h"
 #include "wire/HttpWire.h"
 
@@ -248,4 +250,31 @@ TEST(ServerTest, TlsServesClientsThatTrustTheCertificate) {
     EXPECT_THAT(daemon.log(), ContainsRegex(" info TLS handshake with 127\\.0\\.0\\.1:[0-9]+ "
                                             "failed: [^\n]+\n"));
     EXPECT_THAT(daemon.log(), HasSubstr("failed: not done within 300 ms\n"));
+}
+
+// A memory store whose acknowledge waits (10 s at most) until the test opens gate.
+struct HeldAckStore : Arvant::Net::AvQuorvel::Engine::MemoryStore {
+    explicit HeldAckStore(std::shared_future<void> gate) : gate(std::move(gate)) {}
+    void acknowledge(const std::string& server, const std::string& client,
+                     std::uint64_t upTo) override {
+        gate.wait_for(std::chrono::seconds(10));
+        MemoryStore::acknowledge(server, client, upTo);
+    }
+    std::shared_future<void> gate;
+};
+
+// A raw fetch that comes before the daemon's pool has acknowledged the answer
+// written before it carries that acknowledgement itself: nothing comes twice.
+TEST(ServerTest, AFetchBeforeTheAcknowledgementGetsNothingTwice) {
+    std::promise<void> gate;
+    InProcessDaemon daemon({}, std::make_unique<HeldAckStore>(gate.get_future().share()));
+    registerClients(daemon.port, {"alice", "bob"});
+    const std::string fetch = exchangeText(asClient("getEvents", "bob"));
+    const auto events = [&] { return scanEvents(exchangeRaw(daemon.port, fetch)).size(); };
+    EXPECT_EQ(
+        statusOf(exchangeRaw(daemon.port, exchangeText(asClient("putEvents", "alice"), "e1"))),
+        200);
+    EXPECT_EQ(events(), 1u);
+    EXPECT_EQ(events(), 0u) << "the daemon's acknowledgement is still held";
+    gate.set_value();
 }
