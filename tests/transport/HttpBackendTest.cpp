@@ -48,8 +48,8 @@ public:
         socket.setDeadline(Transport::DeadlineClock::now() + std::chrono::seconds(5));
     }
 
-    // Runs script on the connection, then shuts it down: the client sees it
-    // closed, and the descriptor stays this peer's (never reused) until it ends.
+    // Runs script on the connection, then closes it as a daemon would: bytes
+    // left unread (a body being refused) make that a reset.
     void serve(const std::function<void(Peer&)>& script, asio::ssl::context* tls) {
         if (tls != nullptr) {
             secure.reset(new asio::ssl::stream<Transport::DeadlineSocket&>(socket, *tls));
@@ -57,9 +57,18 @@ public:
             secure->handshake(asio::ssl::stream_base::server, ec);
         }
         script(*this);
-        shutdown();
+        std::lock_guard<std::mutex> lock(closing);
+        boost::system::error_code ignored;
+        socket.lowest_layer().close(ignored);
     }
-    void shutdown() { ::shutdown(socket.lowest_layer().native_handle(), SHUT_RDWR); }
+    // Ends a script that waits on the client; the descriptor is not shut once
+    // closed, when it may be another's.
+    void shutdown() {
+        std::lock_guard<std::mutex> lock(closing);
+        if (socket.lowest_layer().is_open()) {
+            ::shutdown(socket.lowest_layer().native_handle(), SHUT_RDWR);
+        }
+    }
 
     // False when the client closed the connection or went silent, or right after
     // the head of a body over 1 MB (the parser's default limit), left unread.
@@ -79,6 +88,7 @@ private:
     Transport::DeadlineSocket socket;
     std::unique_ptr<asio::ssl::stream<Transport::DeadlineSocket&>> secure;
     boost::beast::flat_buffer buffer;
+    std::mutex closing;  // guards the descriptor between serve() and shutdown()
 };
 
 // lastSequence: the Quorvel-Last-Sequence header's value, none when empty.
