@@ -11,6 +11,7 @@
 #include <csignal>
 #include <functional>
 #include <memory>
+#include <numeric>
 #include <set>
 #include <sstream>
 
@@ -164,23 +165,16 @@ inline int runCrashLoad(const CrashLoad& load, const std::string& urlEnv,
         clients.push_back(std::make_unique<Child>([&load, name] { return crashClient(load, name); },
                                                   Strings{urlEnv}));
     }
-    auto acknowledged = [&clients] {
-        int count = 0;
-        for (const auto& client : clients) {
-            count += static_cast<int>(parseLog(client->out()).acked.size());
-        }
-        return count;
+    const auto acknowledged = [&clients] {
+        return std::accumulate(clients.begin(), clients.end(), 0, [](int n, const auto& client) {
+            return n + static_cast<int>(parseLog(client->out()).acked.size());
+        });
     };
-    const auto deadline = Clock::now() + std::chrono::seconds(120);
-    while (acknowledged() < load.clients * load.posts / 3 && Clock::now() < deadline) {
-        std::this_thread::sleep_for(milliseconds(20));
-    }
+    waitUntil([&] { return acknowledged() >= load.clients * load.posts / 3; }, 120000);
     const int ackedBeforeFault = acknowledged();
     fault();
     for (auto& client : clients) {
-        while (!parseLog(client->out()).posted && client->running() && Clock::now() < deadline) {
-            std::this_thread::sleep_for(milliseconds(20));
-        }
+        waitUntil([&] { return parseLog(client->out()).posted || !client->running(); }, 120000);
     }
     for (auto& client : clients) {
         client->signal(SIGUSR1);

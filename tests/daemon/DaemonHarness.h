@@ -26,6 +26,16 @@ namespace Harness {
 
 using Strings = std::vector<std::string>;
 
+// Polls done every 10 ms until it holds or timeoutMs have passed; whether it held.
+inline bool waitUntil(const std::function<bool()>& done, int timeoutMs = 10000) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    bool held = done();
+    for (; !held && std::chrono::steady_clock::now() < until; held = done()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return held;
+}
+
 // What file holds, read through a file description of its own, so the offset
 // a writer (a child, a daemon's log) writes at stays.
 inline std::string contentsOf(std::FILE* file) {
@@ -74,19 +84,15 @@ public:
     }
     // Waits about timeoutMs at most, then kills; the exit code, or -1 when a signal ended it.
     int wait(int timeoutMs = 30000) {
-        for (int waited = 0; waited < timeoutMs && running(); waited += 2) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
+        waitUntil([this] { return !running(); }, timeoutMs);
         signal(SIGKILL);
         ended = ended || ::waitpid(pid, &status, 0) == pid;
         return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    std::string out() const { return read(1); }
-    std::string err() const { return read(2); }
+    std::string out() const { return contentsOf(files[1]); }
+    std::string err() const { return contentsOf(files[2]); }
 
 private:
-    std::string read(int fd) const { return contentsOf(files[fd]); }
-
     std::FILE* files[3] = {std::tmpfile(), std::tmpfile(), std::tmpfile()};
     pid_t pid = -1;
     int status = 0;

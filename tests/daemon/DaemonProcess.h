@@ -28,10 +28,10 @@ public:
                         options),
                 env) {
         char newline = 0;
-        for (int i = 0; i < 2000 && newline != '\n' && running(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        waitUntil([&] {
             std::sscanf(out().c_str(), "quorveld listening on 127.0.0.1:%d%c", &port, &newline);
-        }
+            return newline == '\n' || !running();
+        });
         EXPECT_EQ(newline, '\n') << "quorveld did not start: " << err();
     }
     int stop() {  // SIGTERM, SIGKILL after 10 s; the exit code
@@ -66,7 +66,6 @@ public:
         }
     }
     std::string log() const { return contentsOf(logFile); }
-    std::string url() const { return "QUORVEL_URL=http://127.0.0.1:" + std::to_string(port); }
     int port = 0;
 
 private:

@@ -1,17 +1,14 @@
 // The daemon's server in-process: the completion seam of a reply, the head
-// limit, handlers that throw, and the pieces the daemon builds on it (the token
-// check, the metrics text).
+// limit, handlers that throw, and the metrics text the daemon builds on it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <thread>
 
 #include "daemon/DaemonHarness.h"
 #include "daemon/HttpServer.h"
 #include "daemon/Metrics.h"
-#include "daemon/Token.h"
 
 using namespace Arvant::Net::AvQuorvel::Daemon;
 using Harness::RawConnection;
@@ -66,12 +63,12 @@ public:
     }
 };
 
-// The statuses of the answers in text, in order, space-separated.
+// The statuses of the answers in text, in order, each followed by a space.
 std::string statuses(const std::string& text) {
-    static const std::regex status("HTTP/1\\.1 ([0-9]{3}) ");
     std::string found;
-    for (std::sregex_iterator it(text.begin(), text.end(), status), end; it != end; ++it) {
-        found += (found.empty() ? "" : " ") + (*it)[1].str();
+    for (std::size_t at = text.find("HTTP/1.1 "); at != std::string::npos;
+         at = text.find("HTTP/1.1 ", at + 1)) {
+        found += text.substr(at + 9, 4);
     }
     return found;
 }
@@ -101,17 +98,17 @@ TEST(HttpServerTest, HeadLimitCountsOneHeadAtATimeAndThrowsStayWithTheirRequest)
         pipelined += "POST / HTTP/1.1\r\nContent-Length: 10240\r\n" +
                      std::string(i == 199 ? "Connection: close\r\n\r\n" : "\r\n") +
                      std::string(10240, 'x');
-        expected += i == 0 ? "200" : " 200";
+        expected += "200 ";
     }
     const std::pair<std::string, std::string> table[] = {
         {pipelined, expected},
-        {headOf(64 * 1024), "200"},
-        {headOf(64 * 1024 + 1), "431"},
-        {"GET /admit HTTP/1.1\r\nConnection: close\r\n\r\n", "500"},
-        {"GET /handle HTTP/1.1\r\nConnection: close\r\n\r\n", "500"},
-        {"GET /answered HTTP/1.1\r\nConnection: close\r\n\r\n", "200"},
-        {"GET /complete HTTP/1.1\r\nConnection: close\r\n\r\n", "200"},
-        {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", "200"},
+        {headOf(64 * 1024), "200 "},
+        {headOf(64 * 1024 + 1), "431 "},
+        {"GET /admit HTTP/1.1\r\nConnection: close\r\n\r\n", "500 "},
+        {"GET /handle HTTP/1.1\r\nConnection: close\r\n\r\n", "500 "},
+        {"GET /answered HTTP/1.1\r\nConnection: close\r\n\r\n", "200 "},
+        {"GET /complete HTTP/1.1\r\nConnection: close\r\n\r\n", "200 "},
+        {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", "200 "},
     };
     for (const auto& [request, answers] : table) {
         RawConnection connection(served.port());
@@ -121,35 +118,17 @@ TEST(HttpServerTest, HeadLimitCountsOneHeadAtATimeAndThrowsStayWithTheirRequest)
     }
 }
 
-TEST(TokenTest, OnlyTheExactBearerTokenMatches) {
-    const std::pair<const char*, bool> table[] = {
-        {"Bearer t0ken", true},   {"bEARER t0ken", true},  {"Bearer t0ke", false},
-        {"Bearer t0kenn", false}, {"Bearer T0ken", false}, {"Bearer  t0ken", false},
-        {"Basic t0ken", false},   {"t0ken", false},        {"Bearer ", false},
-    };
-    for (const auto& [authorization, matches] : table) {
-        EXPECT_EQ(bearerMatches(authorization, "t0ken"), matches) << authorization;
-    }
-}
-
-TEST(MetricsTest, OperationLabelsStayFewAndSafe) {
+// Durations fall in their buckets; a name outside the service's operations is
+// "other", so clients cannot add series.
+TEST(MetricsTest, OperationLabelsStayFewAndDurationsFallInTheirBuckets) {
     Metrics metrics;
-    for (int i = 0; i < 40; ++i) {
-        metrics.recordRequest("op" + std::to_string(i), 200, 150);
-    }
-    metrics.recordRequest("bad\"name\n", 400, 20000000);
-    metrics.recordRequest("", 404, 50);
-    // Names sent first crowd no operation of the service out.
-    metrics.recordRequest("putEvents", 507, 0);
+    metrics.recordRequest("op0", 200, 150);
+    metrics.recordRequest("putEvents", 507, 50);
     const std::string text = metrics.render(Gauges{1, 2, 3, 4});
-    EXPECT_EQ(text.find("op0"), std::string::npos) << "a name of the client's own";
-    // 0 and 50 us fall in the first bucket, the 40 of 150 us in the second, 20 s only in +Inf.
     for (const char* line :
-         {"{operation=\"putEvents\",status=\"507\"} 1\n",
-          "{operation=\"other\",status=\"200\"} 40\n", "{operation=\"other\",status=\"400\"} 1\n",
-          "{operation=\"none\",status=\"404\"} 1\n", "_bucket{le=\"0.0001\"} 2\n",
-          "_bucket{le=\"0.00025\"} 42\n", "_bucket{le=\"+Inf\"} 43\n",
-          "_seconds_sum 20.006050\n"}) {
+         {"{operation=\"other\",status=\"200\"} 1\n",
+          "{operation=\"putEvents\",status=\"507\"} 1\n", "_bucket{le=\"0.0001\"} 1\n",
+          "_bucket{le=\"0.00025\"} 2\n", "_seconds_sum 0.000200\n"}) {
         EXPECT_THAT(text, HasSubstr(line));
     }
 }

@@ -25,30 +25,23 @@ TEST(RedisScaleOut, AWaiterOnOneDaemonIsReleasedByAPostThroughTheOther) {
     Child waiter(
         program({QUORVEL_BINARY, "get", "--wait", "60000", "--server", "S", "--client", "W"}),
         {a.url()});
-    for (int i = 0;
-         i < 500 &&
-         quorvel({"clients", "--server", "S", "--client", "P"}, {b.url()}).out.find("W") ==
-             std::string::npos;
-         ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    EXPECT_TRUE(waitUntil([&] {
+        return quorvel({"clients", "--server", "S"}, {b.url()}).out.find("W") != std::string::npos;
+    }));
     EXPECT_EQ(quorvel({"put", "--server", "S", "--client", "P", "hi"}, {b.url()}).code, 0);
     EXPECT_EQ(waiter.wait(20000), 0) << "not released within 20 s of a 60 s wait";
     EXPECT_NE(waiter.out().find("1 from P: hi\n"), std::string::npos) << waiter.out();
 }
 
-struct Fault {
-    const char* name;
-    // Kills under load; may start what it killed again (a on its own port).
-    std::function<void(RedisServer&, std::unique_ptr<DaemonProcess>& a)> act;
-};
+// Kills under load; may start what it killed again (a on its own port).
+using Fault = std::function<void(RedisServer&, std::unique_ptr<DaemonProcess>& a)>;
 
 TEST(RedisScaleOut, KillNineUnderLoadLosesNothingAndRepeatsNothing) {
     const auto kill = [](std::unique_ptr<DaemonProcess>& a) {
         a->signal(SIGKILL);
         EXPECT_EQ(a->wait(), -1);
     };
-    const Fault faults[] = {
+    const std::pair<const char*, Fault> faults[] = {
         {"one daemon killed", [&](RedisServer&, std::unique_ptr<DaemonProcess>& a) { kill(a); }},
         {"one daemon killed and restarted",
          [&](RedisServer& redis, std::unique_ptr<DaemonProcess>& a) {
@@ -64,14 +57,14 @@ TEST(RedisScaleOut, KillNineUnderLoadLosesNothingAndRepeatsNothing) {
              redis.start();
          }},
     };
-    for (const Fault& fault : faults) {
-        SCOPED_TRACE(fault.name);
+    for (const auto& [name, fault] : faults) {
+        SCOPED_TRACE(name);
         RedisServer redis;
         auto a = std::make_unique<DaemonProcess>(Strings{"--redis", redis.url()});
         DaemonProcess b({"--redis", redis.url()});
         TcpBalancer balancer({a->port, b.port});
         const int failed =
-            runCrashLoad(CrashLoad{8, 200}, balancer.url(), [&] { fault.act(redis, a); });
+            runCrashLoad(CrashLoad{8, 200}, balancer.url(), [&] { fault(redis, a); });
         // Failed at the clients, or sent again by them after a daemon's death.
         EXPECT_GT(failed + balancer.unanswered(), 0) << "the fault did not hit";
         EXPECT_TRUE(b.running());

@@ -69,8 +69,6 @@ TEST(ServerTest, MalformedAmbiguousOrOversizedRequestsAreRefusedAndClose) {
         // Read as 0, "x2" would leave "ok" to be taken for the next request.
         {kStatus + "Content-Length: x2\r\n\r\nok" + smuggled, 400},
         {kStatus + "Quorvel-Field: no-equals-sign\r\n" + empty, 400},
-        {kStatus + "Quorvel-Field: " + Wire::encodeField("Server-ID", "S") + "!!\r\n" + empty, 400},
-        {kStatus + "Quorvel-Field: QQ=Q\r\n" + empty, 400},
         {kStatus + "Quorvel-Ack: -1\r\n" + empty, 400},
         {kStatus + "Quorvel-Ack: 1\r\nQuorvel-Ack-Only: 1\r\n" + empty, 400},
         {kStatus + "Quorvel-Post-Id: 0123\r\n" + empty, 400},
@@ -123,12 +121,8 @@ TEST(ServerTest, SlowAndSurplusConnectionsLeaveRoomForOthers) {
         EXPECT_EQ(past.receive(2000), "");
         EXPECT_TRUE(past.closed) << "well before the read time-out";
     }
-    std::string health;
-    for (int i = 0; i < 250 && health.empty(); ++i) {  // until the daemon has seen them close
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        health = getRaw(capped.port, "/healthz");
-    }
-    EXPECT_EQ(statusOf(health), 200);
+    // Until the daemon has seen them close.
+    EXPECT_TRUE(waitUntil([&] { return statusOf(getRaw(capped.port, "/healthz")) == 200; }));
 }
 
 // Health and metrics follow the service; the log, here JSON at warn, has the
@@ -151,8 +145,7 @@ TEST(ServerTest, HealthMetricsAndLogsFollowTheService) {
         {"quorveld_waiting_bytes", 5},
         {"quorveld_requests_total{operation=\"putEvents\",status=\"200\"}", 1},
         {"quorveld_requests_total{operation=\"none\",status=\"404\"}", 1},
-        {"quorveld_open_connections", 1},
-    };
+        {"quorveld_open_connections", 1}};
     for (const auto& [series, value] : after) {
         EXPECT_EQ(sample(daemon.port, series), value) << series;
     }
@@ -166,7 +159,7 @@ TEST(ServerTest, HealthMetricsAndLogsFollowTheService) {
                     "\"status\":404,\"us\":[0-9]+,\"peer\":\"127\\.0\\.0\\.1:[0-9]+\"\\}\n"));
 }
 
-// What the tokens guard (bearer matching itself is TokenTest's), with the
+// What the tokens guard and how a bearer token matches, with the
 // store's byte bound, a raw fetch acknowledged once written whole, and idle
 // clients expired.
 TEST(ServerTest, TokensGuardEverythingButHealth) {
@@ -190,6 +183,8 @@ TEST(ServerTest, TokensGuardEverythingButHealth) {
         {exchangeText(status), 401},
         {exchangeText(status, "", admin), 401},
         {exchangeText(status, "", service), 200},
+        {exchangeText(status, "", "Authorization: bEARER s3rvice\r\n"), 200},
+        {exchangeText(status, "", "Authorization: Bearer s3rvicee\r\n"), 401},
         {metrics + "\r\n", 401},
         {metrics + service + "\r\n", 200},
         {exchangeText(list, "", admin), 200},
@@ -210,11 +205,9 @@ TEST(ServerTest, TokensGuardEverythingButHealth) {
         EXPECT_EQ(answer.find("WWW-Authenticate: Bearer") != std::string::npos, row.status == 401);
         EXPECT_EQ(scanEvents(answer).size(), row.events) << answer;
     }
-    for (int i = 0; i < 100 && sample(daemon.port, "quorveld_expired_clients_total", service) < 2;
-         ++i) {  // neither fetches now
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    EXPECT_EQ(sample(daemon.port, "quorveld_expired_clients_total", service), 2);
+    EXPECT_TRUE(waitUntil([&] {  // neither fetches now
+        return sample(daemon.port, "quorveld_expired_clients_total", service) == 2;
+    }));
     EXPECT_THAT(daemon.log(), HasSubstr("info expired idle client server=S client=alice"));
 }
 

@@ -34,15 +34,6 @@ static std::string repeat(const std::string& text, std::size_t times) {
     return out;
 }
 
-static std::string parsed(const std::string& xml) {
-    try {
-        SAXToNodeParser parser;
-        return treeText(*parser.parseString(xml));
-    } catch (const DomException& e) {
-        return e.getMessage();
-    }
-}
-
 // One row per defence: the document, and the tree's text or a part of the error's.
 TEST(HostileDocumentTest, NothingExternalIsOpenedAndExpansionIsBounded) {
     xercesc::XMLPlatformUtils::Initialize();
@@ -70,7 +61,12 @@ TEST(HostileDocumentTest, NothingExternalIsOpenedAndExpansionIsBounded) {
     };
     for (const auto& c : cases) {
         openings = 0;
-        const std::string result = parsed(c.first);
+        std::string result;
+        try {
+            result = treeText(*SAXToNodeParser().parseString(c.first));
+        } catch (const DomException& e) {
+            result = e.getMessage();
+        }
         EXPECT_NE(result.find(c.second), std::string::npos) << result;
         EXPECT_EQ(openings, 0) << c.first.substr(0, 80);
     }
@@ -82,21 +78,10 @@ TEST(HostileDocumentTest, NothingExternalIsOpenedAndExpansionIsBounded) {
     const auto nested = [](std::size_t levels) {
         return "<r>" + repeat("<a>", levels - 1) + repeat("</a>", levels - 1) + "</r>";
     };
-    const std::size_t depth = kMaxElementDepth;
     {  // the parser goes before the XML library ends
         SAXToNodeParser parser;
-        {
-            // Walked, not printed: a recursive print of this depth overflows a
-            // sanitizer's larger stack frames.
-            const auto tree = parser.parseString(nested(depth));
-            std::size_t levels = 1;
-            for (const XMLNode* node = &*tree; !node->children.empty();
-                 node = node->children.front()) {
-                ++levels;
-            }
-            EXPECT_EQ(levels, depth);
-        }
-        EXPECT_THROW(parser.parseString(nested(depth + 1)), DomException);
+        EXPECT_NO_THROW(parser.parseString(nested(kMaxElementDepth)));
+        EXPECT_THROW(parser.parseString(nested(kMaxElementDepth + 1)), DomException);
         EXPECT_EQ(treeText(*parser.parseString("<r><c/></r>")), "<{}r>|<{}c>|</></>");
     }
     xercesc::XMLPlatformUtils::Terminate();

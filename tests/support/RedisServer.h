@@ -40,34 +40,21 @@ public:
     std::string url() const { return "redis://127.0.0.1:" + std::to_string(port); }
 
     void start() {
-        Harness::Strings args{REDIS_SERVER_BINARY,
-                              "--port",
-                              std::to_string(port),
-                              "--bind",
-                              "127.0.0.1",
-                              "--dir",
-                              dir.path,
-                              "--appendonly",
-                              "yes",
-                              "--appendfsync",
-                              "always",
-                              "--save",
-                              "",
-                              "--logfile",
-                              dir.path + "/redis.log"};
+        Harness::Strings args{REDIS_SERVER_BINARY, "--port", std::to_string(port), "--dir",
+                              dir.path};
+        args.insert(args.end(), {"--bind", "127.0.0.1", "--appendonly", "yes", "--appendfsync",
+                                 "always", "--save", "", "--logfile", dir.path + "/redis.log"});
         if (!password.empty()) {
             args.insert(args.end(), {"--requirepass", password});
         }
         server = std::make_unique<Harness::Child>(Harness::program(args));
-        for (int attempt = 0; attempt < 400; ++attempt) {
-            const std::string answer = command({"PING"});
-            if (answer == "PONG" || answer.find("NOAUTH") != std::string::npos) {
-                return;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        if (!Harness::waitUntil([this] {
+                const std::string answer = command({"PING"});
+                return answer == "PONG" || answer.find("NOAUTH") != std::string::npos;
+            })) {
+            throw std::runtime_error("RedisServer: no answer on port " + std::to_string(port) +
+                                     "; see " + dir.path + "/redis.log");
         }
-        throw std::runtime_error("RedisServer: no answer on port " + std::to_string(port) +
-                                 "; see " + dir.path + "/redis.log");
     }
 
     // Empties every database, for a test that wants a fresh store.

@@ -2,14 +2,10 @@
 // run has its own), and through a real quorveld on an ephemeral loopback port.
 // (tests/daemon covers the transport's failures of the classes the embedded
 // service cannot bring about.)
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <functional>
-#include <thread>
 
 #include "client/Version.h"
 #include "daemon/DaemonProcess.h"
@@ -69,8 +65,7 @@ TEST(CliTest, EmbeddedServicePrintsResultsAndExitCodes) {
         {0, {"--json", "status"}, "{\"command\":\"status\",\"ok\":true,\"status\":0}\n"},
         {0,
          {"register", "S", "x\"y\\z\t", "--json"},
-         R"({"command":"register","ok":true,"server":"S","client":"x\"y\\z\t","locale":"",)"
-         R"("sharedClients":["x\"y\\z\t"]})"},
+         R"("ok":true,"server":"S","client":"x\"y\\z\t",)"},
         {0, as({"get", "--json", "--correlation-id", "c"}),
          R"("correlationId":"c","raw":"\n<ns0:events xmlns:ns0=\"http://schemas.arvant.com/)"},
         {0, as({"clients"}), "shared clients (0): none\n"},  // listing registers no one
@@ -78,7 +73,7 @@ TEST(CliTest, EmbeddedServicePrintsResultsAndExitCodes) {
         {0, as({"status"}), "client \"K\" is not registered with server \"S\"\n"},
         {1,
          {"admin", "evict", "--server", "S", "--client", "K"},
-         "error: AvQVLProtocolException (type 0): Client \"K\" is not registered with server"},
+         "AvQVLProtocolException (type 0)"},
         {0, {"demo"}, "#2 from alice: Deploy <eu-west> & \"canary\" started"},
         // Usage and input mistakes, which behave the same whatever the service.
         {2, {"get"}, "error: --server is required\n"},
@@ -86,14 +81,10 @@ TEST(CliTest, EmbeddedServicePrintsResultsAndExitCodes) {
         {2, {"status", "--client", "K"}, "--client requires --server"},
         // An identifier the local code page cannot read is refused, named, never changed.
         {2, {"register", "S", "k\xC0"}, "error: CLIENT is not valid UTF-8: byte 1 starts"},
-        {2, {"admin", "clients", "--server", "\xC0"}, "error: --server is not valid UTF-8"},
         {2,
-         {"--json", "frobnicate", "x"},
-         R"({"command":null,"ok":false,"error":{"class":"UsageError","type":null,"message":)"
-         R"("unknown command \"frobnicate\";)"},
-        {2, {"register", "S", "--json"}, R"("register","ok":false,"error":{"class":"UsageError",)"},
+         {"--json", "frobnicate"},
+         R"({"command":null,"ok":false,"error":{"class":"UsageError",)"},
         {2, as({"put", "-x"}), "goes after '--': quorvel put --server S --client K -- -x"},
-        {2, as({"watch", "--interval", "0"}), "--interval"},
         {2, as({"put", "caf\xE9"}), "TEXT is not valid UTF-8: byte 3 starts no character"},
         {2, as({"put", "--lines", "-"}),
          "line 3 of standard input is not valid UTF-8: byte 7 starts", "ok\nab\r\n\xFF\n"},
@@ -107,48 +98,26 @@ TEST(CliTest, EmbeddedServicePrintsResultsAndExitCodes) {
 // Without a daemon the commands whose effect cannot outlive the process say so,
 // once, and how to keep it.
 TEST(CliTest, EmbeddedServiceIsNotedWhereTheEffectIsLost) {
-    EXPECT_THAT(quorvel({"register", "S", "K"}).err,
-                StartsWith(kNote + "register ran on a service inside"));
     const std::string err = quorvel(as({"get"}), {"QUORVEL_URL="}).err;  // empty: as unset
     EXPECT_THAT(err, StartsWith(kNote + "get ran on a service inside"));
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1);
     EXPECT_EQ(quorvel({"status"}).err, "");
 }
 
-// The check before posting, by code page: the offset of the first byte that
-// starts no character, or of a NUL byte, counted from the base given.
+// The check before posting in a code page other than UTF-8, its offsets counted
+// from the base given.
 TEST(CliTest, LocalTextIsCheckedByCodePage) {
-    const struct {
-        const char* codePage;
-        std::string text, refusal;  // empty: accepted
-    } rows[] = {
-        {"ISO-8859-1", std::string("\xE9\xFF\0", 3), "T holds a NUL byte (at byte 102)"},
-        {"Shift_JIS", "\x82\xA0\x82", "T is not valid Shift_JIS: byte 102 starts"},
-    };
-    for (const auto& row : rows) {
-        std::string refusal;
-        try {
-            Tools::checkLocalText(row.text, "T", 100, row.codePage);
-        } catch (const Tools::ToolError& e) {
-            refusal = e.what();
-            EXPECT_EQ(e.code, Tools::kExitUsage);
-        }
-        EXPECT_THAT(refusal, StartsWith(row.refusal)) << row.codePage << ": " << row.text;
+    try {
+        Tools::checkLocalText("\x82\xA0\x82", "T", 100, "Shift_JIS");
+        ADD_FAILURE() << "accepted";
+    } catch (const Tools::ToolError& e) {
+        EXPECT_THAT(e.what(), StartsWith("T is not valid Shift_JIS: byte 102 starts"));
     }
-}
-
-// Waits (10 s at most) until `done` holds.
-bool awaited(const std::function<bool()>& done) {
-    for (int i = 0; i < 1000 && !done(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return done();
 }
 
 // Each run is its own process; what one run leaves, the next sees.
 TEST(CliDaemonTest, RunsShareTheDaemon) {
     Harness::DaemonProcess daemon({"--quiet"});
-    const Strings asA = {"--server", "S", "--client", "A"};
     std::vector<Row> rows = {
         {0, {"status"}, "status: 0 (the service echoed the status text)\n"},
         {0, {"register", "S", "A"}, "shared clients (1): A\n"},
@@ -156,13 +125,10 @@ TEST(CliDaemonTest, RunsShareTheDaemon) {
         {0, {"clients", "--server", "S", "--json"}, R"("sharedClients":["A"]})"},
         {0, as({"put", "hi"}), "posted 2 bytes\nshared clients (2): A, K\n"},
         {0, as({"put", "--lines", "-"}), "posted 2 events, 4 bytes\n", "l1\n\nl2\n"},
+        {0, {"--json", "admin", "clients"}, R"("client":"A","waitingEvents":3,"waitingBytes":6,)"},
         {0,
-         {"--json", "admin", "clients"},
-         R"("clients":[{"server":"S","client":"A","waitingEvents":3,"waitingBytes":6,)"
-         R"("lastFetch":null,"registered":"20)"},
-        {0,
-         {"get", asA[0], asA[1], asA[2], asA[3]},
-         "  #1 from K: hi\n  #2 from K: l1\n  #3 from K: l2\n"},
+         {"get", "--server", "S", "--client", "A"},
+         "#1 from K: hi\n  #2 from K: l1\n  #3 from K: l2\n"},
         {0, {"admin", "clients", "--server", "S"}, "SERVER  CLIENT  WAITING EVENTS  WAITING BYTES"},
         {0, as({"unregister"}), "unregistered\nshared clients (1): A\n"},
         {0, {"admin", "evict", "--server", "S", "--client", "A"}, "shared clients (0): none\n"},
@@ -181,26 +147,19 @@ TEST(CliDaemonTest, RunsShareTheDaemon) {
 
 // Standard input or output that fails exits 3 with the system's message; a
 // failed status check names the cause the transport knows.
-TEST(CliDaemonTest, FailuresNameTheirCauseAndExitCode) {
-    Harness::DaemonProcess daemon({"--quiet"});
-    const std::string down = "QUORVEL_URL=http://127.0.0.1:" + std::to_string(daemon.port);
-    const auto runWith = [](const char* path, int fd, const Strings& args) {
-        Child child([=] {
-            ::dup2(::open(path, fd == 0 ? O_RDONLY : O_WRONLY), fd);
-            Strings argv = args;
-            argv.insert(argv.begin(), QUORVEL_BINARY);
-            return Harness::program(argv)();
-        });
-        const int code = child.wait();
-        return std::make_pair(code, withoutNote(child.err()));
+TEST(CliTest, FailuresNameTheirCauseAndExitCode) {
+    const std::string down = "QUORVEL_URL=http://127.0.0.1:1";  // a port nobody serves
+    const auto runWith = [](const std::string& redirect, Strings args) {
+        args.insert(args.begin(),
+                    {"/bin/sh", "-c", "exec \"$0\" \"$@\" " + redirect, QUORVEL_BINARY});
+        const Harness::Result result = Harness::run(args);
+        return std::to_string(result.code) + " " + withoutNote(result.err);
     };
-    EXPECT_EQ(
-        runWith("/", 0, as({"put", "-"})),
-        std::make_pair(3, std::string("error: cannot read standard input: Is a directory\n")));
-    const std::string full = "error: cannot write standard output: No space left on device\n";
-    EXPECT_EQ(runWith("/dev/full", 1, {"--json", "status"}), std::make_pair(3, full));
-    EXPECT_EQ(runWith("/dev/full", 1, as({"watch"})), std::make_pair(3, full));
-    daemon.stop();  // nothing listens there now
+    EXPECT_EQ(runWith("</", as({"put", "-"})),
+              "3 error: cannot read standard input: Is a directory\n");
+    const std::string full = "3 error: cannot write standard output: No space left on device\n";
+    EXPECT_EQ(runWith(">/dev/full", {"--json", "status"}), full);
+    EXPECT_EQ(runWith(">/dev/full", as({"watch"})), full);
     const std::string failed = "AvQVLConnectionException (type -1): AvQVL Connection failed";
     const Harness::Result refused = quorvel({"status"}, {down});
     EXPECT_EQ(refused.code, 1);
@@ -238,11 +197,13 @@ TEST(CliDaemonTest, WaitingFetchesPrintPostsMadeWhileTheyWait) {
             return quorvel({"clients", "--server", server}, env).out.find(client) !=
                    std::string::npos;
         };
-        EXPECT_TRUE(awaited([&] { return listed("W"); }));
+        EXPECT_TRUE(Harness::waitUntil([&] { return listed("W"); }));
         const auto post = [&](const std::string& text, const std::string& expected) {
             EXPECT_EQ(quorvel({"put", "--server", server, "--client", "P", text}, env).code, 0);
-            EXPECT_TRUE(awaited([&] { return child.out().find(expected) != std::string::npos; }))
-                << child.out() << child.err();
+            EXPECT_TRUE(Harness::waitUntil([&] {
+                return child.out().find(expected) != std::string::npos;
+            })) << child.out()
+                << child.err();
         };
         post("one", row.first);
         if (row.stop != 0) {
