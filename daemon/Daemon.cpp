@@ -190,6 +190,7 @@ struct Daemon::Impl : HttpHandler {
     using Client = std::pair<std::string, std::string>;  // (server, client)
     void exchange(const HttpRequest& request, HttpReply& reply, WaitAsk& ask);
     void acknowledgeWhenWritten(HttpReply& reply, const Client& client, std::uint64_t upTo);
+    void appendClients(const RequestHeaders& fields, std::string& response, HttpReply& reply);
     std::optional<std::uint64_t> writtenNotAcknowledged(const Client& client);
     void scrape(HttpReply& reply);
     void sweepIdleClients();
@@ -529,11 +530,15 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAs
         answer(reply, Wire::statusForFailure(Protocol::failureCode(failure.kind)), failure.message);
         return;
     }
+    const bool waits = result.lastSequence == 0 && !ackOnly && result.wait.count() > 0;
+    if (!ackOnly && !waits && request.find(Protocol::kClientsTooHeader) != request.end()) {
+        appendClients(fields, response, reply);
+    }
     reply.status = 200;
     reply.contentType = "application/octet-stream";
     reply.body = std::move(response);
     if (result.lastSequence == 0) {
-        if (!ackOnly && result.wait.count() > 0) {
+        if (waits) {
             ask.wait = result.wait;
             ask.serverId = client.first;
         }
@@ -545,11 +550,30 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAs
     }  // else the client acknowledges what it read with its next request
 }
 
+// A getEvents whose carrier asked for the shared clients too gets them after
+// its events, as the getSharedClients the client library sends next would get
+// them: one round trip instead of two. When that part fails, the events go
+// alone, and the client asks for its shared clients itself.
+void Daemon::Impl::appendClients(const RequestHeaders& fields, std::string& response,
+                                 HttpReply& reply) {
+    RequestHeaders asked = fields;
+    asked.erase(Protocol::kWaitMillisecondsField);
+    asked[Protocol::kOperationNameField] = Protocol::kGetSharedClients;
+    std::string clients;
+    Failure failure;
+    Engine::ExchangeResult unused;
+    if (engine.exchange(asked, "", Engine::ExchangeOptions(), clients, failure, unused)) {
+        reply.headers.emplace_back(Protocol::kEventsBytesHeader, std::to_string(response.size()));
+        response += clients;
+    }
+}
+
 // Without an ack (an older client, a raw call), a getEvents answer moves the
 // client's cursor once written whole; one the connection could not carry leaves
 // its events to come again. An answer written whole but lost after that (the
 // client dies before reading it) is not seen here: that loss stays at most once.
-// Acknowledging is store work, on the pool (past its bound); until it is done
+// Acknowledging is store work, on the pool (past its bound) unless the store
+// never waits; until it is done
 // the client's next getEvents carries the acknowledgement itself
 // (writtenNotAcknowledged), so a quick fetch never gets the events twice.
 void Daemon::Impl::acknowledgeWhenWritten(HttpReply& reply, const Client& client,
@@ -563,7 +587,7 @@ void Daemon::Impl::acknowledgeWhenWritten(HttpReply& reply, const Client& client
             std::uint64_t& known = delivered[client];
             known = std::max(known, upTo);
         }
-        pool.submit([this, client, upTo] {
+        auto acknowledge = [this, client, upTo] {
             Failure failed;
             if (!engine.acknowledge(client.first, client.second, upTo, failed)) {
                 log.message(LogLevel::Error,
@@ -577,7 +601,12 @@ void Daemon::Impl::acknowledgeWhenWritten(HttpReply& reply, const Client& client
             if (found != delivered.end() && found->second <= upTo) {
                 delivered.erase(found);
             }
-        });
+        };
+        if (storeOnIoThreads) {
+            acknowledge();
+        } else {
+            pool.submit(acknowledge);
+        }
     };
 }
 

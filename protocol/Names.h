@@ -42,6 +42,12 @@ constexpr char kAckOnlyHeader[] = "Quorvel-Ack-Only";
 constexpr char kLastSequenceHeader[] = "Quorvel-Last-Sequence";
 /// A putEvents request: the post's own id, the same on every resend of it.
 constexpr char kPostIdHeader[] = "Quorvel-Post-Id";
+/// A getEvents request with "1": answer the client's getSharedClients too, as
+/// if it came right after (the client library asks for it next).
+constexpr char kClientsTooHeader[] = "Quorvel-Clients-Too";
+/// The answer to such a request, when it holds both: the first that many bytes
+/// of the body answer the getEvents, the rest the getSharedClients.
+constexpr char kEventsBytesHeader[] = "Quorvel-Events-Bytes";
 
 /// Echoes the body.
 constexpr char kGetStatus[] = "getStatus";

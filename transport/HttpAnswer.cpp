@@ -53,6 +53,8 @@ void HttpAnswer::on_field_impl(boost::beast::http::field, string_view name, stri
                                error_code&) {
     if (boost::beast::iequals(name, Protocol::kLastSequenceHeader)) {
         lastSequenceText.assign(value.data(), value.size());
+    } else if (boost::beast::iequals(name, Protocol::kEventsBytesHeader)) {
+        eventsBytesText.assign(value.data(), value.size());
     }
 }
 

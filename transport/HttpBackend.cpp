@@ -165,17 +165,23 @@ public:
         const Identity identity{settings.url, fieldOf(headers, Protocol::kServerIdField),
                                 fieldOf(headers, Protocol::kClientIdField)};
         IdentityLedger& ledger = IdentityLedger::instance();
+        ThreadState& thread = threadState();
+        if (takeHeldClients(thread, kind, identity, response)) {
+            ledger.fetchCompleted(identity, true);
+            return true;
+        }
         std::string lines;
         std::uint64_t ackSent = 0;
         std::string postId;
         if (kind == Kind::fetch) {
             ackSent = ledger.ackToSend(identity);
-            lines = headerLine(Protocol::kAckHeader, std::to_string(ackSent));
+            lines = headerLine(Protocol::kAckHeader, std::to_string(ackSent)) +
+                    headerLine(Protocol::kClientsTooHeader, "1");
         } else if (kind == Kind::post) {
             postId = ledger.postIdFor(identity, body);
             lines = headerLine(Protocol::kPostIdHeader, postId);
         }
-        HttpConnection& connection = threadConnection();
+        HttpConnection& connection = *thread.connection;
         if (!composeHead(headers, lines, body.size(), connection.requestHead(), failure)) {
             return false;
         }
@@ -198,6 +204,12 @@ public:
         }
         if (outcome.status == 200) {
             if (kind == Kind::fetch) {
+                if (!holdClients(outcome, identity, response, thread)) {
+                    outcome.fault = HttpFault::malformed;
+                    outcome.detail = std::string(Protocol::kEventsBytesHeader) + " \"" +
+                                     outcome.eventsBytes + "\" is not a length within the body";
+                    return failWith(outcome, waitMs, failure);
+                }
                 // An answer without a readable sequence holds no event to acknowledge.
                 std::uint64_t lastSequence = 0;
                 Wire::parseSequence(outcome.lastSequence, lastSequence);
@@ -278,16 +290,61 @@ public:
     }
 
 private:
-    HttpConnection& threadConnection() {
-        thread_local std::uint64_t owner = 0;
-        thread_local unsigned forks = 0;
-        thread_local std::unique_ptr<HttpConnection> connection;
-        if (owner != id || forks != forkCount) {
-            connection.reset(new HttpConnection(url, tls.get()));
-            owner = id;
-            forks = forkCount;
+    // What a thread keeps between its exchanges with this backend.
+    struct ThreadState {
+        std::uint64_t owner = 0;
+        unsigned forks = 0;
+        std::unique_ptr<HttpConnection> connection;
+        // The getSharedClients answer that came with the thread's last
+        // getEvents, for that client's getSharedClients if it is the very next
+        // exchange: the client library closes every getEvents with one.
+        bool holding = false;
+        Identity heldFor;
+        std::string heldClients;
+    };
+
+    ThreadState& threadState() {
+        thread_local ThreadState state;
+        if (state.owner != id || state.forks != forkCount) {
+            state.connection.reset(new HttpConnection(url, tls.get()));
+            state.owner = id;
+            state.forks = forkCount;
+            state.holding = false;
         }
-        return *connection;
+        return state;
+    }
+
+    // True with response set when this exchange is the getSharedClients whose
+    // answer came with the fetch before it. Any exchange lets the answer go.
+    static bool takeHeldClients(ThreadState& thread, Kind kind, const Identity& identity,
+                                std::string& response) {
+        const bool held = thread.holding;
+        thread.holding = false;
+        const bool sameClient = !(identity < thread.heldFor) && !(thread.heldFor < identity);
+        if (!held || kind != Kind::clients || !sameClient) {
+            return false;
+        }
+        response.swap(thread.heldClients);
+        return true;
+    }
+
+    // Splits a fetch's answer that carries the getSharedClients answer too;
+    // false when its length is not one within the body.
+    static bool holdClients(const HttpOutcome& outcome, const Identity& identity,
+                            std::string& response, ThreadState& thread) {
+        if (outcome.eventsBytes.empty()) {
+            return true;  // a daemon that answers the events alone
+        }
+        std::uint64_t eventsBytes = 0;
+        if (!Wire::parseSequence(outcome.eventsBytes, eventsBytes) ||
+            eventsBytes > response.size()) {
+            return false;
+        }
+        thread.heldClients.assign(response, static_cast<std::size_t>(eventsBytes));
+        response.resize(static_cast<std::size_t>(eventsBytes));
+        thread.heldFor = identity;
+        thread.holding = true;
+        return true;
     }
 
     // lines: whole header lines of the backend's own, CR LF each.

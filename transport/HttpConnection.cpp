@@ -211,6 +211,7 @@ HttpOutcome HttpConnection::transfer(Stream& stream, const std::string& body,
     outcome.status = answer.status();
     outcome.bodyBytes = answer.bodyBytes();
     outcome.lastSequence = answer.lastSequence();
+    outcome.eventsBytes = answer.eventsBytes();
     return outcome;
 }
 

@@ -37,6 +37,11 @@
 //   Quorvel-Post-Id: HEX      on putEvents: 32 lowercase hex digits, random, the
 //                             same whenever that post is sent again; the service
 //                             posts it once.
+//   Quorvel-Clients-Too: 1    on getEvents: answer the getSharedClients that the
+//                             client library sends next, too.
+//   Quorvel-Events-Bytes: N   on the answer to one: its first N body bytes answer
+//                             the getEvents, the rest the getSharedClients (absent:
+//                             the events alone, and the client asks itself).
 // A value not of its form is refused with 400.
 //
 // Name and value travel in base64url without padding (RFC 4648, alphabet A-Z a-z

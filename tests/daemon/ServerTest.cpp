@@ -245,9 +245,11 @@ TEST(ServerTest, TlsServesClientsThatTrustTheCertificate) {
     EXPECT_THAT(daemon.log(), HasSubstr("failed: not done within 300 ms\n"));
 }
 
-// A memory store whose acknowledge waits (10 s at most) until the test opens gate.
+// A memory store whose acknowledge waits (10 s at most) until the test opens
+// gate: a store that may wait, called on the daemon's pool.
 struct HeldAckStore : Arvant::Net::AvQuorvel::Engine::MemoryStore {
     explicit HeldAckStore(std::shared_future<void> gate) : gate(std::move(gate)) {}
+    bool neverWaits() const override { return false; }
     void acknowledge(const std::string& server, const std::string& client,
                      std::uint64_t upTo) override {
         gate.wait_for(std::chrono::seconds(10));
@@ -270,4 +272,14 @@ TEST(ServerTest, AFetchBeforeTheAcknowledgementGetsNothingTwice) {
     EXPECT_EQ(events(), 1u);
     EXPECT_EQ(events(), 0u) << "the daemon's acknowledgement is still held";
     gate.set_value();
+    // Asked so, a fetch's answer ends with what a getSharedClients would answer.
+    const auto body = [](const std::string& answer) {
+        return answer.substr(answer.find("\r\n\r\n") + 4);
+    };
+    const std::string both = exchangeRaw(
+        daemon.port, exchangeText(asClient("getEvents", "bob"), "", "Quorvel-Clients-Too: 1\r\n"));
+    const std::size_t at = both.find("Quorvel-Events-Bytes: ");
+    ASSERT_NE(at, std::string::npos) << both;
+    EXPECT_EQ(body(both).substr(std::stoul(both.substr(at + 22))),
+              body(exchangeRaw(daemon.port, exchangeText(asClient("getSharedClients", "bob")))));
 }

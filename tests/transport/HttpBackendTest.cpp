@@ -321,11 +321,13 @@ TEST(HttpBackendTest, EachBrokenAnswerIsNamedAndNeverRetried) {
 // What a fetch or a post carries besides its fields, as the fake daemon answers
 // each request in turn: a digit 200 with that last sequence, 'd' a
 // close without answer, 'c' an answer cut short, 'u' a limit whose outcome is
-// unknown, 'r' a refusal. expected: per request, the acknowledgement sent, or
-// the post id as a letter (the same letter: the same id).
+// unknown, 'r' a refusal, 'h' a fetch's answer holding the getSharedClients
+// answer "C" too. expected: per request, the acknowledgement sent, or the post
+// id as a letter (the same letter: the same id).
 TEST(HttpBackendTest, FetchesCarryTheirAckAndRetriedPostsTheirId) {
     // Calls (one a character, its body that character: '.' a getEvents, 's' the
-    // getSharedClients that closes it, a letter a putEvents), replies, expected.
+    // getSharedClients that closes it, 't' another client's, a letter a
+    // putEvents), replies, expected.
     const char* rows[][3] = {
         {"AB", "0d0", "abb"},   // resent on a new connection after a close without answer
         {"AA", "u0", "aa"},     // retried after an unknown outcome
@@ -334,15 +336,21 @@ TEST(HttpBackendTest, FetchesCarryTheirAckAndRetriedPostsTheirId) {
         {"AB", "u0", "ab"},     // another body after an unknown outcome
         {"AA", "00", "ab"},     // the same body after a success
         {"AA", "r0", "ab"},     // the same body after a refusal
-        {"....", "7090", "0779"}, {"...", "7c0", "077"},  // a cut answer acknowledges nothing
-        {".s.", "7r0", "0-0"},                            // a call whose closing exchange failed
+        {"....", "7090", "0779"},
+        {"...", "7c0", "077"},  // a cut answer acknowledges nothing
+        {".s.", "7r0", "0-0"},  // a call whose closing exchange failed
         {".s.", "700", "0-7"},
+        {".s.", "h0", "07"},  // the shared clients came with the fetch: no request
+        {".t", "h0", "0-"},   // ... but not another client's
     };
     const std::map<char, std::string> kReplies = {
         {'c', "HTTP/1.1 200 OK\r\nQuorvel-Last-Sequence: 8\r\nContent-Length: 9\r\n\r\nabc"},
         {'u', answer(std::string("store quiet; ") + Protocol::kUnknownOutcomeEnding,
                      Wire::kLimitStatus)},
-        {'r', answer("no", Wire::kRefusedStatus)}};
+        {'r', answer("no", Wire::kRefusedStatus)},
+        {'h',
+         "HTTP/1.1 200 OK\r\nQuorvel-Last-Sequence: 7\r\nQuorvel-Events-Bytes: 1\r\n"
+         "Content-Length: 2\r\n\r\nEC"}};
     for (const auto& row : rows) {
         const std::string calls = row[0], replies = row[1], name = calls + replies;
         const bool post = calls[0] != '.';
@@ -365,12 +373,17 @@ TEST(HttpBackendTest, FetchesCarryTheirAckAndRetriedPostsTheirId) {
             }
         });
         auto backend = backendFor(server.url());
+        std::string texts;
         for (const char call : calls) {
-            ::exchange(*backend, std::string(1, call),
-                       fieldsFor(call == 's'   ? "getSharedClients"
-                                 : call == '.' ? "getEvents"
-                                               : "putEvents",
-                                 name));
+            texts += ::exchange(*backend, std::string(1, call),
+                                fieldsFor(call == 's' || call == 't' ? "getSharedClients"
+                                          : call == '.'              ? "getEvents"
+                                                                     : "putEvents",
+                                          call == 't' ? "other" : name))
+                         .text;
+        }
+        if (replies[0] == 'h') {  // the events' part, then the clients' if asked
+            EXPECT_EQ(texts, calls[1] == 's' ? "EC" : "E") << name;
         }
         std::string got;
         std::map<std::string, char> letters;

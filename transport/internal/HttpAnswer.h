@@ -32,6 +32,8 @@ public:
     std::uint64_t bodyBytes() const { return receivedBytes; }
     // The Quorvel-Last-Sequence line's value as it came; empty when absent.
     const std::string& lastSequence() const { return lastSequenceText; }
+    // The Quorvel-Events-Bytes line's value as it came; empty when absent.
+    const std::string& eventsBytes() const { return eventsBytesText; }
 
 private:
     using string_view = boost::beast::string_view;
@@ -56,6 +58,7 @@ private:
     int statusCode = 0;
     std::uint64_t receivedBytes = 0;
     std::string lastSequenceText;
+    std::string eventsBytesText;
 };
 
 }  // namespace Transport

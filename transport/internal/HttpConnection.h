@@ -47,6 +47,7 @@ struct HttpOutcome {
     std::uint64_t bodyBytes = 0;  // the body as it came (more than kept when an error was cut)
     std::string detail;           // the system's or library's words for a fault
     std::string lastSequence;     // the answer's Quorvel-Last-Sequence, as it came
+    std::string eventsBytes;      // the answer's Quorvel-Events-Bytes, as it came
 };
 
 class HttpConnection {
