@@ -386,8 +386,8 @@ void Daemon::Impl::handleLater(const HttpRequest& request,
 }
 
 // On the pool, or on the connection's strand when the store never waits: runs
-// the exchange, and answers, or waits when it is a getEvents
-// that found nothing and has time left (the first look sets its deadline).
+// the exchange, and answers, or waits when it is a getEvents that found nothing
+// and has time left (the first look sets its deadline).
 void Daemon::Impl::look(const std::shared_ptr<Call>& call) {
     HttpReply reply;
     WaitAsk ask;
@@ -531,7 +531,8 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAs
         return;
     }
     const bool waits = result.lastSequence == 0 && !ackOnly && result.wait.count() > 0;
-    if (!ackOnly && !waits && request.find(Protocol::kClientsTooHeader) != request.end()) {
+    if (!ackOnly && !waits && request.find(Protocol::kClientsTooHeader) != request.end() &&
+        fieldOf(fields, Protocol::kOperationNameField) == Protocol::kGetEvents) {
         appendClients(fields, response, reply);
     }
     reply.status = 200;
@@ -573,9 +574,9 @@ void Daemon::Impl::appendClients(const RequestHeaders& fields, std::string& resp
 // its events to come again. An answer written whole but lost after that (the
 // client dies before reading it) is not seen here: that loss stays at most once.
 // Acknowledging is store work, on the pool (past its bound) unless the store
-// never waits; until it is done
-// the client's next getEvents carries the acknowledgement itself
-// (writtenNotAcknowledged), so a quick fetch never gets the events twice.
+// never waits; until it is done the client's next getEvents carries the
+// acknowledgement itself (writtenNotAcknowledged), so a quick fetch never gets
+// the events twice.
 void Daemon::Impl::acknowledgeWhenWritten(HttpReply& reply, const Client& client,
                                           std::uint64_t upTo) {
     reply.onComplete = [this, client, upTo](bool written) {
