@@ -217,7 +217,6 @@ void MemoryStore::post(const std::string& serverId, const std::string& senderId,
 }
 
 void MemoryStore::advance(ServerGroup& group, Client& client, std::uint64_t upTo) {
-    upTo = std::min(upTo, group.nextSequence - 1);
     if (upTo <= client.cursor) {
         return;
     }
@@ -228,7 +227,8 @@ void MemoryStore::advance(ServerGroup& group, Client& client, std::uint64_t upTo
             client.waitingBytes -= event->text->size();
         }
     }
-    // Nothing of others waits past upTo: the rest are its own posts.
+    // Nothing of others waits past upTo: the rest are its own posts. An upTo
+    // past the log has passed every event, so the cursor stops at the log's end.
     client.cursor = client.waitingEvents == 0 ? group.nextSequence - 1 : upTo;
     trim(group);
 }

@@ -283,3 +283,29 @@ TEST(ServerTest, AFetchBeforeTheAcknowledgementGetsNothingTwice) {
     EXPECT_EQ(body(both).substr(std::stoul(both.substr(at + 22))),
               body(exchangeRaw(daemon.port, exchangeText(asClient("getSharedClients", "bob")))));
 }
+
+// What moves a client's cursor: a fetch with Quorvel-Ack moves nothing (what it
+// answered comes again until acknowledged), one without moves it only once its
+// answer is written whole (one whose reader resets the connection comes again).
+TEST(ServerTest, OnlyAnAcknowledgedOrWholeAnswerMovesTheCursor) {
+    InProcessDaemon daemon;
+    registerClients(daemon.port, {"alice", "bob"});
+    const std::string big(8 << 20, 'e');  // past the socket buffers of both ends
+    ASSERT_EQ(statusOf(exchangeRaw(daemon.port, exchangeText(asClient("putEvents", "alice"), big))),
+              200);
+    const auto fetch = [&](const std::string& headers) {
+        return scanEvents(exchangeRaw(daemon.port,
+                                      exchangeText(asClient("getEvents", "bob"), "", headers),
+                                      10000))
+            .size();
+    };
+    EXPECT_EQ(fetch("Quorvel-Ack: 0\r\n"), 1u);
+    EXPECT_EQ(fetch("Quorvel-Ack: 0\r\n"), 1u) << "an answer moves nothing when acked";
+    {
+        RawConnection reader(daemon.port);
+        reader.send(exchangeText(asClient("getEvents", "bob")));
+        ASSERT_FALSE(reader.peek(16, 5000).empty());
+    }  // closed with the answer unread: a reset
+    EXPECT_TRUE(waitUntil([&] { return sample(daemon.port, "quorveld_open_connections") == 1; }));
+    EXPECT_EQ(fetch(""), 1u) << "an answer cut short moved the cursor";
+}
