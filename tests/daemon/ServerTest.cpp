@@ -185,6 +185,7 @@ TEST(ServerTest, TokensGuardEverythingButHealth) {
         {exchangeText(status, "", service), 200},
         {exchangeText(status, "", "Authorization: bEARER s3rvice\r\n"), 200},
         {exchangeText(status, "", "Authorization: Bearer s3rvicee\r\n"), 401},
+        {exchangeText(status, "", "Authorization: Bearer S3RVICE\r\n"), 401},
         {metrics + "\r\n", 401},
         {metrics + service + "\r\n", 200},
         {exchangeText(list, "", admin), 200},

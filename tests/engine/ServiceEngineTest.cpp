@@ -99,6 +99,7 @@ TEST_F(ServiceEngineTest, RefusedRequestsChangeNothing) {
          {{"Service-Name", "x"}, {"Operation-Name", "getStatus"}}},
         {"Unknown \"Operation-Name\" \"getstatus\".", req("getstatus", "", "")},
         {"must not be empty", req("registerClient", "", "c")},
+        {"must not be empty", req("registerClient", "s", "")},
         {"must not hold", req("registerClient", "s", "c\x01")},
         {"must not hold", req("registerClient", "s\xFF", "c")},  // not UTF-8
         {"Client \"z\" is not registered with server \"S\".", req("putEvents", "S", "z"), "x"},
