@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <istream>
-#include <limits>
 #include <mutex>
 #include <streambuf>
 

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <limits>
 #include <map>
 #include <mutex>
 #include <vector>
