@@ -1,6 +1,7 @@
 #include "daemon/HttpServer.h"
 
 #include <openssl/ssl.h>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
@@ -10,7 +11,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "daemon/Log.h"
 #include "daemon/internal/Connection.h"
@@ -37,11 +40,31 @@ std::string describe(const std::string& host, int port) {
 
 }  // namespace
 
+// One io_context per I/O thread, each connection on one of them: a handler a
+// connection posts for itself (a woken wait, a timer) runs on the thread that
+// posted it, with no wake-up of another thread. On this service's hosts such
+// a wake-up costs more than the rest of a round trip. One io_context shared
+// by every thread hands handlers between threads all the time.
 struct HttpServer::Impl {
+    using WorkGuard = asio::executor_work_guard<asio::io_context::executor_type>;
+
     Impl(const ServerOptions& options, HttpHandler& handler)
-        : options(options),
-          core(options.limits, handler, options.log),
-          io(static_cast<int>(std::max(1u, options.threads))) {}
+        : options(options), core(options.limits, handler, options.log), io(makeContexts(options)) {
+        for (auto& context : io) {
+            busy.emplace_back(context->get_executor());
+        }
+    }
+
+    static std::vector<std::unique_ptr<asio::io_context>> makeContexts(
+        const ServerOptions& options) {
+        std::vector<std::unique_ptr<asio::io_context>> made(std::max(1u, options.threads));
+        for (auto& context : made) {
+            context = std::make_unique<asio::io_context>(1);
+        }
+        return made;
+    }
+    // The context of the next connection, in turn.
+    asio::io_context& nextContext() { return *io[accepted++ % io.size()]; }
 
     bool loadTls(std::string& error);
     void accept();
@@ -51,8 +74,12 @@ struct HttpServer::Impl {
     const ServerOptions options;
     ServerCore core;  // outlives the connections the I/O context destroys
     std::unique_ptr<asio::ssl::context> tls;
-    asio::io_context io;
-    tcp::acceptor acceptor{asio::make_strand(io)};
+    const std::vector<std::unique_ptr<asio::io_context>> io;
+    // Keep every context running until stop(), connections or not.
+    std::mutex busyMutex;  // guards busy
+    std::vector<WorkGuard> busy;
+    std::size_t accepted = 0;  // on the acceptor's strand
+    tcp::acceptor acceptor{asio::make_strand(*io.front())};
     asio::steady_timer acceptPause{acceptor.get_executor()};
     int boundPort = -1;
 };
@@ -90,28 +117,29 @@ bool HttpServer::Impl::loadTls(std::string& error) {
 }
 
 void HttpServer::Impl::accept() {
-    acceptor.async_accept(asio::make_strand(io), [this](error_code ec, tcp::socket socket) {
-        if (core.stopping || ec == asio::error::operation_aborted || !acceptor.is_open()) {
-            return;
-        }
-        // Nothing thrown may leave the handler: it would end io_context::run.
-        try {
-            if (ec) {  // out of descriptors or memory: the pending connection waits
-                acceptLater();
+    acceptor.async_accept(
+        asio::make_strand(nextContext()), [this](error_code ec, tcp::socket socket) {
+            if (core.stopping || ec == asio::error::operation_aborted || !acceptor.is_open()) {
                 return;
             }
-            if (core.openConnections() >= options.limits.maxConnections) {
-                error_code ignored;
-                socket.close(ignored);  // past the cap: the client sees its connection closed
-            } else {
-                startConnection(core, std::move(socket), tls.get());
+            // Nothing thrown may leave the handler: it would end io_context::run.
+            try {
+                if (ec) {  // out of descriptors or memory: the pending connection waits
+                    acceptLater();
+                    return;
+                }
+                if (core.openConnections() >= options.limits.maxConnections) {
+                    error_code ignored;
+                    socket.close(ignored);  // past the cap: the client sees its connection closed
+                } else {
+                    startConnection(core, std::move(socket), tls.get());
+                }
+                accept();
+            } catch (const std::exception& e) {
+                core.note(LogLevel::Error, std::string("cannot accept a connection: ") + e.what());
+                acceptLater();
             }
-            accept();
-        } catch (const std::exception& e) {
-            core.note(LogLevel::Error, std::string("cannot accept a connection: ") + e.what());
-            acceptLater();
-        }
-    });
+        });
 }
 
 void HttpServer::Impl::acceptLater() noexcept {
@@ -142,7 +170,7 @@ bool HttpServer::bind(const std::string& host, int port, std::string& error) {
     }
     const std::string where = describe(host, port);
     error_code ec;
-    tcp::resolver resolver(impl->io);
+    tcp::resolver resolver(*impl->io.front());
     const auto endpoints = resolver.resolve(
         host, std::to_string(port), tcp::resolver::passive | tcp::resolver::numeric_service, ec);
     if (ec || endpoints.empty()) {
@@ -186,10 +214,10 @@ bool HttpServer::run() {
     }
     impl->accept();
     std::vector<std::thread> more;
-    for (unsigned i = 1; i < impl->options.threads; ++i) {
-        more.emplace_back([this] { impl->io.run(); });
+    for (std::size_t i = 1; i < impl->io.size(); ++i) {
+        more.emplace_back([this, i] { impl->io[i]->run(); });
     }
-    impl->io.run();
+    impl->io.front()->run();
     for (std::thread& thread : more) {
         thread.join();
     }
@@ -204,6 +232,8 @@ void HttpServer::stop() {
         impl->acceptPause.cancel();
     });
     impl->core.stopAll();
+    std::lock_guard<std::mutex> lock(impl->busyMutex);
+    impl->busy.clear();  // each context's run() returns once its connections have closed
 }
 
 std::size_t HttpServer::openConnections() const {
