@@ -125,14 +125,19 @@ void MemoryStore::clients(const std::string& serverId, ClientList& clients) {
 // Forgets the ids past their age, then tells whether postId is among the rest.
 bool MemoryStore::remembered(Client& sender, const std::string& postId, std::int64_t now) {
     while (!sender.posts.empty() && sender.posts.front().postedMs < now - kRememberedPostAgeMs) {
-        sender.posts.pop_front();
+        forgetOldestPost(sender);
     }
-    for (const RememberedPost& post : sender.posts) {
-        if (post.id == postId) {
-            return true;
-        }
-    }
-    return false;
+    return sender.postIds.count(postId) != 0;
+}
+
+void MemoryStore::forgetOldestPost(Client& sender) {
+    sender.postIds.erase(sender.postIds.find(*sender.posts.front().id));
+    sender.posts.pop_front();
+}
+
+void MemoryStore::forgetNewestPost(Client& sender) {
+    sender.postIds.erase(sender.postIds.find(*sender.posts.back().id));
+    sender.posts.pop_back();
 }
 
 // Throws the Limit a post of `size` bytes would pass, if any.
@@ -180,7 +185,13 @@ void MemoryStore::post(const std::string& serverId, const std::string& senderId,
         checkLimits(group, serverId, senderId, text.size());
         const std::uint64_t sequence = group.nextSequence;
         if (!postId.empty()) {
-            sender->posts.push_back(RememberedPost{postId, now});
+            const auto id = sender->postIds.insert(postId).first;
+            try {
+                sender->posts.push_back(RememberedPost{&*id, now});
+            } catch (...) {
+                sender->postIds.erase(id);
+                throw;
+            }
         }
         if (othersListen) {
             try {
@@ -191,14 +202,14 @@ void MemoryStore::post(const std::string& serverId, const std::string& senderId,
                 group.log.push_back(std::move(event));
             } catch (...) {
                 if (!postId.empty()) {
-                    sender->posts.pop_back();
+                    forgetNewestPost(*sender);
                 }
                 throw;
             }
         }
         // Nothing below allocates.
         if (sender->posts.size() > kRememberedPosts) {
-            sender->posts.pop_front();
+            forgetOldestPost(*sender);
         }
         ++group.nextSequence;
         if (othersListen) {

@@ -10,6 +10,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <unordered_set>
 
 #include "engine/Store.h"
 
@@ -44,7 +45,7 @@ public:
 
 private:
     struct RememberedPost {
-        std::string id;
+        const std::string* id;  // an element of Client::postIds
         std::int64_t postedMs;
     };
     struct Client {
@@ -54,6 +55,9 @@ private:
         std::size_t waitingEvents = 0, waitingBytes = 0;
         std::int64_t registeredMs = 0, lastFetchMs = 0;
         std::deque<RememberedPost> posts;  // oldest first
+        // The same ids, so that a post looks itself up in constant time
+        // rather than against up to kRememberedPosts ids under the lock.
+        std::unordered_set<std::string> postIds;
     };
     struct ServerGroup {
         std::vector<Client> clients;  // registration order
@@ -64,6 +68,9 @@ private:
 
     Client* findClient(const std::string& serverId, const std::string& clientId);
     static bool remembered(Client& sender, const std::string& postId, std::int64_t now);
+    // Forgets the sender's oldest remembered post, or its newest; allocates nothing.
+    static void forgetOldestPost(Client& sender);
+    static void forgetNewestPost(Client& sender);
     void checkLimits(const ServerGroup& group, const std::string& serverId,
                      const std::string& senderId, std::size_t size) const;
     // Moves client's cursor to upTo (never back, never past the log) and trims
