@@ -190,7 +190,6 @@ struct Daemon::Impl : HttpHandler {
     using Client = std::pair<std::string, std::string>;  // (server, client)
     void exchange(const HttpRequest& request, HttpReply& reply, WaitAsk& ask);
     void acknowledgeWhenWritten(HttpReply& reply, const Client& client, std::uint64_t upTo);
-    void appendClients(const RequestHeaders& fields, std::string& response, HttpReply& reply);
     std::optional<std::uint64_t> writtenNotAcknowledged(const Client& client);
     void scrape(HttpReply& reply);
     void sweepIdleClients();
@@ -517,8 +516,13 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAs
     const Client client{fieldOf(fields, Protocol::kServerIdField),
                         fieldOf(fields, Protocol::kClientIdField)};
     Engine::ExchangeOptions options = carriage;
-    if (!carriage.ack && fieldOf(fields, Protocol::kOperationNameField) == Protocol::kGetEvents) {
-        options.ack = writtenNotAcknowledged(client);
+    if (fieldOf(fields, Protocol::kOperationNameField) == Protocol::kGetEvents) {
+        if (!carriage.ack) {
+            options.ack = writtenNotAcknowledged(client);
+        }
+        // The carrier answers the client library's next getSharedClients from
+        // what follows the events: one round trip instead of two.
+        options.clientsToo = request.find(Protocol::kClientsTooHeader) != request.end();
     }
     if (fields.count(Protocol::kWaitMillisecondsField) != 0) {
         ask.mark = waiters.mark(client.first);
@@ -531,9 +535,9 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAs
         return;
     }
     const bool waits = result.lastSequence == 0 && !ackOnly && result.wait.count() > 0;
-    if (!ackOnly && !waits && request.find(Protocol::kClientsTooHeader) != request.end() &&
-        fieldOf(fields, Protocol::kOperationNameField) == Protocol::kGetEvents) {
-        appendClients(fields, response, reply);
+    if (result.clients) {
+        reply.headers.emplace_back(Protocol::kEventsBytesHeader, std::to_string(response.size()));
+        response += *result.clients;
     }
     reply.status = 200;
     reply.contentType = "application/octet-stream";
@@ -549,24 +553,6 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAs
     if (!carriage.ack) {
         acknowledgeWhenWritten(reply, client, result.lastSequence);
     }  // else the client acknowledges what it read with its next request
-}
-
-// A getEvents whose carrier asked for the shared clients too gets them after
-// its events, as the getSharedClients the client library sends next would get
-// them: one round trip instead of two. When that part fails, the events go
-// alone, and the client asks for its shared clients itself.
-void Daemon::Impl::appendClients(const RequestHeaders& fields, std::string& response,
-                                 HttpReply& reply) {
-    RequestHeaders asked = fields;
-    asked.erase(Protocol::kWaitMillisecondsField);
-    asked[Protocol::kOperationNameField] = Protocol::kGetSharedClients;
-    std::string clients;
-    Failure failure;
-    Engine::ExchangeResult unused;
-    if (engine.exchange(asked, "", Engine::ExchangeOptions(), clients, failure, unused)) {
-        reply.headers.emplace_back(Protocol::kEventsBytesHeader, std::to_string(response.size()));
-        response += clients;
-    }
 }
 
 // Without an ack (an older client, a raw call), a getEvents answer moves the

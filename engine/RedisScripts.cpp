@@ -247,7 +247,8 @@ end
 return {0, clients}
 )lua",
     // Read: acknowledges first when asked, then the log past the cursor, oldest
-    // first, the client's own posts left out.
+    // first, the client's own posts left out; the server's clients after them
+    // when asked (ARGV[5]).
     R"lua(
 local client = ARGV[2]
 if not redis.call('ZSCORE', K.clients, client) then
@@ -275,6 +276,9 @@ if waitingOf(client) > 0 then
     end
 end
 redis.call('HSET', K.server, 'f:' .. client, ARGV[3])
+if ARGV[5] == '1' then
+    return {0, events, redis.call('ZRANGE', K.clients, 0, -1)}
+end
 return {0, events}
 )lua",
     // Acknowledge: an unknown client is no error.

@@ -386,12 +386,26 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
 void RedisStore::read(const std::string& serverId, const std::string& clientId,
                       const std::optional<std::uint64_t>& ackUpTo,
                       std::vector<StoredEvent>& events) {
+    readEvents(serverId, clientId, ackUpTo, events, nullptr);
+}
+
+void RedisStore::readWithClients(const std::string& serverId, const std::string& clientId,
+                                 const std::optional<std::uint64_t>& ackUpTo,
+                                 std::vector<StoredEvent>& events, ClientList& clients) {
+    readEvents(serverId, clientId, ackUpTo, events, &clients);
+}
+
+void RedisStore::readEvents(const std::string& serverId, const std::string& clientId,
+                            const std::optional<std::uint64_t>& ackUpTo,
+                            std::vector<StoredEvent>& events, ClientList* clients) {
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
         const std::string now = std::to_string(epochMilliseconds());
         const std::string ack = ackUpTo ? std::to_string(*ackUpTo) : std::string();
+        static const std::string kClientsToo = "1", kEventsOnly;
         RedisReply reply =
-            runScript(*scripts, *pool, RedisScripts::Read, keys, {&clientId, &now, &ack});
+            runScript(*scripts, *pool, RedisScripts::Read, keys,
+                      {&clientId, &now, &ack, clients != nullptr ? &kClientsToo : &kEventsOnly});
         ReplyReader reader(*pool, *reply);
         if (reader.status() == RedisStatus::NotRegistered) {
             throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
@@ -404,6 +418,9 @@ void RedisStore::read(const std::string& serverId, const std::string& clientId,
                 !decodeEvent(element.str, element.len, found[i])) {
                 pool->fail("holds an event this service did not write", describeReply(element));
             }
+        }
+        if (clients != nullptr) {
+            reader.texts(2, *clients);
         }
         events.swap(found);
     });

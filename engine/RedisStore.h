@@ -67,6 +67,9 @@ public:
     void clients(const std::string& serverId, ClientList& clients) override;
     void post(const std::string& serverId, const std::string& senderId, const std::string& text,
               const std::string& postId, ClientList& clients) override;
+    void readWithClients(const std::string& serverId, const std::string& clientId,
+                         const std::optional<std::uint64_t>& ackUpTo,
+                         std::vector<StoredEvent>& events, ClientList& clients) override;
     void read(const std::string& serverId, const std::string& clientId,
               const std::optional<std::uint64_t>& ackUpTo,
               std::vector<StoredEvent>& events) override;
@@ -83,6 +86,10 @@ public:
 
 private:
     std::vector<std::string> serverTags();
+    // read(); with clients given, the server's clients too, in the same script.
+    void readEvents(const std::string& serverId, const std::string& clientId,
+                    const std::optional<std::uint64_t>& ackUpTo, std::vector<StoredEvent>& events,
+                    ClientList* clients);
 
     const RedisAddress address;
     const std::unique_ptr<RedisConnectionPool> pool;

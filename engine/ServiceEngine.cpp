@@ -222,9 +222,8 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
         return putEvents(serverId, clientId, body, options.postId);
     }
     if (operation == Protocol::kGetEvents) {
-        std::string answer = getEvents(serverId, clientId, options.ack, ackAnswer, result);
         result.wait = wait;
-        return answer;
+        return getEvents(serverId, clientId, options, ackAnswer, result);
     }
     return getSharedClients(serverId);
 }
@@ -273,10 +272,15 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
 }
 
 std::string ServiceEngine::getEvents(const std::string& serverId, const std::string& clientId,
-                                     const std::optional<std::uint64_t>& ack, bool ackAnswer,
+                                     const ExchangeOptions& options, bool ackAnswer,
                                      ExchangeResult& result) {
     std::vector<StoredEvent> events;
-    store->read(serverId, clientId, ack, events);
+    ClientList clients;
+    if (options.clientsToo) {
+        store->readWithClients(serverId, clientId, options.ack, events, clients);
+    } else {
+        store->read(serverId, clientId, options.ack, events);
+    }
     EventsDocument document;
     for (const StoredEvent& event : events) {
         document.add(event.sender, event.sequence, *event.text);
@@ -286,6 +290,9 @@ std::string ServiceEngine::getEvents(const std::string& serverId, const std::str
     if (ackAnswer && result.lastSequence != 0) {
         // Should this fail, nothing is answered and the events come again.
         store->acknowledge(serverId, clientId, result.lastSequence);
+    }
+    if (options.clientsToo && !(events.empty() && result.wait.count() > 0)) {
+        result.clients = sharedClientDocument(clients);
     }
     return answer;
 }

@@ -69,6 +69,9 @@ struct ExchangeOptions {
     // putEvents: the exchange's unique id, the same when it is sent again
     // (empty: none); see kRememberedPosts.
     std::string postId;
+    // getEvents: the getSharedClients answer too, read with the events
+    // (ExchangeResult::clients), for a carrier that answers both at once.
+    bool clientsToo = false;
 };
 
 // Filled by a getEvents exchange that succeeds.
@@ -77,6 +80,9 @@ struct ExchangeResult {
     // The wait the request asked for (Wait-Milliseconds, 0: none). exchange()
     // never waits: a carrier that answered no events does the waiting.
     std::chrono::milliseconds wait{0};
+    // With ExchangeOptions::clientsToo, unless the exchange is to wait (no
+    // events, a wait asked for): the getSharedClients answer.
+    std::optional<std::string> clients;
 };
 
 class ServiceEngine {
@@ -133,8 +139,7 @@ private:
     std::string putEvents(const std::string& serverId, const std::string& clientId,
                           const std::string& body, const std::string& postId);
     std::string getEvents(const std::string& serverId, const std::string& clientId,
-                          const std::optional<std::uint64_t>& ack, bool ackAnswer,
-                          ExchangeResult& result);
+                          const ExchangeOptions& options, bool ackAnswer, ExchangeResult& result);
     std::string getSharedClients(const std::string& serverId);
     std::string administer(const std::string& operation, const RequestHeaders& headers);
     // Wakes the waiters of handle() and tells the listener; never throws.

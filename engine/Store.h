@@ -119,6 +119,14 @@ public:
     virtual void read(const std::string& serverId, const std::string& clientId,
                       const std::optional<std::uint64_t>& ackUpTo,
                       std::vector<StoredEvent>& events) = 0;
+    // read(), then the server's clients as clients() would give them: a store
+    // that can answers both in one step (Redis: one round trip instead of two).
+    virtual void readWithClients(const std::string& serverId, const std::string& clientId,
+                                 const std::optional<std::uint64_t>& ackUpTo,
+                                 std::vector<StoredEvent>& events, ClientList& clients) {
+        read(serverId, clientId, ackUpTo, events);
+        this->clients(serverId, clients);
+    }
     // Moves the cursor forward to upTo (never backward; clamped to the log's
     // last sequence) and trims the log below the lowest cursor. An unknown
     // client is no error.

@@ -86,7 +86,8 @@ protected:
     // One step of a scenario on server "S": "a=" (a registers), "a-" (a
     // unregisters), "a+text" or "a+text#id" (a posts), "a!N" (a acknowledges N),
     // "a?" or "a?N" (a reads, after acknowledging N), "a^" (a reads and
-    // acknowledges what it read), "$" (the stats as clients/events/bytes). After
+    // acknowledges what it read), "a*" (a reads with the clients: "EVENTS /
+    // CLIENTS"), "$" (the stats as clients/events/bytes). After
     // a space, what it must give: the clients, events or stats, each after a
     // space, or "!L part" / "!R part" for a Limit / Refused failure holding part.
     // Reads and stats are always checked, the others when the step says.
@@ -113,6 +114,10 @@ protected:
                     break;
                 case '$':
                     got = stats();
+                    break;
+                case '*':
+                    got = joined(readLines(*store, "S", client, std::nullopt, false, &after));
+                    got += " /" + joined(after);
                     break;
                 case '+': {
                     const std::size_t hash = rest.find('#');
@@ -163,8 +168,8 @@ TEST_P(StoreConformance, Scenarios) {
           "c^ a|1|one b|2|two a|3|", "c^", "$ 3/0/0"}},
         {"unregistering drops the events; the sequence goes on until the last client goes",
          {},
-         {"a+one", "a+two", "b- a", "b= a b", "b?", "a+three", "b? a|3|three", "a-", "b-",
-          "$ 0/0/0", "a=", "b=", "b+again", "a? b|1|again"}},
+         {"a+one", "a+two", "b- a", "b= a b", "b?", "a+three", "b* a|3|three / a b", "b? a|3|three",
+          "a-", "b-", "$ 0/0/0", "a=", "b=", "b+again", "a? b|1|again"}},
         {"an unregistered caller is refused, and its post takes no number",
          {},
          {"x+t !R \"x\" is not registered with server \"S\"", "x?1 !R is not registered", "b?",

@@ -21,12 +21,16 @@ inline Lines registerAll(Arvant::Net::AvQuorvel::Engine::Store& store, const std
 }
 
 // The client's events, read after acknowledging ack when given; with take,
-// what was read is acknowledged.
+// what was read is acknowledged; with clients, they are read with the events.
 inline Lines readLines(Arvant::Net::AvQuorvel::Engine::Store& store, const std::string& server,
                        const std::string& client, std::optional<std::uint64_t> ack = std::nullopt,
-                       bool take = false) {
+                       bool take = false, Lines* clients = nullptr) {
     std::vector<Arvant::Net::AvQuorvel::Engine::StoredEvent> events;
-    store.read(server, client, ack, events);
+    if (clients != nullptr) {
+        store.readWithClients(server, client, ack, events, *clients);
+    } else {
+        store.read(server, client, ack, events);
+    }
     if (take && !events.empty()) {
         store.acknowledge(server, client, events.back().sequence);
     }
