@@ -236,6 +236,18 @@ struct Daemon::Impl::Call : Waiters::Waiter, std::enable_shared_from_this<Call> 
 
     // A post or stop(): the timer goes (on the strand) and the store is looked at again.
     void woken() override {
+        if (impl.storeOnIoThreads) {
+            try {  // both in one handler: a woken waiter costs its thread one dispatch
+                boost::asio::post(pending->executor(), [self = shared_from_this()] {
+                    boost::system::error_code ignored;
+                    self->timer.cancel(ignored);
+                    self->impl.look(self);
+                });
+            } catch (...) {
+                impl.lookLater(shared_from_this());  // answers 500 when it cannot post either
+            }
+            return;
+        }
         try {
             boost::asio::post(pending->executor(), [self = shared_from_this()] {
                 boost::system::error_code ignored;

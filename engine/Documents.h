@@ -39,6 +39,9 @@ private:
 class EventsDocument {
 public:
     EventsDocument();
+    // Makes room for bytes more in one step: a large answer then grows by no
+    // copy of itself, each of which would also touch fresh pages.
+    void reserve(std::size_t bytes) { text.reserve(text.size() + bytes); }
     void add(const std::string& sender, std::uint64_t sequence, const std::string& event);
     std::string finish();
 

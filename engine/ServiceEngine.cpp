@@ -122,6 +122,9 @@ std::chrono::milliseconds requestedWait(const RequestHeaders& headers, bool getE
     return std::chrono::milliseconds(value);
 }
 
+// About what an answer's markup adds around one event or one shared client.
+constexpr std::size_t kEventMarkupBytes = 64;
+
 std::string sharedClientDocument(const ClientList& clients) {
     SharedClientsDocument document;
     for (const std::string& client : clients) {
@@ -282,6 +285,16 @@ std::string ServiceEngine::getEvents(const std::string& serverId, const std::str
         store->read(serverId, clientId, options.ack, events);
     }
     EventsDocument document;
+    // Room for the events unescaped with their markup, and for the shared
+    // clients the carrier appends to the answer.
+    std::size_t room = 64;
+    for (const StoredEvent& event : events) {
+        room += event.text->size() + event.sender.size() + kEventMarkupBytes;
+    }
+    for (const std::string& client : clients) {
+        room += client.size() + kEventMarkupBytes;
+    }
+    document.reserve(room);
     for (const StoredEvent& event : events) {
         document.add(event.sender, event.sequence, *event.text);
     }
