@@ -4,8 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
 #include <sstream>
+#include <thread>
 
 #include "daemon/DaemonProcess.h"
 #include "daemon/Delivery.h"
@@ -213,7 +215,8 @@ TEST(ServerTest, TokensGuardEverythingButHealth) {
 }
 
 // A client trusting the daemon's certificate (made with the openssl tool) is
-// served over HTTPS, one that does not is refused. Plain HTTP gets no answer; a
+// served over HTTPS, one that does not is refused; a fetch waits over HTTPS
+// until a post (made until it returns) releases it. Plain HTTP gets no answer; a
 // client that never begins its handshake is closed after the handshake
 // time-out; both are logged with the peer.
 TEST(ServerTest, TlsServesClientsThatTrustTheCertificate) {
@@ -231,8 +234,21 @@ TEST(ServerTest, TlsServesClientsThatTrustTheCertificate) {
         o.tlsHandshakeTimeoutMs = 300;
     }));
     const std::string url = "QUORVEL_URL=https://127.0.0.1:" + std::to_string(daemon.port);
-    const Result served = quorvel({"register", "s", "k"}, {url, "SSL_CERT_FILE=" + cert});
+    const Strings trusted{url, "SSL_CERT_FILE=" + cert};
+    const Result served = quorvel({"register", "s", "k"}, trusted);
     EXPECT_EQ(served.code, 0) << served.err;
+    std::atomic<bool> fetched{false};
+    std::thread poster([&] {
+        for (int i = 0; i < 100 && !fetched; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            quorvel({"put", "--server", "w", "--client", "p", "over TLS"}, trusted);
+        }
+    });
+    const Result waited =
+        quorvel({"get", "--server", "w", "--client", "k", "--wait", "30000"}, trusted);
+    fetched = true;
+    poster.join();
+    EXPECT_THAT(waited.out, HasSubstr("over TLS")) << waited.err;
     const Result refused = quorvel({"register", "s", "k"}, {url});
     EXPECT_EQ(refused.code, 1);
     EXPECT_THAT(refused.err, ContainsRegex("AvQVLConnectionException.*certificate"));
