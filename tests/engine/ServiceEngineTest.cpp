@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "engine/Documents.h"
+#include "protocol/XmlEscape.h"
+
 #include <chrono>
 #include <future>
 #include <string>
@@ -83,6 +86,23 @@ TEST_F(ServiceEngineTest, ClientsAndEventsAreListedInOrderAndEscaped) {
     EXPECT_EQ(ok("getEvents", "S", "c"), events({first, "b|2|two"}));
     EXPECT_EQ(ok("getEvents", "S", "a\"<b>"), events({"b|2|two"}));
     EXPECT_EQ(ok("unregisterClient", "S", "b"), shared({"a&quot;&lt;b&gt;", "c"}));
+}
+
+// Each character with a reference is escaped wherever it stands, on either
+// side of the sixteen-byte steps the escaping scans in, and next to another.
+TEST(DocumentsTest, EveryReferenceIsWrittenAtEveryPosition) {
+    for (const auto& reference : Arvant::Net::AvQuorvel::Protocol::kXmlReferences) {
+        const std::string escaped = std::string("&") + reference.name;
+        for (std::size_t at = 0; at < 40; ++at) {
+            std::string text(40, 'x');
+            text[at] = text[39] = reference.character;
+            std::string out = "<";
+            appendEscaped(out, text);
+            EXPECT_EQ(out, "<" + text.substr(0, at) + escaped +
+                               (at < 39 ? text.substr(at + 1, 38 - at) + escaped : ""))
+                << reference.name << " at " << at;
+        }
+    }
 }
 
 // Malformed requests, identifiers and events an XML document cannot carry, and
