@@ -406,15 +406,25 @@ TEST(HttpBackendTest, FetchesCarryTheirAckAndRetriedPostsTheirId) {
 // when it exits: only what that process read, so the child leaves its parent's alone.
 TEST(HttpBackendTest, ThreadsAndForkedChildrenUseTheirOwnConnectionsAndAcknowledgeWhatTheyRead) {
     std::atomic<int> acknowledged{0};  // acknowledgements alone, of sequence 5
-    FakeServer server(answering([&acknowledged](const Request& request) {
+    std::mutex posting;
+    std::map<std::string, std::string> postIdOf;  // by the post's body
+    FakeServer server(answering([&](const Request& request) {
         acknowledged +=
             request[Protocol::kAckOnlyHeader] == "1" && request[Protocol::kAckHeader] == "5";
+        std::lock_guard<std::mutex> lock(posting);
+        postIdOf[request.body()] = std::string(request[Protocol::kPostIdHeader]);
         return answer(request.body(), 200, "5");  // echoes, so answers cannot cross
     }));
     auto backend = backendFor(server.url());
     const auto fetch = [&backend](const std::string& client) {
         return ::exchange(*backend, client, fieldsFor("getEvents", client)).text == client;
     };
+    // The parent posts before and after the fork and the child between: never
+    // with the same id.
+    const auto post = [&backend](const std::string& body) {
+        ::exchange(*backend, body, fieldsFor("putEvents", "poster"));
+    };
+    post("parent's first");
     EXPECT_TRUE(fetch("parent"));
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
@@ -429,13 +439,17 @@ TEST(HttpBackendTest, ThreadsAndForkedChildrenUseTheirOwnConnectionsAndAcknowled
         thread.join();
     }
     EXPECT_EQ(wrong, 0);
-    Harness::Child child([&fetch] {
+    Harness::Child child([&fetch, &post] {
         fetch("child");
+        post("child's");
         std::exit(0);  // the exit of a process that ends normally, static destructors and all
         return 0;
     });
     EXPECT_EQ(child.wait(10000), 0) << child.err();
     EXPECT_TRUE(fetch("parent"));
+    post("parent's next");
+    EXPECT_NE(postIdOf["child's"], postIdOf["parent's next"]);
+    EXPECT_EQ(postIdOf["child's"].size(), Wire::kPostIdDigits);
     EXPECT_EQ(server.connections, 6);  // the parent's, the threads', the child's, its exit
     EXPECT_EQ(acknowledged, 1);        // the child's own read; the parent's stay the parent's
 }
