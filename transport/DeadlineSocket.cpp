@@ -17,9 +17,10 @@ using boost::system::error_code;
 namespace {
 
 // How far past the deadline a receive time-out already in place may reach
-// before it is set again: about what the kernel's own rounding of it to a
-// timer tick adds. Exchanges that follow each other with the same time-out
-// then find it in place and cost no system call for it.
+// before it is set again. The kernel counts the time-out in timer ticks (4 ms
+// at 250 Hz), so a read may end up to a tick after the deadline in any case;
+// the slack adds at most this to it, and lets exchanges that follow each other
+// with the same time-out find it in place, with no system call for it.
 constexpr std::chrono::microseconds kDeadlineSlack(1000);
 
 error_code lastSystemError() {

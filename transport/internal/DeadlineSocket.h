@@ -5,7 +5,8 @@
 //
 // Once connected the socket blocks, and a read waits in the receive itself, for
 // the receive time-out the socket carries, which follows the deadline: past it
-// the error is timed_out. A write is tried without waiting and waits in poll()
+// the error is timed_out (learnt up to a timer tick late, as the kernel counts
+// the time-out in ticks). A write is tried without waiting and waits in poll()
 // only when the send buffer is full. Reads and writes call the system directly,
 // since Asio's blocking ones would wait again, without limit, after a time-out.
 // Synchronous and single-threaded: one object belongs to one thread at a time.
