@@ -5,6 +5,7 @@
 #include <xercesc/util/PlatformUtils.hpp>
 #include <xercesc/util/XMLUni.hpp>
 
+#include <atomic>
 #include <cstdint>
 #include <istream>
 #include <mutex>
@@ -17,6 +18,7 @@
 #include "schemas/SharedClientIDs.h"
 #include "util/SAXToNodeParser.h"
 #include "util/XMLNode.h"
+#include "util/internal/ReadingSettings.h"
 
 namespace Arvant {
 namespace Net {
@@ -44,11 +46,14 @@ const std::string kGetClientsText = "AvQVL getClients Operation";
 // threads. A failed start leaves the count as it was.
 std::mutex xmlLibraryLock;
 int liveConnections = 0;  // guarded by xmlLibraryLock
+// Each start may pick another local code page, which a parse converts text to.
+std::atomic<unsigned long> xmlLibraryStarts{0};
 
 void acquireXmlLibrary() {
     std::lock_guard<std::mutex> hold(xmlLibraryLock);
     if (liveConnections == 0) {
         xercesc::XMLPlatformUtils::Initialize(xercesc::XMLUni::fgXercescDefaultLocale);
+        ++xmlLibraryStarts;
     }
     ++liveConnections;
 }
@@ -80,12 +85,44 @@ std::string sendWithBody(AvQVLRequest& request, const std::string& body) {
     return request.send();
 }
 
+// The shared-client answer that every put and fetch brings is nearly always
+// the same bytes as the last one, and reading it builds a reader and a tree.
+// So each thread keeps its last answer read whole and the identifiers read from
+// it, and an answer byte for byte the same takes them again. The reading is
+// decided by the bytes, the sub-character setting and the code page the XML
+// library took when it started (a connection keeps it started), so a change of
+// either starts afresh. An answer that fails to read is never kept; nor is one
+// over kMaxKeptClientsAnswerBytes, whose reading costs more than its
+// comparison saves next to the memory a copy would hold.
+constexpr std::size_t kMaxKeptClientsAnswerBytes = 64 * 1024;
+
+struct KeptClients {
+    std::string answer;
+    std::vector<std::string> ids;
+    unsigned long libraryStart = 0;
+    unsigned long settingChanges = 0;
+    bool valid = false;
+};
+
 // Appends the identifiers of a shared-client document to `sharedClients`,
 // which is touched only once the whole document has been read. The tree of a
 // large document takes several times its size, so nothing that is no longer
 // needed lives beside it: the text goes once the tree is built, and the tree
 // before the identifiers are copied out.
 void appendSharedClients(std::string response, std::vector<std::string>& sharedClients) {
+    thread_local KeptClients kept;
+    const unsigned long libraryStart = xmlLibraryStarts.load();
+    const unsigned long settingChanges = Util::subCharSettingChanges();
+    if (kept.valid && kept.answer == response && kept.libraryStart == libraryStart &&
+        kept.settingChanges == settingChanges) {
+        sharedClients.insert(sharedClients.end(), kept.ids.begin(), kept.ids.end());
+        return;
+    }
+    kept.valid = false;
+    const bool keep = response.size() <= kMaxKeptClientsAnswerBytes;
+    if (keep) {
+        kept.answer = response;  // into the buffer of the last one
+    }
     SharedClientIDs list;
     {
         SAXToNodeParser parser;
@@ -93,7 +130,14 @@ void appendSharedClients(std::string response, std::vector<std::string>& sharedC
         std::string().swap(response);
         list.parse(*root);
     }
+    const std::size_t before = sharedClients.size();
     list.getSharedClients(sharedClients);
+    if (keep) {
+        kept.ids.assign(sharedClients.begin() + before, sharedClients.end());
+        kept.libraryStart = libraryStart;
+        kept.settingChanges = settingChanges;
+        kept.valid = true;
+    }
 }
 
 }  // namespace

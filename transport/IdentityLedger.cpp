@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <system_error>
 
 #include "wire/HttpWire.h"
@@ -17,23 +18,45 @@ namespace Transport {
 
 namespace {
 
-// 128 random bits from the system's source, so two processes (or two hosts)
-// never draw the same id; no generator state to share or to reseed after a fork.
-// One getrandom() call: a std::random_device made per post probed the processor
-// (cpuid, a trap to the hypervisor in a virtual machine) each time, a quarter
-// of a small post's CPU time in the client.
+// Random bits from the system's source, so two processes (or two hosts) never
+// draw the same id. They are drawn kPoolBytes at a time, one system call for
+// many posts, into a pool each thread keeps. A child must never use bits its
+// parent drew (both would post with the same ids): the fork handler empties
+// the forking thread's pool in the child, where it is the only thread. (A
+// std::random_device made per post probed the processor each time, a quarter
+// of a small post's CPU time in the client.)
+constexpr std::size_t kPoolBytes = 256;  // what getrandom() gives whole, uninterrupted
+
+struct RandomPool {
+    unsigned char bits[kPoolBytes];
+    std::size_t used = kPoolBytes;
+};
+
+thread_local RandomPool randomPool;
+
+void takeRandomBits(unsigned char* out, std::size_t count) {
+    RandomPool& pool = randomPool;
+    if (kPoolBytes - pool.used < count) {
+        std::size_t filled = 0;
+        while (filled < kPoolBytes) {
+            const ssize_t got = ::getrandom(pool.bits + filled, kPoolBytes - filled, 0);
+            if (got > 0) {
+                filled += static_cast<std::size_t>(got);
+            } else if (errno != EINTR) {
+                throw std::system_error(errno, std::system_category(), "getrandom");
+            }
+        }
+        pool.used = 0;
+    }
+    std::memcpy(out, pool.bits + pool.used, count);
+    pool.used += count;
+}
+
 std::string randomPostId() {
     static const char digits[] = "0123456789abcdef";
     unsigned char bits[Wire::kPostIdDigits / 2];
-    std::size_t filled = 0;
-    while (filled < sizeof bits) {
-        const ssize_t got = ::getrandom(bits + filled, sizeof bits - filled, 0);
-        if (got > 0) {
-            filled += static_cast<std::size_t>(got);
-        } else if (errno != EINTR) {
-            throw std::system_error(errno, std::system_category(), "getrandom");
-        }
-    }
+    static_assert(kPoolBytes % sizeof bits == 0, "the pool serves whole ids");
+    takeRandomBits(bits, sizeof bits);
     std::string id(Wire::kPostIdDigits, '0');
     for (std::size_t i = 0; i < sizeof bits; ++i) {
         id[2 * i] = digits[bits[i] >> 4];
@@ -51,9 +74,17 @@ IdentityLedger& IdentityLedger::instance() {
 
 // A fork while another thread holds the mutex would leave the child's copy
 // locked for ever: the fork waits for the mutex and both sides release it.
-IdentityLedger::IdentityLedger() {
+// The process id is kept, as the C library no longer does; the child learns
+// its own here, and empties its pool of random bits. (A child made by a raw
+// clone() or a vfork() that does not exec runs no fork handler; such a child
+// must not post or fetch.)
+IdentityLedger::IdentityLedger() : self(static_cast<long>(::getpid())) {
     pthread_atfork([] { instance().mutex.lock(); }, [] { instance().mutex.unlock(); },
-                   [] { instance().mutex.unlock(); });
+                   [] {
+                       instance().self = static_cast<long>(::getpid());
+                       randomPool.used = kPoolBytes;
+                       instance().mutex.unlock();
+                   });
 }
 
 std::uint64_t IdentityLedger::ackToSend(const Identity& identity) {
@@ -73,7 +104,7 @@ void IdentityLedger::fetched(const Identity& identity, std::uint64_t sent,
             entry.fetchOpen = true;
         }
         entry.read = lastSequence;
-        entry.reader = static_cast<long>(::getpid());
+        entry.reader = self;
     }
 }
 
@@ -98,7 +129,6 @@ void IdentityLedger::acknowledged(const Identity& identity, std::uint64_t upTo) 
 
 void IdentityLedger::takeOpen(std::vector<OpenAck>& open) {
     std::lock_guard<std::mutex> lock(mutex);
-    const long self = static_cast<long>(::getpid());
     for (const auto& item : entries) {
         if (item.second.read > item.second.confirmed && item.second.reader == self) {
             open.push_back({item.first, item.second.read});

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "util/internal/ReaderMemory.h"
+#include "util/internal/ReadingSettings.h"
 
 namespace Arvant {
 namespace Net {
@@ -46,7 +47,13 @@ xercesc::SecurityManager& entityExpansionGuard() {
     }();
     return *guard;
 }
+
+std::atomic<unsigned long> settingChanges{0};
 }  // namespace
+
+unsigned long subCharSettingChanges() {
+    return settingChanges.load();
+}
 
 std::atomic<bool> SAXToNodeParser::replaceSubChars{false};
 
@@ -67,6 +74,7 @@ SAXToNodeParser::~SAXToNodeParser() {
 
 void SAXToNodeParser::setReplaceSubChars(bool replace) {
     replaceSubChars.store(replace);
+    ++settingChanges;
 }
 
 std::string SAXToNodeParser::transcodeThroughLibrary(const XMLCh* text, bool replace) {

@@ -455,11 +455,15 @@ const char* checkedInput(const char* input, int32_t length) {
 // bytes). Each second-stage pass is appended as zero-terminated text, so a
 // U+0000 in the text ends what that pass contributes. When both converters are
 // UTF-8, well-formed input skips the round trip (copyUtf8), with the same result.
+// So does input whose one zero byte is its last (a request body's last block,
+// sent with its terminator): the zero ends the last pass, and nothing follows.
 std::string pump(CodePageConverter& converter, CodePageConverter::Direction direction,
                  const char* input, int32_t length) {
     std::string output;
+    const bool terminated = length > 0 && input[length - 1] == '\0';
     if (convertsUtf8ToUtf8(converter) &&
-        copyUtf8(input, static_cast<std::size_t>(length), converter.unicodeCapacity, output)) {
+        copyUtf8(input, static_cast<std::size_t>(length - (terminated ? 1 : 0)),
+                 converter.unicodeCapacity, output)) {
         return output;
     }
     output.clear();

@@ -120,6 +120,25 @@ TEST_F(ConnectionTest, OperationsSendTheirHeaderAndBodyAndAppend) {
     EXPECT_EQ(events, "old");
 }
 
+// A thread reuses the identifiers of an answer the same as its last: an answer
+// of the same length with other bytes, or one that failed to read, is read anew.
+TEST_F(ConnectionTest, RepeatedSharedClientAnswersReadAsTheFirstDid) {
+    const char* const kSharedD = "<r xmlns=\"urn:x\"><sharedClients>D</sharedClients></r>";
+    const std::pair<const char*, Strings> rows[] = {
+        {kSharedAB, {"A", "B"}}, {kSharedAB, {"A", "B"}}, {kSharedC, {"C"}}, {kSharedD, {"D"}},
+        {kUnexpectedChild, {}},  {kUnexpectedChild, {}},  {kSharedD, {"D"}}};
+    std::string server = "S", client = "K", locale;
+    for (const auto& row : rows) {
+        Strings shared;
+        TestTransport::expectExchange(row.first);
+        const std::string thrown =
+            thrownBy([&] { connection.registerClient(server, client, locale, shared); });
+        EXPECT_EQ(thrown, row.second.empty() ? "DomException: Unexpected node name: other" : "none")
+            << row.first;
+        EXPECT_EQ(shared, row.second) << row.first;
+    }
+}
+
 // (getSharedClients, which throws a pointer no handler by reference catches,
 // is asked in registered().)
 TEST_F(ConnectionTest, PreconditionsWhenNotRegisteredSendNothing) {

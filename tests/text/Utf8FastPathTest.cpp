@@ -1,8 +1,8 @@
 // toUtf8 and fromUtf8 copy well-formed UTF-8 straight through when ICU's
 // default converter is UTF-8, and fromUtf8InPlace leaves it where it is.
 // Hiding the converter type turns the copy off; these tests compare both ways
-// of converting on texts well-formed and not, with zero bytes, and with
-// lengths around the passes' boundaries.
+// of converting on texts well-formed and not, with zero bytes inside or at the
+// end, and with lengths around the passes' boundaries.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -66,6 +66,7 @@ TEST_P(Utf8FastPathTest, FixedTexts) {
     }
     for (const std::string& text : texts) {
         expectSame(text);
+        expectSame(text + '\0');  // as a request body's last block ends
     }
 }
 

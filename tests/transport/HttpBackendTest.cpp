@@ -273,6 +273,8 @@ TEST(HttpBackendTest, UnusableSettingsRefusalsCertificatesAndWaitsAreNamed) {
 // exchange (so a retry would be possible): its own code and words, and no retry.
 // A refusal sent while the request is still going out is read all the same; a
 // long message is kept in part; TLS bytes on a plain connection name the cure.
+// The first exchange may be held for a long wait, which the silent server's
+// time-out must not inherit (it would outlast the server and read as lost).
 TEST(HttpBackendTest, EachBrokenAnswerIsNamedAndNeverRetried) {
     std::string longMessage = "x";  // two-byte characters after one byte: 64 KiB would split one
     while (longMessage.size() < 1024 * 1024) {
@@ -308,7 +310,9 @@ TEST(HttpBackendTest, EachBrokenAnswerIsNamedAndNeverRetried) {
             }
         });
         auto backend = backendFor(server.url(), row.second.empty() ? 500 : 10000);
-        ASSERT_EQ(exchange(*backend).text, "first") << row.words;
+        Transport::HeaderFields held = fieldsFor("getStatus");
+        held[Protocol::kWaitMillisecondsField] = "5000";
+        ASSERT_EQ(exchange(*backend, "AvQVL Status check", held).text, "first") << row.words;
         const Outcome broken = ::exchange(*backend, std::string(row.bodyBytes, 'x'));
         EXPECT_EQ(broken.code, row.code) << row.words << ": " << broken.text.substr(0, 200);
         EXPECT_THAT(broken.text, HasSubstr(row.words));
@@ -402,15 +406,25 @@ TEST(HttpBackendTest, FetchesCarryTheirAckAndRetriedPostsTheirId) {
 // when it exits: only what that process read, so the child leaves its parent's alone.
 TEST(HttpBackendTest, ThreadsAndForkedChildrenUseTheirOwnConnectionsAndAcknowledgeWhatTheyRead) {
     std::atomic<int> acknowledged{0};  // acknowledgements alone, of sequence 5
-    FakeServer server(answering([&acknowledged](const Request& request) {
+    std::mutex posting;
+    std::map<std::string, std::string> postIdOf;  // by the post's body
+    FakeServer server(answering([&](const Request& request) {
         acknowledged +=
             request[Protocol::kAckOnlyHeader] == "1" && request[Protocol::kAckHeader] == "5";
+        std::lock_guard<std::mutex> lock(posting);
+        postIdOf[request.body()] = std::string(request[Protocol::kPostIdHeader]);
         return answer(request.body(), 200, "5");  // echoes, so answers cannot cross
     }));
     auto backend = backendFor(server.url());
     const auto fetch = [&backend](const std::string& client) {
         return ::exchange(*backend, client, fieldsFor("getEvents", client)).text == client;
     };
+    // The parent posts before and after the fork and the child between: never
+    // with the same id.
+    const auto post = [&backend](const std::string& body) {
+        ::exchange(*backend, body, fieldsFor("putEvents", "poster"));
+    };
+    post("parent's first");
     EXPECT_TRUE(fetch("parent"));
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
@@ -425,13 +439,17 @@ TEST(HttpBackendTest, ThreadsAndForkedChildrenUseTheirOwnConnectionsAndAcknowled
         thread.join();
     }
     EXPECT_EQ(wrong, 0);
-    Harness::Child child([&fetch] {
+    Harness::Child child([&fetch, &post] {
         fetch("child");
+        post("child's");
         std::exit(0);  // the exit of a process that ends normally, static destructors and all
         return 0;
     });
     EXPECT_EQ(child.wait(10000), 0) << child.err();
     EXPECT_TRUE(fetch("parent"));
+    post("parent's next");
+    EXPECT_NE(postIdOf["child's"], postIdOf["parent's next"]);
+    EXPECT_EQ(postIdOf["child's"].size(), Wire::kPostIdDigits);
     EXPECT_EQ(server.connections, 6);  // the parent's, the threads', the child's, its exit
     EXPECT_EQ(acknowledged, 1);        // the child's own read; the parent's stay the parent's
 }

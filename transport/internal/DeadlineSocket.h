@@ -3,17 +3,22 @@
 // stream requirements, so an ssl::stream can stand on it and Beast can read
 // from either.
 //
-// The socket is non-blocking underneath: each read first waits in poll() until
-// data is there or the deadline passes (then the error is timed_out); a write is
-// tried at once and waits only when the send buffer is full. Synchronous and
-// single-threaded: one object belongs to one thread at a time. Nothing throws
-// except the read_some/write_some overloads without an error_code, which Asio's
-// stream requirements ask for.
+// Once connected the socket blocks, and a read waits in the receive itself, for
+// the receive time-out the socket carries, which follows the deadline: past it
+// the error is timed_out (learnt up to a timer tick late, as the kernel counts
+// the time-out in ticks). A write is tried without waiting and waits in poll()
+// only when the send buffer is full. Reads and writes call the system directly,
+// since Asio's blocking ones would wait again, without limit, after a time-out.
+// Synchronous and single-threaded: one object belongs to one thread at a time.
+// Nothing throws except the read_some/write_some overloads without an
+// error_code, which Asio's stream requirements ask for.
 #ifndef AVQVL_TRANSPORT_INTERNAL_DEADLINESOCKET_H
 #define AVQVL_TRANSPORT_INTERNAL_DEADLINESOCKET_H
 
 #include <poll.h>
+#include <sys/uio.h>
 
+#include <boost/asio/buffer.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <chrono>
@@ -45,39 +50,34 @@ public:
     // The point in time after which reads and writes fail with timed_out.
     void setDeadline(DeadlineClock::time_point point) { deadline = point; }
 
-    // Right after a write the answer is rarely there yet, so the first read
-    // waits in poll() first; once bytes flow, a read is tried at once and waits
-    // only when nothing is left, which halves the system calls of a long answer.
+    // Reads into the first buffer that has room, as much as is there.
     template <typename MutableBuffers>
     std::size_t read_some(const MutableBuffers& buffers, boost::system::error_code& ec) {
-        for (bool wait = !flowing;; wait = true) {
-            if (!wait && DeadlineClock::now() >= deadline) {
-                wait = true;  // which reports the time-out
-            }
-            if (wait && !waitUntilReady(POLLIN, deadline, ec)) {
-                flowing = false;
-                return 0;
-            }
-            const std::size_t count = socket.read_some(buffers, ec);
-            if (ec != boost::asio::error::would_block) {
-                flowing = !ec;
-                return count;
+        for (auto at = boost::asio::buffer_sequence_begin(buffers);
+             at != boost::asio::buffer_sequence_end(buffers); ++at) {
+            const boost::asio::mutable_buffer part(*at);
+            if (part.size() != 0) {
+                return receive(part.data(), part.size(), ec);
             }
         }
+        ec = {};
+        return 0;
     }
 
+    // Gathers up to kMaxWriteParts buffers into one send.
     template <typename ConstBuffers>
     std::size_t write_some(const ConstBuffers& buffers, boost::system::error_code& ec) {
-        flowing = false;
-        for (;;) {
-            const std::size_t count = socket.write_some(buffers, ec);
-            if (ec != boost::asio::error::would_block) {
-                return count;
-            }
-            if (!waitUntilReady(POLLOUT, deadline, ec)) {
-                return 0;
+        iovec parts[kMaxWriteParts];
+        std::size_t count = 0;
+        for (auto at = boost::asio::buffer_sequence_begin(buffers);
+             at != boost::asio::buffer_sequence_end(buffers) && count < kMaxWriteParts; ++at) {
+            const boost::asio::const_buffer part(*at);
+            if (part.size() != 0) {
+                parts[count++] = {const_cast<void*>(part.data()), part.size()};
             }
         }
+        ec = {};
+        return count == 0 ? 0 : send(parts, count, ec);
     }
 
     template <typename MutableBuffers>
@@ -101,6 +101,13 @@ public:
     executor_type get_executor() { return socket.get_executor(); }
 
 private:
+    static constexpr std::size_t kMaxWriteParts = 16;
+
+    std::size_t receive(void* data, std::size_t size, boost::system::error_code& ec);
+    std::size_t send(const iovec* parts, std::size_t count, boost::system::error_code& ec);
+    // Sets the receive time-out for a read that may wait until the deadline;
+    // false with ec set on timed_out (the deadline has passed) or a failure.
+    bool armReceiveTimeout(boost::system::error_code& ec);
     // True once events are possible on the socket; false with ec set on
     // timed_out (the point has passed) or a failure of poll().
     bool waitUntilReady(short events, DeadlineClock::time_point point,
@@ -108,7 +115,7 @@ private:
 
     Socket socket;
     DeadlineClock::time_point deadline = DeadlineClock::time_point::max();
-    bool flowing = false;  // the last read brought bytes, and nothing was written since
+    std::chrono::microseconds receiveTimeout{0};  // the socket's; zero: none
 };
 
 }  // namespace Transport

@@ -12,6 +12,7 @@
 #ifndef AVQVL_TRANSPORT_INTERNAL_IDENTITYLEDGER_H
 #define AVQVL_TRANSPORT_INTERNAL_IDENTITYLEDGER_H
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -82,7 +83,8 @@ private:
         std::string postBody;
     };
 
-    std::mutex mutex;  // guards entries
+    std::atomic<long> self;  // this process's id
+    std::mutex mutex;        // guards entries
     std::map<Identity, Entry> entries;
 };
 
