@@ -42,9 +42,9 @@ std::string describe(const std::string& host, int port) {
 
 // One io_context per I/O thread, each connection on one of them: a handler a
 // connection posts for itself (a woken wait, a timer) runs on the thread that
-// posted it, with no wake-up of another thread. On this service's hosts such
-// a wake-up costs more than the rest of a round trip. One io_context shared
-// by every thread hands handlers between threads all the time.
+// posted it, with no wake-up of another thread. On a virtual machine such a
+// wake-up can cost more than the rest of a round trip, and one io_context
+// shared by every thread hands handlers between threads all the time.
 struct HttpServer::Impl {
     using WorkGuard = asio::executor_work_guard<asio::io_context::executor_type>;
 

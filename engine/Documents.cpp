@@ -26,9 +26,6 @@ void openRoot(std::string& text, const char* name) {
     text += Protocol::kSchemaNamespace;
     text += "\">";
 }
-}  // namespace
-
-namespace {
 
 // xmlReferenceName's answer for every byte, looked up once.
 const std::array<const char*, 256>& referenceNames() {
