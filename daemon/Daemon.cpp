@@ -6,7 +6,6 @@
 #include <climits>
 #include <condition_variable>
 #include <cstdlib>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -187,8 +186,6 @@ struct Daemon::Impl : HttpHandler {
     void look(const std::shared_ptr<Call>& call);
     void wait(const std::shared_ptr<Call>& call, std::uint64_t mark, HttpReply& reply);
     void lookLater(const std::shared_ptr<Call>& call) noexcept;
-    void lookWoken(const std::shared_ptr<Call>& call) noexcept;
-    void lookAtWoken();
     void answered(const RequestOutcome& outcome) override;
     using Client = std::pair<std::string, std::string>;  // (server, client)
     void exchange(const HttpRequest& request, HttpReply& reply, WaitAsk& ask);
@@ -224,14 +221,6 @@ struct Daemon::Impl : HttpHandler {
     // acknowledges them first, so that it never gets them twice.
     std::mutex deliveredMutex;  // guards delivered
     std::map<Client, std::uint64_t> delivered;
-
-    // Waiters woken on a store that may wait, looked at in turn by one pool
-    // task: a post that wakes many costs one store thread's wake-up, not one
-    // each. On a small host the looks in turn answer the last waiter sooner
-    // than a look per thread, which the wake-ups and switches outweigh.
-    std::mutex wokenMutex;  // guards woken and lookingAtWoken
-    std::deque<std::shared_ptr<Call>> woken;
-    bool lookingAtWoken = false;
 };
 
 // One exchange on its way: looked at on the pool, and when it is a getEvents
@@ -267,7 +256,7 @@ struct Daemon::Impl::Call : Waiters::Waiter, std::enable_shared_from_this<Call> 
         } catch (...) {
             // The timer stays; when it fires it finds the call taken.
         }
-        impl.lookWoken(shared_from_this());
+        impl.lookLater(shared_from_this());
     }
     // Answers, once; never throws (the connection waits for it).
     void answer(HttpReply&& reply) noexcept {
@@ -499,53 +488,6 @@ void Daemon::Impl::lookLater(const std::shared_ptr<Call>& call) noexcept {
         HttpReply failed;
         answer(failed, 500, "The daemon failed to serve the exchange.");
         call->answer(std::move(failed));
-    }
-}
-
-// A woken waiter joins the queue; the first of a burst starts its task.
-void Daemon::Impl::lookWoken(const std::shared_ptr<Call>& call) noexcept {
-    bool start = false;
-    try {
-        std::lock_guard<std::mutex> lock(wokenMutex);
-        woken.push_back(call);
-        start = !lookingAtWoken;
-        lookingAtWoken = true;
-    } catch (...) {
-        lookLater(call);  // out of memory: a task of its own, or 500
-        return;
-    }
-    if (!start) {
-        return;
-    }
-    try {
-        pool.submit([this] { lookAtWoken(); });
-    } catch (...) {  // no task: each queued waiter gets one of its own, or 500
-        std::deque<std::shared_ptr<Call>> stranded;
-        {
-            std::lock_guard<std::mutex> lock(wokenMutex);
-            stranded.swap(woken);
-            lookingAtWoken = false;
-        }
-        for (const auto& waiting : stranded) {
-            lookLater(waiting);
-        }
-    }
-}
-
-// On the pool, until the queue is empty; look() never throws.
-void Daemon::Impl::lookAtWoken() {
-    for (;;) {
-        std::shared_ptr<Call> call;
-        {
-            std::lock_guard<std::mutex> lock(wokenMutex);
-            if (woken.empty()) {
-                lookingAtWoken = false;
-                return;
-            }
-            call = std::move(woken.front());
-            woken.pop_front();
-        }
-        look(call);
     }
 }
 
