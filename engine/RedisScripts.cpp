@@ -101,15 +101,31 @@ local function advance(client, upTo)
     if upTo <= cursor then
         return
     end
+    -- What waits is what others posted past the cursor. Whichever side of
+    -- upTo holds fewer sequences is parsed: what was taken (and is subtracted),
+    -- or what still waits (and is counted afresh), usually the few events
+    -- posted since a long answer was read.
+    local taken = upTo - cursor <= last - upTo
+    local from, to = cursor, upTo
+    if not taken then
+        from, to = upTo, '+inf'
+    end
     local events, size = 0, 0
-    for _, member in ipairs(redis.call('ZRANGEBYSCORE', K.order, string.format('(%d', cursor), upTo)) do
+    for _, member in ipairs(redis.call('ZRANGEBYSCORE', K.order, string.format('(%d', from), to)) do
         local _, bytes, sender = entryOf(member)
         if sender ~= client then
             events, size = events + 1, size + bytes
         end
     end
-    redis.call('HINCRBY', K.bytes, client, -size)
-    if redis.call('HINCRBY', K.waiting, client, -events) <= 0 then
+    local left = events
+    if taken then
+        redis.call('HINCRBY', K.bytes, client, -size)
+        left = redis.call('HINCRBY', K.waiting, client, -events)
+    else
+        redis.call('HSET', K.bytes, client, size)
+        redis.call('HSET', K.waiting, client, events)
+    end
+    if left <= 0 then
         upTo = last
     end
     redis.call('HSET', K.cursors, client, string.format('%d', upTo))
