@@ -4,7 +4,9 @@
 
 #include <cctype>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdlib>
+#include <exception>
 #include <map>
 #include <memory>
 #include <new>
@@ -342,45 +344,125 @@ void RedisStore::clients(const std::string& serverId, ClientList& clients) {
     });
 }
 
+// One caller's post while it waits for its call to Redis.
+struct RedisStore::QueuedPost {
+    QueuedPost(const std::string& senderId, const std::string& text, const std::string& postId,
+               ClientList& clients)
+        : senderId(senderId), text(text), postId(postId), clients(clients) {}
+
+    const std::string& senderId;
+    const std::string& text;
+    const std::string& postId;
+    ClientList& clients;
+    bool done = false;
+    std::exception_ptr failure;  // its refusal, or the call's failure
+    std::condition_variable settled;
+};
+
 void RedisStore::post(const std::string& serverId, const std::string& senderId,
                       const std::string& text, const std::string& postId, ClientList& clients) {
-    outOfMemoryIsLimit([&] {
-        const ServerKeys keys(ServerKeys::hashTag(serverId));
-        const std::string now = std::to_string(epochMilliseconds());
-        const std::string mostEvents = std::to_string(limits().maxQueuedEventsPerClient);
-        const std::string mostBytes = std::to_string(limits().maxQueuedBytesPerClient);
-        const std::string mostStored = std::to_string(limits().maxStoredBytes);
-        static const std::string kRemembered = std::to_string(kRememberedPosts),
-                                 kAge = std::to_string(kRememberedPostAgeMs),
-                                 kChannel = kPostedChannel;
-        RedisReply reply = runScript(*scripts, *pool, RedisScripts::Post, keys,
-                                     {&senderId, &text, &postId, &now, &mostEvents, &mostBytes,
-                                      &mostStored, &kRemembered, &kAge, &kChannel, &serverId});
-        ReplyReader reader(*pool, *reply);
-        switch (reader.status()) {
-            case RedisStatus::Done:
-                reader.texts(1, clients);
-                return;
-            case RedisStatus::NotRegistered:
-                throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, senderId)};
-            case RedisStatus::TooManyEvents:
-                throw Failure{FailureKind::Limit,
-                              tooManyEventsMessage(serverId, senderId, reader.text(1),
-                                                   static_cast<std::size_t>(reader.integer(2)))};
-            case RedisStatus::TooManyBytes:
-                throw Failure{FailureKind::Limit,
-                              tooManyBytesMessage(serverId, senderId, reader.text(1),
-                                                  static_cast<std::size_t>(reader.integer(2)),
-                                                  text.size(), limits().maxQueuedBytesPerClient)};
-            case RedisStatus::TooManyStored:
-                throw Failure{FailureKind::Limit,
-                              tooManyStoredBytesMessage(serverId, senderId,
-                                                        static_cast<std::size_t>(reader.integer(1)),
-                                                        text.size(), limits().maxStoredBytes)};
-            default:
-                reader.unexpected(*reply);
+    // Bounds on one call, so that a post behind a crowd is not held long; the
+    // first post always goes, whatever its size.
+    static const std::size_t kMostPostsPerCall = 64, kMostBytesPerCall = 1 << 20;
+    QueuedPost mine(senderId, text, postId, clients);
+    std::vector<QueuedPost*> posts;
+    posts.reserve(kMostPostsPerCall);  // nothing below throws while mine is queued
+    std::unique_lock<std::mutex> lock(postMutex);
+    std::deque<QueuedPost*>& queue = postQueues[serverId];
+    queue.push_back(&mine);
+    mine.settled.wait(lock, [&] { return mine.done || queue.front() == &mine; });
+    if (!mine.done) {
+        std::size_t bytes = 0;
+        for (QueuedPost* post : queue) {
+            if (!posts.empty() && (posts.size() == kMostPostsPerCall ||
+                                   bytes + post->text.size() > kMostBytesPerCall)) {
+                break;
+            }
+            posts.push_back(post);
+            bytes += post->text.size();
         }
-    });
+        lock.unlock();
+        std::exception_ptr failure;
+        try {
+            outOfMemoryIsLimit([&] { postInOneCall(serverId, posts); });
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        lock.lock();
+        for (QueuedPost* post : posts) {
+            if (failure) {
+                post->failure = failure;
+            }
+            post->done = true;
+            post->settled.notify_one();
+            queue.pop_front();
+        }
+        if (queue.empty()) {
+            postQueues.erase(serverId);
+        } else {
+            queue.front()->settled.notify_one();
+        }
+    }
+    lock.unlock();
+    if (mine.failure) {
+        std::rethrow_exception(mine.failure);
+    }
+}
+
+void RedisStore::postInOneCall(const std::string& serverId,
+                               const std::vector<QueuedPost*>& posts) {
+    const ServerKeys keys(ServerKeys::hashTag(serverId));
+    const std::string now = std::to_string(epochMilliseconds());
+    const std::string mostEvents = std::to_string(limits().maxQueuedEventsPerClient);
+    const std::string mostBytes = std::to_string(limits().maxQueuedBytesPerClient);
+    const std::string mostStored = std::to_string(limits().maxStoredBytes);
+    static const std::string kRemembered = std::to_string(kRememberedPosts),
+                             kAge = std::to_string(kRememberedPostAgeMs),
+                             kChannel = kPostedChannel;
+    std::vector<const std::string*> arguments{&now,        &mostEvents, &mostBytes,
+                                              &mostStored, &kRemembered, &kAge,
+                                              &kChannel,   &serverId};
+    for (const QueuedPost* post : posts) {
+        arguments.insert(arguments.end(), {&post->senderId, &post->text, &post->postId});
+    }
+    RedisReply reply = runScript(*scripts, *pool, RedisScripts::Post, keys, arguments);
+    const ReplyReader reader(*pool, *reply);
+    ClientList clients;
+    reader.texts(1, clients);
+    for (std::size_t i = 0; i < posts.size(); ++i) {
+        const QueuedPost& post = *posts[i];
+        const ReplyReader outcome(*pool, reader.list(2 + i));
+        const auto failWith = [&](FailureKind kind, const std::string& message) {
+            posts[i]->failure = std::make_exception_ptr(Failure{kind, message});
+        };
+        switch (outcome.status()) {
+            case RedisStatus::Done:
+                post.clients = clients;
+                break;
+            case RedisStatus::NotRegistered:
+                failWith(FailureKind::Refused, notRegisteredMessage(serverId, post.senderId));
+                break;
+            case RedisStatus::TooManyEvents:
+                failWith(FailureKind::Limit,
+                         tooManyEventsMessage(serverId, post.senderId, outcome.text(1),
+                                              static_cast<std::size_t>(outcome.integer(2))));
+                break;
+            case RedisStatus::TooManyBytes:
+                failWith(FailureKind::Limit,
+                         tooManyBytesMessage(serverId, post.senderId, outcome.text(1),
+                                             static_cast<std::size_t>(outcome.integer(2)),
+                                             post.text.size(), limits().maxQueuedBytesPerClient));
+                break;
+            case RedisStatus::TooManyStored:
+                failWith(FailureKind::Limit,
+                         tooManyStoredBytesMessage(serverId, post.senderId,
+                                                   static_cast<std::size_t>(outcome.integer(1)),
+                                                   post.text.size(), limits().maxStoredBytes));
+                break;
+            default:
+                outcome.unexpected(*reply);
+        }
+    }
 }
 
 void RedisStore::read(const std::string& serverId, const std::string& clientId,
@@ -410,13 +492,20 @@ void RedisStore::readEvents(const std::string& serverId, const std::string& clie
         if (reader.status() == RedisStatus::NotRegistered) {
             throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
         }
+        // The client's own posts come too (the Read script says why); they are
+        // left out here.
         const redisReply& list = reader.list(1);
-        std::vector<StoredEvent> found(list.elements);
+        std::vector<StoredEvent> found;
+        found.reserve(list.elements);
+        StoredEvent event;
         for (std::size_t i = 0; i < list.elements; ++i) {
             const redisReply& element = *list.element[i];
             if (element.type != REDIS_REPLY_STRING ||
-                !decodeEvent(element.str, element.len, found[i])) {
+                !decodeEvent(element.str, element.len, event)) {
                 pool->fail("holds an event this service did not write", describeReply(element));
+            }
+            if (event.sender != clientId) {
+                found.push_back(std::move(event));
             }
         }
         if (clients != nullptr) {

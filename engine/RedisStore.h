@@ -14,9 +14,11 @@
 #ifndef AVQVL_ENGINE_REDISSTORE_H
 #define AVQVL_ENGINE_REDISSTORE_H
 
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "engine/ServiceLimits.h"
@@ -85,7 +87,12 @@ public:
     void expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) override;
 
 private:
+    struct QueuedPost;
+
     std::vector<std::string> serverTags();
+    // Runs the Post script for posts, in turn, and settles each: its clients,
+    // or its refusal in its failure. Throws when the call itself failed.
+    void postInOneCall(const std::string& serverId, const std::vector<QueuedPost*>& posts);
     // read(); with clients given, the server's clients too, in the same script.
     void readEvents(const std::string& serverId, const std::string& clientId,
                     const std::optional<std::uint64_t>& ackUpTo, std::vector<StoredEvent>& events,
@@ -94,6 +101,12 @@ private:
     const RedisAddress address;
     const std::unique_ptr<RedisConnectionPool> pool;
     const std::unique_ptr<RedisScripts> scripts;
+    // Posts to one server queue in arrival order; the first of a queue takes
+    // those behind it into one call of the Post script while the rest wait, so
+    // that concurrent posts share a round trip and the script's reads and
+    // writes of the counts.
+    std::mutex postMutex;  // guards postQueues and each QueuedPost
+    std::unordered_map<std::string, std::deque<QueuedPost*>> postQueues;
     std::mutex watcherMutex;  // guards watcher
     // Last: it goes first, while the pool it connects through is still there.
     std::unique_ptr<RedisPostWatcher> watcher;

@@ -40,9 +40,10 @@ public:
         Register,
         // ARGV client -> {status, remaining clients}
         Unregister,
-        // ARGV sender, text, post id, now, most events, most bytes, most stored,
-        // ids remembered, their age in ms, the channel to publish on, the
-        // server id -> {status, clients | recipient, waiting | stored}
+        // ARGV now, most events, most bytes, most stored, ids remembered, their
+        // age in ms, the channel to publish on, the server id, then sender,
+        // text and post id of each post in turn -> {0, clients, {status} |
+        // {status, recipient, waiting} | {status, stored} for each post}
         Post,
         // ARGV client, now, acknowledged ("" for none) -> {status, events}
         Read,
