@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <numeric>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 
 #include "daemon/Delivery.h"
@@ -299,6 +301,51 @@ TEST_P(StoreConformance, ConcurrentPostsAndTakesLoseNothing) {
         drain(i);
         EXPECT_EQ(received[i].size(), 300u);
         EXPECT_EQ(Harness::orderFault(std::to_string(i), received[i]), "");
+    }
+}
+
+// Posts racing one another (two threads per sender, sending the same ids) are
+// each checked against what the posts before them left: the recipient that
+// never reads gets exactly its limit of events, each once, every post
+// answered as done among them, every other refused for that recipient.
+TEST_P(StoreConformance, RacingPostsKeepTheLimitsAndThePostIds) {
+    ServiceLimits limits;
+    limits.maxQueuedEventsPerClient = 40;
+    open(limits);
+    registerAll(*store, "S", {"r", "0", "1", "2", "3"});
+    std::mutex mutex;
+    std::set<std::string> done;
+    std::vector<std::string> refusals;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            const std::string sender = std::to_string(t % 4);
+            for (int n = 0; n < 25; ++n) {
+                const std::string id = std::to_string(n), text = sender + "#" + id;
+                try {
+                    post("S", sender, text, id);
+                    std::lock_guard<std::mutex> lock(mutex);
+                    done.insert(sender + "|" + text);
+                } catch (const Failure& failure) {
+                    std::lock_guard<std::mutex> lock(mutex);
+                    refusals.push_back(failure.message);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    std::set<std::string> received;
+    for (const std::string& event : take("S", "r")) {  // "sender|sequence|text"
+        received.insert(event.substr(0, 2) + event.substr(event.rfind('|') + 1));
+    }
+    EXPECT_EQ(received.size(), 40u);
+    EXPECT_EQ(done, received);
+    for (const std::string& refusal : refusals) {
+        EXPECT_NE(refusal.find("client \"r\" of server \"S\" already has 40 events"),
+                  std::string::npos)
+            << refusal;
     }
 }
 
