@@ -13,39 +13,38 @@ namespace Engine {
 namespace {
 
 // Before every script: what several share. A server's log is the sorted set
-// `order` (score: the sequence; member: "SEQUENCE SIZE SENDER", so that a
-// cursor moves without reading texts) and the hash `log` (that member ->
-// "SEQUENCE SENDERLENGTH SENDERTEXT"), each text once: a read takes the texts
-// by the members it found, without parsing them. `cursors` holds each client's last
-// acknowledged sequence; `waiting` and `bytes` what of the log past it others
-// posted. The server's hash keeps 'sequence' (the next), 'registered' (the
-// order counter) and each client's times as 'r:' .. client (registered) and
-// 'f:' .. client (last fetch), in milliseconds. The store's total counts the
-// bytes of every text held.
+// `log`, score the sequence, member the event as a read answers it:
+// "SEQUENCE THROUGH SENDERLENGTH SENDERTEXT", where THROUGH counts the bytes
+// of every text the server stored up to this one. A read hands the members on
+// unparsed, and a trim learns the bytes it frees from its last member alone.
+// `cursors` holds each client's last acknowledged sequence; `waiting` and
+// `bytes` what of the log past it others posted. The server's hash keeps
+// 'sequence' (the next), 'through' (the bytes stored so far), 'trimmed' (the
+// THROUGH of the last event trimmed), 'registered' (the order counter) and
+// each client's times as 'r:' .. client (registered) and 'f:' .. client (last
+// fetch), in milliseconds. The store's total counts the bytes of every text
+// held.
 const char* const kPrelude = R"lua(
 local K = {clients = KEYS[1], server = KEYS[2], bytes = KEYS[3], waiting = KEYS[4],
-           cursors = KEYS[5], order = KEYS[6], log = KEYS[7], stored = KEYS[8]}
+           cursors = KEYS[5], log = KEYS[6], stored = KEYS[7]}
 local postsPrefix = ARGV[1]
+-- The sequence, the text's size and the sender of an event of the log.
 local function entryOf(member)
-    local sequence, size, sender = string.match(member, '^(%d+) (%d+) (.*)$')
-    return sequence, tonumber(size), sender
+    local sequence, through, senderLength = string.match(member, '^(%d+) (%d+) (%d+) ')
+    local senderStart = string.len(sequence) + string.len(through) + string.len(senderLength) + 4
+    local senderEnd = senderStart + tonumber(senderLength) - 1
+    return sequence, string.len(member) - senderEnd, string.sub(member, senderStart, senderEnd)
 end
 -- Drops the events at or below `lowest` ('+inf': all) and their bytes.
 local function dropBelow(lowest)
-    local gone = redis.call('ZRANGEBYSCORE', K.order, '-inf', lowest)
-    if #gone == 0 then
+    local last = redis.call('ZREVRANGEBYSCORE', K.log, lowest, '-inf', 'LIMIT', 0, 1)[1]
+    if not last then
         return
     end
-    local freed = 0
-    for _, member in ipairs(gone) do
-        local _, size = entryOf(member)
-        freed = freed + size
-    end
-    -- In slices: Lua's unpack has a small stack.
-    for first = 1, #gone, 1000 do
-        redis.call('HDEL', K.log, unpack(gone, first, math.min(first + 999, #gone)))
-    end
-    redis.call('ZREMRANGEBYSCORE', K.order, '-inf', lowest)
+    local through = tonumber(string.match(last, '^%d+ (%d+) '))
+    local freed = through - tonumber(redis.call('HGET', K.server, 'trimmed') or '0')
+    redis.call('HSET', K.server, 'trimmed', through)
+    redis.call('ZREMRANGEBYSCORE', K.log, '-inf', lowest)
     if redis.call('INCRBY', K.stored, -freed) < 0 then
         redis.call('SET', K.stored, 0)
     end
@@ -111,7 +110,7 @@ local function advance(client, upTo)
         from, to = upTo, '+inf'
     end
     local events, size = 0, 0
-    for _, member in ipairs(redis.call('ZRANGEBYSCORE', K.order, string.format('(%d', from), to)) do
+    for _, member in ipairs(redis.call('ZRANGEBYSCORE', K.log, string.format('(%d', from), to)) do
         local _, bytes, sender = entryOf(member)
         if sender ~= client then
             events, size = events + 1, size + bytes
@@ -150,7 +149,7 @@ local function unregister(client)
     redis.call('DEL', postsPrefix .. client)
     if redis.call('ZCARD', K.clients) == 0 then
         dropBelow('+inf')
-        redis.call('DEL', K.server, K.bytes, K.waiting, K.cursors, K.order, K.log)
+        redis.call('DEL', K.server, K.bytes, K.waiting, K.cursors, K.log)
     else
         trim()
     end
@@ -218,7 +217,8 @@ local function storeHeld()
         unstored = 0
     end
 end
-local nextSequence = tonumber(redis.call('HGET', K.server, 'sequence'))
+local counters = redis.call('HMGET', K.server, 'sequence', 'through')
+local nextSequence, through = tonumber(counters[1]), tonumber(counters[2] or '0')
 local firstSequence, added = nextSequence, false
 local function postOne(sender, text, postId)
     local mine = place[sender]
@@ -256,10 +256,10 @@ local function postOne(sender, text, postId)
                 waiting[i], bytes[i] = waiting[i] + 1, bytes[i] + size
             end
         end
-        local member = string.format('%d %d ', sequence, size) .. sender
-        redis.call('ZADD', K.order, sequence, member)
-        redis.call('HSET', K.log, member,
-                   string.format('%d %d ', sequence, string.len(sender)) .. sender .. text)
+        through = through + size
+        redis.call('ZADD', K.log, sequence,
+                   string.format('%d %d %d ', sequence, through, string.len(sender)) .. sender ..
+                       text)
         held, unstored, added = held + size, unstored + size, true
     end
     if waiting[mine] == 0 then
@@ -284,7 +284,7 @@ for first = 10, #ARGV, 3 do
 end
 storeHeld()
 if nextSequence ~= firstSequence then
-    redis.call('HSET', K.server, 'sequence', nextSequence)
+    redis.call('HSET', K.server, 'sequence', nextSequence, 'through', through)
 end
 if added then
     setAll(K.waiting, clients, waiting)
@@ -309,14 +309,7 @@ end
 local events = {}
 if waitingOf(client) > 0 then
     local cursor = redis.call('HGET', K.cursors, client)
-    local members = redis.call('ZRANGEBYSCORE', K.order, '(' .. cursor, '+inf')
-    for first = 1, #members, 1000 do
-        local texts = redis.call('HMGET', K.log,
-                                 unpack(members, first, math.min(first + 999, #members)))
-        for i = 1, #texts do
-            events[#events + 1] = texts[i]
-        end
-    end
+    events = redis.call('ZRANGEBYSCORE', K.log, '(' .. cursor, '+inf')
 end
 redis.call('HSET', K.server, 'f:' .. client, ARGV[3])
 if ARGV[5] == '1' then

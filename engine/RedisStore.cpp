@@ -79,7 +79,6 @@ struct ServerKeys {
           bytes("quorvel:bytes:" + tag),
           waiting("quorvel:waiting:" + tag),
           cursors("quorvel:cursors:" + tag),
-          order("quorvel:order:" + tag),
           log("quorvel:log:" + tag),
           stored(kStoredKey),
           postsPrefix("quorvel:posts:" + tag + ":") {}
@@ -87,17 +86,16 @@ struct ServerKeys {
     // What every script takes first (RedisScripts.h): the keys, then the
     // prefix of the post id keys.
     std::vector<const std::string*> script() const {
-        return {&clients, &server, &bytes, &waiting, &cursors, &order, &log, &stored, &postsPrefix};
+        return {&clients, &server, &bytes, &waiting, &cursors, &log, &stored, &postsPrefix};
     }
-    static const int kKeyCount = 8;
+    static const int kKeyCount = 7;
 
     const std::string clients;      // sorted set: client -> registration order
     const std::string server;       // hash: next "sequence", "registered" counter, times
     const std::string bytes;        // hash: client -> bytes of text waiting
     const std::string waiting;      // hash: client -> events waiting
     const std::string cursors;      // hash: client -> last sequence acknowledged
-    const std::string order;        // sorted set: the log, "SEQUENCE SIZE SENDER" by sequence
-    const std::string log;          // hash: sequence -> the event
+    const std::string log;          // sorted set: the events by sequence
     const std::string stored;       // the store's total of text bytes
     const std::string postsPrefix;  // + sender: sorted set of post ids by time
 };
@@ -168,14 +166,19 @@ private:
     const redisReply* top = nullptr;
 };
 
-// An event of a log is "SEQUENCE SENDERLENGTH SENDERTEXT" (the Post script
-// writes it).
+// An event of a log is "SEQUENCE THROUGH SENDERLENGTH SENDERTEXT" (the Post
+// script writes it; THROUGH is of use to Redis only).
 // Redis ends every string it returns with a NUL, so strtoull stops in time.
 bool decodeEvent(const char* begin, std::size_t size, StoredEvent& event) {
     char* end = nullptr;
     errno = 0;
     const unsigned long long sequence = std::strtoull(begin, &end, 10);
     if (errno != 0 || end == begin || *end != ' ') {
+        return false;
+    }
+    const char* throughStart = end + 1;
+    std::strtoull(throughStart, &end, 10);
+    if (errno != 0 || end == throughStart || *end != ' ') {
         return false;
     }
     const char* lengthStart = end + 1;

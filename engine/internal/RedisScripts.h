@@ -32,8 +32,8 @@ enum class RedisStatus {
 class RedisScripts {
 public:
     // Every script takes the server's keys, in the order of RedisServerKeys
-    // (RedisStore.cpp): clients, server, bytes, waiting, cursors, order, log,
-    // and the store's total; then ARGV[1], the prefix of the per-sender post
+    // (RedisStore.cpp): clients, server, bytes, waiting, cursors, log, and the
+    // store's total; then ARGV[1], the prefix of the per-sender post
     // id keys, and what follows below.
     enum Script {
         // ARGV client, most clients, now -> {status, clients | count}

@@ -199,6 +199,10 @@ TEST_P(StoreConformance, Scenarios) {
           "c^ a|1|12345 a|2|67890", "b+x " + moreThan10, "d^ a|1|12345 a|2|67890", "b+1234567890",
           "a-", "c-", "d-", "b+unheard,whatever-its-length", "e=", "b+0123456789",
           "e^ b|5|0123456789"}},
+        {"a trim frees what it drops and no more, one acknowledgement at a time",
+         storedBound,
+         {"c=", "a+12345", "b^ a|1|12345", "c^ a|1|12345", "a+678", "a+90", "b^ a|2|678 a|3|90",
+          "c!2", "$ 3/1/2", "b+123456789 !L already holds 2 bytes"}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.rule);
