@@ -154,6 +154,13 @@ ServerOptions serverOptions(const DaemonOptions& options, Log& log) {
     return server;
 }
 
+// An exchange's answer: the engine's response, as the HTTP backend reads it.
+void succeed(HttpReply& reply, std::string&& response) {
+    reply.status = 200;
+    reply.contentType = "application/octet-stream";
+    reply.body = std::move(response);
+}
+
 // What a getEvents that found nothing asks of its carrier.
 struct WaitAsk {
     std::chrono::milliseconds wait{0};  // 0: answer now
@@ -183,6 +190,7 @@ struct Daemon::Impl : HttpHandler {
     void handle(const HttpRequest& request, HttpReply& reply) override;
     void handleLater(const HttpRequest& request, const std::shared_ptr<PendingRequest>& pending,
                      std::function<void(HttpReply)> done) override;
+    bool postLater(const std::shared_ptr<Call>& call);
     void look(const std::shared_ptr<Call>& call);
     void wait(const std::shared_ptr<Call>& call, std::uint64_t mark, HttpReply& reply);
     void lookLater(const std::shared_ptr<Call>& call) noexcept;
@@ -221,6 +229,17 @@ struct Daemon::Impl : HttpHandler {
     // acknowledges them first, so that it never gets them twice.
     std::mutex deliveredMutex;  // guards delivered
     std::map<Client, std::uint64_t> delivered;
+
+    // Posts the store has yet to answer (postLater()): the daemon waits for
+    // them before the server, whose connections they answer, goes.
+    std::mutex laterMutex;  // guards laterPosts
+    std::condition_variable laterAnswered;
+    std::size_t laterPosts = 0;
+
+    ~Impl() {
+        std::unique_lock<std::mutex> lock(laterMutex);
+        laterAnswered.wait(lock, [this] { return laterPosts == 0; });
+    }
 };
 
 // One exchange on its way: looked at on the pool, and when it is a getEvents
@@ -385,6 +404,9 @@ void Daemon::Impl::handleLater(const HttpRequest& request,
         look(call);
         return;
     }
+    if (postLater(call)) {
+        return;
+    }
     const bool queued = pool.trySubmit([this, call] { look(call); });
     if (!queued) {
         HttpReply busy;
@@ -394,6 +416,60 @@ void Daemon::Impl::handleLater(const HttpRequest& request,
                    " exchanges waiting for its store already; try again later.");
         done(std::move(busy));
     }
+}
+
+// A putEvents on a store that takes posts later goes to the store from here,
+// the I/O thread, and is answered from the store's thread, so that no pool
+// thread sits out its round trip. Only a request with a post id is looked at
+// (the library's putEvents carry one), so that the pool's exchanges are not
+// read twice; false leaves the call to the pool.
+bool Daemon::Impl::postLater(const std::shared_ptr<Call>& call) {
+    RequestHeaders fields;
+    Engine::ExchangeOptions carriage;
+    bool ackOnly = false;
+    std::string problem;
+    if (call->request.find(Protocol::kPostIdHeader) == call->request.end() ||
+        !readFields(call->request, fields, problem) ||
+        !readCarriage(call->request, fields, carriage, ackOnly, problem)) {
+        return false;
+    }
+    {
+        std::lock_guard<std::mutex> lock(laterMutex);
+        ++laterPosts;
+    }
+    bool taken = false;
+    try {
+        taken = engine.exchangeLater(
+            fields, call->request.body(), carriage,
+            [this, held = std::shared_ptr<Call>(call)](bool done, std::string&& response,
+                                                       const Failure& failure) mutable {
+                HttpReply reply;
+                try {
+                    if (done) {
+                        succeed(reply, std::move(response));
+                    } else {
+                        answer(reply, Wire::statusForFailure(Protocol::failureCode(failure.kind)),
+                               failure.message);
+                    }
+                } catch (...) {
+                    reply = HttpReply();
+                    answer(reply, 500, "The daemon failed to serve the exchange.");
+                }
+                held->answer(std::move(reply));
+                held.reset();  // before the count: once it is 0 the server may go
+                std::lock_guard<std::mutex> lock(laterMutex);
+                --laterPosts;
+                laterAnswered.notify_all();
+            });
+    } catch (...) {
+        // Out of memory before the store took it: the pool's exchange answers.
+    }
+    if (!taken) {
+        std::lock_guard<std::mutex> lock(laterMutex);
+        --laterPosts;
+        laterAnswered.notify_all();
+    }
+    return taken;
 }
 
 // On the pool, or on the connection's strand when the store never waits: runs
@@ -551,9 +627,7 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAs
         reply.headers.emplace_back(Protocol::kEventsBytesHeader, std::to_string(response.size()));
         response += *result.clients;
     }
-    reply.status = 200;
-    reply.contentType = "application/octet-stream";
-    reply.body = std::move(response);
+    succeed(reply, std::move(response));
     if (result.lastSequence == 0) {
         if (waits) {
             ask.wait = result.wait;

@@ -10,6 +10,8 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <optional>
+#include <system_error>
 
 #include "engine/internal/RedisConnectionPool.h"
 #include "engine/internal/RedisPostWatcher.h"
@@ -293,7 +295,9 @@ RedisStore::RedisStore(const RedisAddress& address, const ServiceLimits& limits)
       pool(new RedisConnectionPool(address)),
       scripts(new RedisScripts) {}
 
-RedisStore::~RedisStore() = default;
+RedisStore::~RedisStore() {
+    stopPosters();
+}
 
 void RedisStore::ping() {
     outOfMemoryIsLimit([&] {
@@ -347,73 +351,128 @@ void RedisStore::clients(const std::string& serverId, ClientList& clients) {
     });
 }
 
-// One caller's post while it waits for its call to Redis.
-struct RedisStore::QueuedPost {
-    QueuedPost(const std::string& senderId, const std::string& text, const std::string& postId,
-               ClientList& clients)
-        : senderId(senderId), text(text), postId(postId), clients(clients) {}
-
-    const std::string& senderId;
-    const std::string& text;
-    const std::string& postId;
-    ClientList& clients;
-    bool done = false;
-    std::exception_ptr failure;  // its refusal, or the call's failure
-    std::condition_variable settled;
+struct RedisStore::LaterPost {
+    std::string senderId, text, postId;
+    PostDone done;
+    std::optional<Failure> refusal;  // set by the script
 };
 
 void RedisStore::post(const std::string& serverId, const std::string& senderId,
                       const std::string& text, const std::string& postId, ClientList& clients) {
-    // Bounds on one call, so that a post behind a crowd is not held long; the
-    // first post always goes, whatever its size.
-    static const std::size_t kMostPostsPerCall = 64, kMostBytesPerCall = 1 << 20;
-    QueuedPost mine(senderId, text, postId, clients);
-    std::vector<QueuedPost*> posts;
-    posts.reserve(kMostPostsPerCall);  // nothing below throws while mine is queued
-    std::unique_lock<std::mutex> lock(postMutex);
-    std::deque<QueuedPost*>& queue = postQueues[serverId];
-    queue.push_back(&mine);
-    mine.settled.wait(lock, [&] { return mine.done || queue.front() == &mine; });
-    if (!mine.done) {
-        std::size_t bytes = 0;
-        for (QueuedPost* post : queue) {
-            if (!posts.empty() && (posts.size() == kMostPostsPerCall ||
-                                   bytes + post->text.size() > kMostBytesPerCall)) {
-                break;
-            }
-            posts.push_back(post);
-            bytes += post->text.size();
-        }
-        lock.unlock();
-        std::exception_ptr failure;
-        try {
-            outOfMemoryIsLimit([&] { postInOneCall(serverId, posts); });
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        lock.lock();
-        for (QueuedPost* post : posts) {
-            if (failure) {
-                post->failure = failure;
-            }
-            post->done = true;
-            post->settled.notify_one();
-            queue.pop_front();
-        }
-        if (queue.empty()) {
-            postQueues.erase(serverId);
-        } else {
-            queue.front()->settled.notify_one();
-        }
-    }
-    lock.unlock();
-    if (mine.failure) {
-        std::rethrow_exception(mine.failure);
+    std::mutex mutex;
+    std::condition_variable settled;
+    bool done = false;
+    std::optional<Failure> failed;
+    postLater(serverId, senderId, text, postId,
+              [&](const ClientList* answered, const Failure* failure) {
+                  std::lock_guard<std::mutex> lock(mutex);
+                  if (answered != nullptr) {
+                      clients = *answered;
+                  } else {
+                      failed = *failure;
+                  }
+                  done = true;
+                  settled.notify_one();  // under the lock: this frame may go right after
+              });
+    std::unique_lock<std::mutex> lock(mutex);
+    settled.wait(lock, [&] { return done; });
+    if (failed) {
+        throw *failed;
     }
 }
 
-void RedisStore::postInOneCall(const std::string& serverId,
-                               const std::vector<QueuedPost*>& posts) {
+void RedisStore::postLater(const std::string& serverId, const std::string& senderId,
+                           const std::string& text, const std::string& postId, PostDone done) {
+    outOfMemoryIsLimit([&] {
+        std::lock_guard<std::mutex> lock(postMutex);
+        if (posters.empty()) {
+            try {
+                for (std::size_t i = 0; i < kPosters; ++i) {
+                    posters.emplace_back([this] { sendPosts(); });
+                }
+            } catch (const std::system_error&) {
+                if (posters.empty()) {
+                    throw Failure{FailureKind::Limit,
+                                  storeFailedMessage("queue the event", "no thread could start")};
+                }
+            }
+        }
+        std::deque<LaterPost>& waiting = laterPosts[serverId];
+        waiting.push_back(LaterPost{senderId, text, postId, std::move(done), std::nullopt});
+        if (waiting.size() == 1 && sending.count(serverId) == 0) {
+            postable.push_back(serverId);
+            postsWaiting.notify_one();
+        }
+    });
+}
+
+void RedisStore::stopPosters() {
+    {
+        std::lock_guard<std::mutex> lock(postMutex);
+        stopping = true;
+    }
+    postsWaiting.notify_all();
+    for (std::thread& poster : posters) {
+        poster.join();  // each sends what waits before it ends
+    }
+}
+
+void RedisStore::sendPosts() {
+    // Bounds on one call, so that a post behind a crowd is not held long; the
+    // first post always goes, whatever its size.
+    static const std::size_t kMostPostsPerCall = 64, kMostBytesPerCall = 1 << 20;
+    std::unique_lock<std::mutex> lock(postMutex);
+    for (;;) {
+        postsWaiting.wait(lock, [this] { return stopping || !postable.empty(); });
+        if (postable.empty()) {
+            return;
+        }
+        const std::string serverId = std::move(postable.front());
+        postable.pop_front();
+        std::deque<LaterPost>& waiting = laterPosts[serverId];
+        std::vector<LaterPost> posts;
+        std::size_t bytes = 0;
+        while (!waiting.empty() && (posts.empty() || (posts.size() < kMostPostsPerCall &&
+                                                      bytes + waiting.front().text.size() <=
+                                                          kMostBytesPerCall))) {
+            bytes += waiting.front().text.size();
+            posts.push_back(std::move(waiting.front()));
+            waiting.pop_front();
+        }
+        sending.insert(serverId);
+        lock.unlock();
+
+        ClientList clients;
+        std::optional<Failure> failed;
+        try {
+            outOfMemoryIsLimit([&] { postInOneCall(serverId, posts, clients); });
+        } catch (const Failure& failure) {
+            failed = failure;
+        } catch (...) {
+            failed = Failure{FailureKind::Limit,
+                             storeFailedMessage("queue the event", "Redis failed unexpectedly")};
+        }
+        for (LaterPost& post : posts) {
+            const Failure* failure = failed ? &*failed : post.refusal ? &*post.refusal : nullptr;
+            try {
+                post.done(failure == nullptr ? &clients : nullptr, failure);
+            } catch (...) {
+                // done must not throw; the post is made or refused all the same.
+            }
+        }
+
+        lock.lock();
+        sending.erase(serverId);
+        if (laterPosts[serverId].empty()) {
+            laterPosts.erase(serverId);
+        } else {
+            postable.push_back(serverId);  // this poster or another takes them next
+        }
+    }
+}
+
+void RedisStore::postInOneCall(const std::string& serverId, std::vector<LaterPost>& posts,
+                               ClientList& clients) {
     const ServerKeys keys(ServerKeys::hashTag(serverId));
     const std::string now = std::to_string(epochMilliseconds());
     const std::string mostEvents = std::to_string(limits().maxQueuedEventsPerClient);
@@ -425,42 +484,40 @@ void RedisStore::postInOneCall(const std::string& serverId,
     std::vector<const std::string*> arguments{&now,        &mostEvents, &mostBytes,
                                               &mostStored, &kRemembered, &kAge,
                                               &kChannel,   &serverId};
-    for (const QueuedPost* post : posts) {
-        arguments.insert(arguments.end(), {&post->senderId, &post->text, &post->postId});
+    for (const LaterPost& post : posts) {
+        arguments.insert(arguments.end(), {&post.senderId, &post.text, &post.postId});
     }
     RedisReply reply = runScript(*scripts, *pool, RedisScripts::Post, keys, arguments);
     const ReplyReader reader(*pool, *reply);
-    ClientList clients;
     reader.texts(1, clients);
     for (std::size_t i = 0; i < posts.size(); ++i) {
-        const QueuedPost& post = *posts[i];
+        LaterPost& post = posts[i];
         const ReplyReader outcome(*pool, reader.list(2 + i));
-        const auto failWith = [&](FailureKind kind, const std::string& message) {
-            posts[i]->failure = std::make_exception_ptr(Failure{kind, message});
+        const auto refuse = [&](FailureKind kind, const std::string& message) {
+            post.refusal = Failure{kind, message};
         };
         switch (outcome.status()) {
             case RedisStatus::Done:
-                post.clients = clients;
                 break;
             case RedisStatus::NotRegistered:
-                failWith(FailureKind::Refused, notRegisteredMessage(serverId, post.senderId));
+                refuse(FailureKind::Refused, notRegisteredMessage(serverId, post.senderId));
                 break;
             case RedisStatus::TooManyEvents:
-                failWith(FailureKind::Limit,
-                         tooManyEventsMessage(serverId, post.senderId, outcome.text(1),
-                                              static_cast<std::size_t>(outcome.integer(2))));
+                refuse(FailureKind::Limit,
+                       tooManyEventsMessage(serverId, post.senderId, outcome.text(1),
+                                            static_cast<std::size_t>(outcome.integer(2))));
                 break;
             case RedisStatus::TooManyBytes:
-                failWith(FailureKind::Limit,
-                         tooManyBytesMessage(serverId, post.senderId, outcome.text(1),
-                                             static_cast<std::size_t>(outcome.integer(2)),
-                                             post.text.size(), limits().maxQueuedBytesPerClient));
+                refuse(FailureKind::Limit,
+                       tooManyBytesMessage(serverId, post.senderId, outcome.text(1),
+                                           static_cast<std::size_t>(outcome.integer(2)),
+                                           post.text.size(), limits().maxQueuedBytesPerClient));
                 break;
             case RedisStatus::TooManyStored:
-                failWith(FailureKind::Limit,
-                         tooManyStoredBytesMessage(serverId, post.senderId,
-                                                   static_cast<std::size_t>(outcome.integer(1)),
-                                                   post.text.size(), limits().maxStoredBytes));
+                refuse(FailureKind::Limit,
+                       tooManyStoredBytesMessage(serverId, post.senderId,
+                                                 static_cast<std::size_t>(outcome.integer(1)),
+                                                 post.text.size(), limits().maxStoredBytes));
                 break;
             default:
                 outcome.unexpected(*reply);

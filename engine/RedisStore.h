@@ -14,11 +14,14 @@
 #ifndef AVQVL_ENGINE_REDISSTORE_H
 #define AVQVL_ENGINE_REDISSTORE_H
 
+#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "engine/ServiceLimits.h"
@@ -69,6 +72,9 @@ public:
     void clients(const std::string& serverId, ClientList& clients) override;
     void post(const std::string& serverId, const std::string& senderId, const std::string& text,
               const std::string& postId, ClientList& clients) override;
+    void postLater(const std::string& serverId, const std::string& senderId,
+                   const std::string& text, const std::string& postId, PostDone done) override;
+    bool postsLater() const override { return true; }
     void readWithClients(const std::string& serverId, const std::string& clientId,
                          const std::optional<std::uint64_t>& ackUpTo,
                          std::vector<StoredEvent>& events, ClientList& clients) override;
@@ -87,12 +93,18 @@ public:
     void expireIdleClients(std::int64_t idleBeforeMs, std::vector<ClientInfo>& expired) override;
 
 private:
-    struct QueuedPost;
+    struct LaterPost;
 
     std::vector<std::string> serverTags();
-    // Runs the Post script for posts, in turn, and settles each: its clients,
-    // or its refusal in its failure. Throws when the call itself failed.
-    void postInOneCall(const std::string& serverId, const std::vector<QueuedPost*>& posts);
+    // What each poster thread does until the store goes: takes the posts
+    // waiting for one server that no other poster is sending, in arrival
+    // order, into one call of the Post script, and gives each its outcome.
+    void sendPosts();
+    // Runs the Post script for posts, in turn, and settles each: clients for
+    // all, or its refusal. Throws Failure when the call itself failed.
+    void postInOneCall(const std::string& serverId, std::vector<LaterPost>& posts,
+                       ClientList& clients);
+    void stopPosters();
     // read(); with clients given, the server's clients too, in the same script.
     void readEvents(const std::string& serverId, const std::string& clientId,
                     const std::optional<std::uint64_t>& ackUpTo, std::vector<StoredEvent>& events,
@@ -101,12 +113,19 @@ private:
     const RedisAddress address;
     const std::unique_ptr<RedisConnectionPool> pool;
     const std::unique_ptr<RedisScripts> scripts;
-    // Posts to one server queue in arrival order; the first of a queue takes
-    // those behind it into one call of the Post script while the rest wait, so
-    // that concurrent posts share a round trip and the script's reads and
-    // writes of the counts.
-    std::mutex postMutex;  // guards postQueues and each QueuedPost
-    std::unordered_map<std::string, std::deque<QueuedPost*>> postQueues;
+    // Posts wait by server for a poster thread, which sends those of one
+    // server together: concurrent posts share a round trip and the script's
+    // reads and writes of the counts, and no caller's thread waits on Redis
+    // (postLater). One call per server at a time keeps a server's posts in
+    // order; kPosters servers are sent at once.
+    static const std::size_t kPosters = 4;
+    std::mutex postMutex;  // guards everything down to posters
+    std::condition_variable postsWaiting;
+    std::unordered_map<std::string, std::deque<LaterPost>> laterPosts;
+    std::deque<std::string> postable;  // servers with posts waiting, none being sent
+    std::unordered_set<std::string> sending;
+    bool stopping = false;
+    std::vector<std::thread> posters;  // started with the first post
     std::mutex watcherMutex;  // guards watcher
     // Last: it goes first, while the pool it connects through is still there.
     std::unique_ptr<RedisPostWatcher> watcher;

@@ -176,6 +176,50 @@ bool ServiceEngine::exchange(const RequestHeaders& headers, const std::string& b
     return run([&] { response = dispatch(headers, body, options, false, result); }, failure);
 }
 
+bool ServiceEngine::exchangeLater(const RequestHeaders& headers, const std::string& body,
+                                  const ExchangeOptions& options, ExchangeDone done) {
+    const auto operation = headers.find(Protocol::kOperationNameField);
+    if (!store->postsLater() || operation == headers.end() ||
+        operation->second != Protocol::kPutEvents) {
+        return false;
+    }
+    LaterPost later;
+    ExchangeResult result;
+    Failure failure;
+    if (!run([&] { dispatch(headers, body, options, false, result, &later); }, failure)) {
+        done(false, std::string(), failure);
+        return true;
+    }
+    if (!later.taken) {
+        return false;
+    }
+    const bool queued = run(
+        [&] {
+            store->postLater(
+                later.serverId, later.clientId, body, options.postId,
+                [this, serverId = later.serverId, done](const ClientList* clients,
+                                                        const Failure* refused) {
+                    if (refused != nullptr) {
+                        done(false, std::string(), *refused);
+                        return;
+                    }
+                    posted(serverId);
+                    std::string response;
+                    Failure failed;
+                    if (run([&] { response = sharedClientDocument(*clients); }, failed)) {
+                        done(true, std::move(response), failed);
+                    } else {
+                        done(false, std::string(), failed);
+                    }
+                });
+        },
+        failure);
+    if (!queued) {
+        done(false, std::string(), failure);
+    }
+    return true;
+}
+
 bool ServiceEngine::acknowledge(const std::string& serverId, const std::string& clientId,
                                 std::uint64_t upTo, Failure& failure) {
     return run([&] { store->acknowledge(serverId, clientId, upTo); }, failure);
@@ -183,7 +227,7 @@ bool ServiceEngine::acknowledge(const std::string& serverId, const std::string& 
 
 std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::string& body,
                                     const ExchangeOptions& options, bool ackAnswer,
-                                    ExchangeResult& result) {
+                                    ExchangeResult& result, LaterPost* later) {
     const std::string& serviceName = requiredHeader(headers, Protocol::kServiceNameField);
     const bool admin = serviceName == Protocol::kAdminServiceName;
     if (serviceName != Protocol::kServiceName && !admin) {
@@ -222,7 +266,7 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
         return unregisterClient(serverId, clientId);
     }
     if (operation == Protocol::kPutEvents) {
-        return putEvents(serverId, clientId, body, options.postId);
+        return putEvents(serverId, clientId, body, options.postId, later);
     }
     if (operation == Protocol::kGetEvents) {
         result.wait = wait;
@@ -255,8 +299,12 @@ std::string ServiceEngine::unregisterClient(const std::string& serverId,
 }
 
 std::string ServiceEngine::putEvents(const std::string& serverId, const std::string& clientId,
-                                     const std::string& body, const std::string& postId) {
+                                     const std::string& body, const std::string& postId,
+                                     LaterPost* later) {
     if (!fitsXmlDocument(body)) {
+        if (later != nullptr) {
+            return std::string();  // not taken: the refusal looks at the store first
+        }
         // A sender that is not registered hears that first, as it would had
         // its event been fine.
         ClientList clients;
@@ -267,6 +315,10 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
         refuseProtocol("The event of client " + quoted(clientId) +
                        " holds control characters, U+FFFE, U+FFFF or bytes that are not "
                        "UTF-8, which an XML document cannot carry.");
+    }
+    if (later != nullptr) {
+        *later = LaterPost{true, serverId, clientId};
+        return std::string();
     }
     ClientList clients;
     store->post(serverId, clientId, body, postId, clients);

@@ -41,6 +41,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -111,6 +112,18 @@ public:
     bool exchange(const RequestHeaders& headers, const std::string& body,
                   const ExchangeOptions& options, std::string& response, Failure& failure,
                   ExchangeResult& result);
+    // Called once with what exchange() gives: true with the response, or
+    // false with the failure. Must not throw.
+    using ExchangeDone =
+        std::function<void(bool done, std::string&& response, const Failure& failure)>;
+    // exchange() for a putEvents on a store that postsLater(), without holding
+    // the caller on the store: true when it took the exchange, and done is then
+    // called once, from a thread of the store's (or from this one, when the
+    // request is refused before it reaches the store). False, with nothing
+    // done, for every other exchange and for a putEvents whose refusal needs a
+    // look at the store: the carrier calls exchange() for those.
+    bool exchangeLater(const RequestHeaders& headers, const std::string& body,
+                       const ExchangeOptions& options, ExchangeDone done);
     // Moves the client's cursor to upTo (never backward): what a getEvents
     // answered without an ack once the carrier wrote it whole. False with the
     // failure filled when the store fails; the events then come again.
@@ -131,13 +144,21 @@ public:
     bool storeNeverWaits() const { return store->neverWaits(); }
 
 private:
-    // ackAnswer: a getEvents acknowledges its own answer (handle()).
+    // A putEvents checked and left for the store to post (exchangeLater()).
+    struct LaterPost {
+        bool taken = false;
+        std::string serverId, clientId;
+    };
+
+    // ackAnswer: a getEvents acknowledges its own answer (handle()). With
+    // later given, a putEvents that would reach the store fills it instead.
     std::string dispatch(const RequestHeaders& headers, const std::string& body,
-                         const ExchangeOptions& options, bool ackAnswer, ExchangeResult& result);
+                         const ExchangeOptions& options, bool ackAnswer, ExchangeResult& result,
+                         LaterPost* later = nullptr);
     std::string registerClient(const std::string& serverId, const std::string& clientId);
     std::string unregisterClient(const std::string& serverId, const std::string& clientId);
     std::string putEvents(const std::string& serverId, const std::string& clientId,
-                          const std::string& body, const std::string& postId);
+                          const std::string& body, const std::string& postId, LaterPost* later);
     std::string getEvents(const std::string& serverId, const std::string& clientId,
                           const ExchangeOptions& options, bool ackAnswer, ExchangeResult& result);
     std::string getSharedClients(const std::string& serverId);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <new>
 
 namespace Arvant {
 namespace Net {
@@ -22,6 +23,22 @@ std::string cannotQueue(const std::string& serverId, const std::string& senderId
 }
 
 }  // namespace
+
+void Store::postLater(const std::string& serverId, const std::string& senderId,
+                      const std::string& text, const std::string& postId, PostDone done) {
+    ClientList clients;
+    try {
+        post(serverId, senderId, text, postId, clients);
+    } catch (const Failure& failure) {
+        done(nullptr, &failure);
+        return;
+    } catch (const std::bad_alloc&) {
+        const Failure failure{FailureKind::Limit, outOfMemoryMessage()};
+        done(nullptr, &failure);
+        return;
+    }
+    done(&clients, nullptr);
+}
 
 // The memory store holds every text in this process, and a getEvents answer
 // briefly holds a client's texts again, escaped; a quarter of the physical

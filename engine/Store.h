@@ -77,6 +77,9 @@ constexpr std::int64_t kRememberedPostAgeMs = 10 * 60 * 1000;
 // waiter looks again). Called from the poster's thread or a store's own; it
 // must be quick and must not call the store.
 using PostListener = std::function<void(const std::string& serverId)>;
+// A post's outcome: clients (the server's) when it was made, else failure.
+// Exactly one of the two is given.
+using PostDone = std::function<void(const ClientList* clients, const Failure* failure)>;
 
 // The clock of registration and fetch times: milliseconds since the Unix epoch.
 std::int64_t epochMilliseconds();
@@ -112,6 +115,14 @@ public:
     // kRememberedPosts. clients receives the server's clients.
     virtual void post(const std::string& serverId, const std::string& senderId,
                       const std::string& text, const std::string& postId, ClientList& clients) = 0;
+    // post(), with the outcome given to done (which must not throw) instead of
+    // returned: a store that postsLater() calls it from a thread of its own and
+    // never holds the caller; any other calls post() and then done, on the
+    // caller's thread. The strings are copied. Throws Failure, and calls
+    // nothing, when the post cannot even be queued (out of memory).
+    virtual void postLater(const std::string& serverId, const std::string& senderId,
+                           const std::string& text, const std::string& postId, PostDone done);
+    virtual bool postsLater() const { return false; }
     // Events past the client's cursor, oldest first, the client's own posts
     // left out; the cursor does not move. First, when ackUpTo is given,
     // acknowledges up to it (as acknowledge()). Records the time of the fetch.
