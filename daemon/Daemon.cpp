@@ -434,7 +434,12 @@ bool Daemon::Impl::postLater(const std::shared_ptr<Call>& call) {
         return false;
     }
     {
+        // The store queue's bound holds for these too: past it, the pool
+        // answers 503 as it would for any exchange.
         std::lock_guard<std::mutex> lock(laterMutex);
+        if (laterPosts >= options.storeQueue) {
+            return false;
+        }
         ++laterPosts;
     }
     bool taken = false;

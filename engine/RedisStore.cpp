@@ -361,21 +361,28 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
                       const std::string& text, const std::string& postId, ClientList& clients) {
     std::mutex mutex;
     std::condition_variable settled;
-    bool done = false;
+    bool done = false, outOfMemory = false;
     std::optional<Failure> failed;
     postLater(serverId, senderId, text, postId,
               [&](const ClientList* answered, const Failure* failure) {
                   std::lock_guard<std::mutex> lock(mutex);
-                  if (answered != nullptr) {
-                      clients = *answered;
-                  } else {
-                      failed = *failure;
+                  try {
+                      if (answered != nullptr) {
+                          clients = *answered;
+                      } else {
+                          failed = *failure;
+                      }
+                  } catch (const std::bad_alloc&) {
+                      outOfMemory = true;
                   }
                   done = true;
                   settled.notify_one();  // under the lock: this frame may go right after
               });
     std::unique_lock<std::mutex> lock(mutex);
     settled.wait(lock, [&] { return done; });
+    if (outOfMemory) {
+        throw Failure{FailureKind::Limit, outOfMemoryMessage()};
+    }
     if (failed) {
         throw *failed;
     }
@@ -384,6 +391,7 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
 void RedisStore::postLater(const std::string& serverId, const std::string& senderId,
                            const std::string& text, const std::string& postId, PostDone done) {
     outOfMemoryIsLimit([&] {
+        LaterPost post{senderId, text, postId, std::move(done), std::nullopt};
         std::lock_guard<std::mutex> lock(postMutex);
         if (posters.empty()) {
             try {
@@ -397,10 +405,27 @@ void RedisStore::postLater(const std::string& serverId, const std::string& sende
                 }
             }
         }
-        std::deque<LaterPost>& waiting = laterPosts[serverId];
-        waiting.push_back(LaterPost{senderId, text, postId, std::move(done), std::nullopt});
-        if (waiting.size() == 1 && sending.count(serverId) == 0) {
-            postable.push_back(serverId);
+        auto found = laterPosts.find(serverId);
+        if (found == laterPosts.end()) {
+            found = laterPosts.emplace(serverId, ServerPosts()).first;
+            try {
+                found->second.name.push_back(serverId);
+            } catch (...) {
+                laterPosts.erase(found);
+                throw;
+            }
+        }
+        ServerPosts& server = found->second;
+        try {
+            server.waiting.push_back(std::move(post));
+        } catch (...) {
+            if (server.waiting.empty() && !server.sending) {
+                laterPosts.erase(found);
+            }
+            throw;
+        }
+        if (!server.sending && !server.name.empty()) {
+            postable.splice(postable.end(), server.name);
             postsWaiting.notify_one();
         }
     });
@@ -427,30 +452,31 @@ void RedisStore::sendPosts() {
         if (postable.empty()) {
             return;
         }
-        const std::string serverId = std::move(postable.front());
-        postable.pop_front();
-        std::deque<LaterPost>& waiting = laterPosts[serverId];
-        std::vector<LaterPost> posts;
-        std::size_t bytes = 0;
-        while (!waiting.empty() && (posts.empty() || (posts.size() < kMostPostsPerCall &&
-                                                      bytes + waiting.front().text.size() <=
-                                                          kMostBytesPerCall))) {
-            bytes += waiting.front().text.size();
-            posts.push_back(std::move(waiting.front()));
-            waiting.pop_front();
+        // Unordered-map elements stay put while others come and go.
+        ServerPosts& server = laterPosts.find(postable.front())->second;
+        server.name.splice(server.name.begin(), postable, postable.begin());
+        server.sending = true;
+        const std::string& serverId = server.name.front();
+        std::list<LaterPost> posts;
+        std::size_t count = 0, bytes = 0;
+        while (!server.waiting.empty() &&
+               (count == 0 || (count < kMostPostsPerCall &&
+                               bytes + server.waiting.front().text.size() <= kMostBytesPerCall))) {
+            ++count;
+            bytes += server.waiting.front().text.size();
+            posts.splice(posts.end(), server.waiting, server.waiting.begin());
         }
-        sending.insert(serverId);
         lock.unlock();
 
         ClientList clients;
         std::optional<Failure> failed;
         try {
             outOfMemoryIsLimit([&] { postInOneCall(serverId, posts, clients); });
-        } catch (const Failure& failure) {
-            failed = failure;
+        } catch (Failure& failure) {
+            failed = std::move(failure);
         } catch (...) {
-            failed = Failure{FailureKind::Limit,
-                             storeFailedMessage("queue the event", "Redis failed unexpectedly")};
+            failed.emplace();  // no message: there is no memory for one
+            failed->kind = FailureKind::Limit;
         }
         for (LaterPost& post : posts) {
             const Failure* failure = failed ? &*failed : post.refusal ? &*post.refusal : nullptr;
@@ -462,16 +488,16 @@ void RedisStore::sendPosts() {
         }
 
         lock.lock();
-        sending.erase(serverId);
-        if (laterPosts[serverId].empty()) {
-            laterPosts.erase(serverId);
+        server.sending = false;
+        if (server.waiting.empty()) {
+            laterPosts.erase(laterPosts.find(serverId));
         } else {
-            postable.push_back(serverId);  // this poster or another takes them next
+            postable.splice(postable.end(), server.name);  // this poster or another takes them
         }
     }
 }
 
-void RedisStore::postInOneCall(const std::string& serverId, std::vector<LaterPost>& posts,
+void RedisStore::postInOneCall(const std::string& serverId, std::list<LaterPost>& posts,
                                ClientList& clients) {
     const ServerKeys keys(ServerKeys::hashTag(serverId));
     const std::string now = std::to_string(epochMilliseconds());
@@ -490,9 +516,9 @@ void RedisStore::postInOneCall(const std::string& serverId, std::vector<LaterPos
     RedisReply reply = runScript(*scripts, *pool, RedisScripts::Post, keys, arguments);
     const ReplyReader reader(*pool, *reply);
     reader.texts(1, clients);
-    for (std::size_t i = 0; i < posts.size(); ++i) {
-        LaterPost& post = posts[i];
-        const ReplyReader outcome(*pool, reader.list(2 + i));
+    std::size_t index = 2;  // of the first post's outcome
+    for (LaterPost& post : posts) {
+        const ReplyReader outcome(*pool, reader.list(index++));
         const auto refuse = [&](FailureKind kind, const std::string& message) {
             post.refusal = Failure{kind, message};
         };

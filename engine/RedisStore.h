@@ -15,13 +15,12 @@
 #define AVQVL_ENGINE_REDISSTORE_H
 
 #include <condition_variable>
-#include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "engine/ServiceLimits.h"
@@ -102,7 +101,7 @@ private:
     void sendPosts();
     // Runs the Post script for posts, in turn, and settles each: clients for
     // all, or its refusal. Throws Failure when the call itself failed.
-    void postInOneCall(const std::string& serverId, std::vector<LaterPost>& posts,
+    void postInOneCall(const std::string& serverId, std::list<LaterPost>& posts,
                        ClientList& clients);
     void stopPosters();
     // read(); with clients given, the server's clients too, in the same script.
@@ -118,12 +117,20 @@ private:
     // reads and writes of the counts, and no caller's thread waits on Redis
     // (postLater). One call per server at a time keeps a server's posts in
     // order; kPosters servers are sent at once.
+    // Once a post is queued, nothing a poster does allocates (lists move
+    // nodes), so that running out of memory cannot strand a post.
     static const std::size_t kPosters = 4;
+    struct ServerPosts {
+        std::list<LaterPost> waiting;  // in arrival order
+        // The server's id: one node, here or in postable while the server waits
+        // for a poster.
+        std::list<std::string> name;
+        bool sending = false;
+    };
     std::mutex postMutex;  // guards everything down to posters
     std::condition_variable postsWaiting;
-    std::unordered_map<std::string, std::deque<LaterPost>> laterPosts;
-    std::deque<std::string> postable;  // servers with posts waiting, none being sent
-    std::unordered_set<std::string> sending;
+    std::unordered_map<std::string, ServerPosts> laterPosts;
+    std::list<std::string> postable;  // servers with posts waiting, none being sent
     bool stopping = false;
     std::vector<std::thread> posters;  // started with the first post
     std::mutex watcherMutex;  // guards watcher

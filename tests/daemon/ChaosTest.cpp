@@ -37,15 +37,25 @@ constexpr int kProbeMs = 5000;
 
 void runPhases(DaemonProcess& daemon, const std::vector<Phase>& phases) {
     registerClients(daemon.port, {"alice", "bob"});
-    const std::string put = exchangeText(asClient("putEvents", "alice"), "e");
     std::vector<std::unique_ptr<RawConnection>> stuck;
+    char id = 'a';
     for (const Phase& phase : phases) {
         SCOPED_TRACE(phase.name);
+        // With a post id of its own, as the library sends it (on the Redis
+        // store such a post skips the store threads).
+        const std::string put =
+            exchangeText(asClient("putEvents", "alice"), "e",
+                         "Quorvel-Post-Id: " + std::string(31, '0') + id++ + "\r\n");
         phase.act();
-        // More exchanges waiting on the store than the daemon has I/O threads.
+        // More exchanges waiting on the store than the daemon has I/O threads,
+        // each given time to reach its place; then one past every bound.
         for (int i = 0; i < 4 && phase.exchanges == Exchanges::Stuck; ++i) {
             stuck.push_back(std::make_unique<RawConnection>(daemon.port));
             stuck.back()->send(put);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        if (phase.exchanges == Exchanges::Stuck) {
+            EXPECT_EQ(statusOf(exchangeRaw(daemon.port, put, kProbeMs)), 503);
         }
         EXPECT_EQ(statusOf(getRaw(daemon.port, "/healthz", "", kProbeMs)), 200);
         // About 40 s at most: a store call under way when the store came back
@@ -78,8 +88,10 @@ void setFileSizeLimit(pid_t pid, rlim_t bytes) {
 // (Reading the URL's is RedisStoreTest's, as are a wrong or missing one.)
 TEST(ChaosTest, TheDaemonOutlivesItsStoreAndServesAgainWhenItIsBack) {
     RedisServer redis("s3cret");
+    // Stuck, past the bounds: one post for the store's poster threads, two on
+    // the store threads, one queued for them.
     DaemonProcess daemon({"--redis", "redis://:wrong@" + redis.url().substr(8), "--threads", "2",
-                          "--store-threads", "2"},
+                          "--store-threads", "2", "--store-queue", "1"},
                          {"QUORVEL_REDIS_PASSWORD=s3cret"});
     runPhases(daemon, {
                           {"Redis answers", [] {}, 200, Exchanges::Served},
