@@ -505,11 +505,9 @@ void RedisStore::postInOneCall(const std::string& serverId, std::list<LaterPost>
     const std::string mostBytes = std::to_string(limits().maxQueuedBytesPerClient);
     const std::string mostStored = std::to_string(limits().maxStoredBytes);
     static const std::string kRemembered = std::to_string(kRememberedPosts),
-                             kAge = std::to_string(kRememberedPostAgeMs),
-                             kChannel = kPostedChannel;
-    std::vector<const std::string*> arguments{&now,        &mostEvents, &mostBytes,
-                                              &mostStored, &kRemembered, &kAge,
-                                              &kChannel,   &serverId};
+                             kAge = std::to_string(kRememberedPostAgeMs), kChannel = kPostedChannel;
+    std::vector<const std::string*> arguments{&now,         &mostEvents, &mostBytes, &mostStored,
+                                              &kRemembered, &kAge,       &kChannel,  &serverId};
     for (const LaterPost& post : posts) {
         arguments.insert(arguments.end(), {&post.senderId, &post.text, &post.postId});
     }

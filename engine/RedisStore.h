@@ -10,7 +10,9 @@
 // script was sent leaves the operation applied or not (a timed-out script may
 // still run): the Failure says the outcome is unknown, and a resend with the
 // same post id is safe. Thread-safe; connections are pooled and opened again
-// after Redis restarts.
+// after Redis restarts. Posts are sent by four threads of the store's own,
+// started with the first post and joined when the store goes: the posts
+// waiting for one server go in one script call, each applied as if alone.
 #ifndef AVQVL_ENGINE_REDISSTORE_H
 #define AVQVL_ENGINE_REDISSTORE_H
 
@@ -133,7 +135,7 @@ private:
     std::list<std::string> postable;  // servers with posts waiting, none being sent
     bool stopping = false;
     std::vector<std::thread> posters;  // started with the first post
-    std::mutex watcherMutex;  // guards watcher
+    std::mutex watcherMutex;           // guards watcher
     // Last: it goes first, while the pool it connects through is still there.
     std::unique_ptr<RedisPostWatcher> watcher;
 };

@@ -2,7 +2,8 @@
 // resumed, killed and restarted (with a password), and an SQLite store held under a file size
 // limit (a write refused with the cause named). Whatever the store does, the
 // daemon lives on and answers /healthz, says through /readyz and /metrics
-// whether the store answers, and serves exchanges again once it does.
+// whether the store answers, and serves exchanges again once it does. Posts
+// that skip the store threads are refused as those would refuse them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -112,4 +113,47 @@ TEST(ChaosTest, TheDaemonOutlivesItsStoreAndServesAgainWhenItIsBack) {
                           {"limit lifted", [&] { setFileSizeLimit(sqlite.id(), RLIM_INFINITY); },
                            200, Exchanges::Served},
                       });
+}
+
+// Posts that the Redis store's own threads carry are answered as the pool's
+// would be: made, made once when repeated, refused by a limit, for an unknown
+// sender (also with a text no document can carry, which looks at the store
+// first) or before the store.
+TEST(ChaosTest, RedisRefusalsOfPostsAreAnsweredAsOnThePool) {
+    namespace Wire = Arvant::Net::AvQuorvel::Wire;
+    RedisServer redis;
+    DaemonProcess daemon({"--redis", redis.url(), "--max-queued-events=1"});
+    registerClients(daemon.port, {"a", "b"});
+    const struct {
+        const char* client;
+        char id;
+        std::string text;
+        const char* more;  // a field
+        int status;
+        const char* says;
+    } rows[] = {
+        {"a", '1', "e1", nullptr, 200, ">b</"},
+        {"a", '1', "e1", nullptr, 200, ">b</"},
+        {"a", '2', "e2", nullptr, Wire::kLimitStatus, "\"b\" of server \"S\" already has 1 events"},
+        {"x", '3', "e3", nullptr, Wire::kRefusedStatus, "\"x\" is not registered"},
+        {"x", '4', "\x01", nullptr, Wire::kRefusedStatus, "\"x\" is not registered"},
+        {"a", '6', "\x01", nullptr, Wire::kRefusedStatus, "holds control characters"},
+        {"a", '5', "e5", "Wait-Milliseconds=1", Wire::kRefusedStatus, "with getEvents only"},
+    };
+    for (const auto& row : rows) {
+        Strings fields = asClient("putEvents", row.client);
+        if (row.more != nullptr) {
+            fields.push_back(row.more);
+        }
+        const std::string answer =
+            exchangeRaw(daemon.port, exchangeText(fields, row.text,
+                                                  std::string("Quorvel-Post-Id: ") +
+                                                      std::string(Wire::kPostIdDigits - 1, '0') +
+                                                      row.id + "\r\n"));
+        EXPECT_EQ(statusOf(answer), row.status) << row.id;
+        EXPECT_NE(answer.find(row.says), std::string::npos) << row.id << answer;
+    }
+    const std::string events = exchangeRaw(daemon.port, exchangeText(asClient("getEvents", "b")));
+    EXPECT_EQ(events.find(">e1<"), events.rfind(">e1<")) << events;
+    EXPECT_NE(events.find(">e1<"), std::string::npos) << events;
 }

@@ -33,49 +33,6 @@ TEST(RedisScaleOut, AWaiterOnOneDaemonIsReleasedByAPostThroughTheOther) {
     EXPECT_NE(waiter.out().find("1 from P: hi\n"), std::string::npos) << waiter.out();
 }
 
-// Posts that the store's own threads carry are answered as the pool's would
-// be: made, made once when repeated, refused by a limit, for an unknown sender
-// (also with a text no document can carry, which looks at the store first) or
-// before the store.
-TEST(RedisScaleOut, PostsAreAnsweredAsOnThePool) {
-    namespace Wire = Arvant::Net::AvQuorvel::Wire;
-    RedisServer redis;
-    DaemonProcess daemon({"--redis", redis.url(), "--max-queued-events=1"});
-    registerClients(daemon.port, {"a", "b"});
-    const struct {
-        const char* client;
-        char id;
-        std::string text;
-        const char* more;  // a field
-        int status;
-        const char* says;
-    } rows[] = {
-        {"a", '1', "e1", nullptr, 200, ">b</"},
-        {"a", '1', "e1", nullptr, 200, ">b</"},
-        {"a", '2', "e2", nullptr, Wire::kLimitStatus, "\"b\" of server \"S\" already has 1 events"},
-        {"x", '3', "e3", nullptr, Wire::kRefusedStatus, "\"x\" is not registered"},
-        {"x", '4', "\x01", nullptr, Wire::kRefusedStatus, "\"x\" is not registered"},
-        {"a", '6', "\x01", nullptr, Wire::kRefusedStatus, "holds control characters"},
-        {"a", '5', "e5", "Wait-Milliseconds=1", Wire::kRefusedStatus, "with getEvents only"},
-    };
-    for (const auto& row : rows) {
-        Strings fields = asClient("putEvents", row.client);
-        if (row.more != nullptr) {
-            fields.push_back(row.more);
-        }
-        const std::string answer = exchangeRaw(
-            daemon.port, exchangeText(fields, row.text,
-                                      std::string("Quorvel-Post-Id: ") +
-                                          std::string(Wire::kPostIdDigits - 1, '0') + row.id +
-                                          "\r\n"));
-        EXPECT_EQ(statusOf(answer), row.status) << row.id;
-        EXPECT_NE(answer.find(row.says), std::string::npos) << row.id << answer;
-    }
-    const std::string events = exchangeRaw(daemon.port, exchangeText(asClient("getEvents", "b")));
-    EXPECT_EQ(events.find(">e1<"), events.rfind(">e1<")) << events;
-    EXPECT_NE(events.find(">e1<"), std::string::npos) << events;
-}
-
 // Kills under load; may start what it killed again (a on its own port).
 using Fault = std::function<void(RedisServer&, std::unique_ptr<DaemonProcess>& a)>;
 

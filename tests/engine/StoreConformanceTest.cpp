@@ -4,8 +4,8 @@
 // the bytes the whole store holds.
 #include <gtest/gtest.h>
 
-#include <numeric>
 #include <mutex>
+#include <numeric>
 #include <optional>
 #include <set>
 #include <thread>
