@@ -116,10 +116,10 @@ public:
     virtual void post(const std::string& serverId, const std::string& senderId,
                       const std::string& text, const std::string& postId, ClientList& clients) = 0;
     // post(), with the outcome given to done (which must not throw) instead of
-    // returned: a store that postsLater() calls it from a thread of its own and
-    // never holds the caller; any other calls post() and then done, on the
-    // caller's thread. The strings are copied. Throws Failure, and calls
-    // nothing, when the post cannot even be queued (out of memory).
+    // returned: a store that postsLater() copies the strings, calls done from a
+    // thread of its own and never holds the caller; any other calls post() and
+    // then done, on the caller's thread. Throws Failure, and calls nothing,
+    // when the post cannot even be queued (out of memory).
     virtual void postLater(const std::string& serverId, const std::string& senderId,
                            const std::string& text, const std::string& postId, PostDone done);
     virtual bool postsLater() const { return false; }
