@@ -45,8 +45,7 @@ void runPhases(DaemonProcess& daemon, const std::vector<Phase>& phases) {
         // With a post id of its own, as the library sends it (on the Redis
         // store such a post skips the store threads).
         const std::string put =
-            exchangeText(asClient("putEvents", "alice"), "e",
-                         "Quorvel-Post-Id: " + std::string(31, '0') + id++ + "\r\n");
+            exchangeText(asClient("putEvents", "alice"), "e", postIdHeader(id++));
         phase.act();
         // More exchanges waiting on the store than the daemon has I/O threads,
         // each given time to reach its place; then one past every bound.
@@ -153,10 +152,7 @@ TEST(ChaosTest, RedisRefusalsOfPostsAreAnsweredAsOnThePool) {
             fields.push_back(row.more);
         }
         const std::string answer =
-            exchangeRaw(daemon.port, exchangeText(fields, row.text,
-                                                  std::string("Quorvel-Post-Id: ") +
-                                                      std::string(Wire::kPostIdDigits - 1, '0') +
-                                                      row.id + "\r\n"));
+            exchangeRaw(daemon.port, exchangeText(fields, row.text, postIdHeader(row.id)));
         EXPECT_EQ(statusOf(answer), row.status) << row.id;
         EXPECT_NE(answer.find(row.says), std::string::npos) << row.id << answer;
     }

@@ -14,6 +14,7 @@
 
 #include "daemon/Daemon.h"
 #include "daemon/DaemonHarness.h"
+#include "protocol/Names.h"
 #include "wire/HttpWire.h"
 
 namespace Harness {
@@ -97,6 +98,13 @@ inline std::string exchangeText(const Strings& fields, const std::string& body =
                 "\r\n";
     }
     return text + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+// The post id header line the HTTP backend adds to a putEvents, its id all
+// zeros but the last digit.
+inline std::string postIdHeader(char last) {
+    return std::string(Arvant::Net::AvQuorvel::Protocol::kPostIdHeader) + ": " +
+           std::string(Arvant::Net::AvQuorvel::Wire::kPostIdDigits - 1, '0') + last + "\r\n";
 }
 
 // The fields of an exchange of operation by client of server "S".
