@@ -164,8 +164,10 @@ void succeed(HttpReply& reply, std::string&& response) {
 // What a getEvents that found nothing asks of its carrier.
 struct WaitAsk {
     std::chrono::milliseconds wait{0};  // 0: answer now
-    std::string serverId;
-    std::uint64_t mark = 0;  // Waiters::mark() from before the look
+    std::string serverId, clientId;
+    std::uint64_t mark = 0;    // Waiters::mark() from before the look
+    std::uint64_t logEnd = 0;  // ExchangeResult::logEnd
+    bool clientAcknowledges = false;  // the request carried its own ack
 };
 
 }  // namespace
@@ -180,7 +182,11 @@ struct Daemon::Impl : HttpHandler {
           storeWatch(engine),
           server(serverOptions(options, log), *this),
           pool(options.storeThreads, options.storeQueue) {
-        engine.setPostListener([this](const std::string& serverId) { waiters.posted(serverId); });
+        engine.setPostListener(
+            [this](const std::string& serverId,
+                   const std::shared_ptr<const Engine::PostNews>& news) {
+                waiters.posted(serverId, news);
+            });
     }
 
     struct Call;
@@ -194,9 +200,13 @@ struct Daemon::Impl : HttpHandler {
     void look(const std::shared_ptr<Call>& call);
     void wait(const std::shared_ptr<Call>& call, std::uint64_t mark, HttpReply& reply);
     void lookLater(const std::shared_ptr<Call>& call) noexcept;
+    void answerFromNews(const std::shared_ptr<Call>& call, const Engine::PostNews& news) noexcept;
     void answered(const RequestOutcome& outcome) override;
     using Client = std::pair<std::string, std::string>;  // (server, client)
     void exchange(const HttpRequest& request, HttpReply& reply, WaitAsk& ask);
+    void answerEvents(HttpReply& reply, std::string&& response,
+                      const Engine::ExchangeResult& result, const Client& client,
+                      bool clientAcknowledges);
     void acknowledgeWhenWritten(HttpReply& reply, const Client& client, std::uint64_t upTo);
     std::optional<std::uint64_t> writtenNotAcknowledged(const Client& client);
     void scrape(HttpReply& reply);
@@ -253,8 +263,21 @@ struct Daemon::Impl::Call : Waiters::Waiter, std::enable_shared_from_this<Call> 
           done(std::move(done)),
           timer(this->pending->executor()) {}
 
-    // A post or stop(): the timer goes (on the strand) and the store is looked at again.
-    void woken() override {
+    // A post or stop(): the timer goes (on the strand) and the store is looked
+    // at again, or the news answers.
+    void woken(const std::shared_ptr<const Engine::PostNews>& news) override {
+        if (news) {
+            try {
+                boost::asio::post(pending->executor(), [self = shared_from_this(), news] {
+                    boost::system::error_code ignored;
+                    self->timer.cancel(ignored);
+                    self->impl.answerFromNews(self, *news);
+                });
+                return;
+            } catch (...) {
+                // Out of memory: a look answers instead (the timer finds the call taken).
+            }
+        }
         if (impl.storeOnIoThreads) {
             try {  // both in one handler: a woken waiter costs its thread one dispatch
                 boost::asio::post(pending->executor(), [self = shared_from_this()] {
@@ -292,6 +315,7 @@ struct Daemon::Impl::Call : Waiters::Waiter, std::enable_shared_from_this<Call> 
     const std::function<void(HttpReply)> done;
     boost::asio::steady_timer timer;
     std::optional<std::chrono::steady_clock::time_point> deadline;  // set by the first look
+    bool clientAcknowledges = false;  // WaitAsk's, set with serverId
     unsigned round = 0;  // waits begun, on the strand: tells a stale timer
 };
 
@@ -493,7 +517,10 @@ void Daemon::Impl::look(const std::shared_ptr<Call>& call) {
         if (ask.wait.count() > 0 && now < *call->deadline) {
             if (call->serverId.empty()) {  // written once: waiters reads it from other threads
                 call->serverId = ask.serverId;
+                call->clientId = ask.clientId;
+                call->clientAcknowledges = ask.clientAcknowledges;
             }
+            call->logEnd = ask.logEnd;  // this look's: the call is out of the waiters
             if (storeOnIoThreads) {
                 wait(call, ask.mark, reply);
             } else {
@@ -555,6 +582,24 @@ void Daemon::Impl::wait(const std::shared_ptr<Call>& call, std::uint64_t mark, H
             call->answer(std::move(reply));
         }
     }
+}
+
+// On the connection's strand: the waiting getEvents answered from the news of
+// a post, as exchange() would answer it had it read the store now (Waiters
+// made sure the news holds something for it and that none was missed).
+void Daemon::Impl::answerFromNews(const std::shared_ptr<Call>& call,
+                                  const Engine::PostNews& news) noexcept {
+    HttpReply reply;
+    try {
+        Engine::ExchangeResult result;
+        std::string response = engine.eventsFromNews(news, call->clientId, call->logEnd, result);
+        answerEvents(reply, std::move(response), result, {call->serverId, call->clientId},
+                     call->clientAcknowledges);
+    } catch (...) {
+        reply = HttpReply();
+        answer(reply, 500, "The daemon failed to serve the exchange.");
+    }
+    call->answer(std::move(reply));
 }
 
 // Store work goes on the pool, past its bound: a waiting call was admitted.
@@ -627,21 +672,29 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAs
         answer(reply, Wire::statusForFailure(Protocol::failureCode(failure.kind)), failure.message);
         return;
     }
-    const bool waits = result.lastSequence == 0 && !ackOnly && result.wait.count() > 0;
+    if (result.lastSequence == 0 && !ackOnly && result.wait.count() > 0) {
+        ask.wait = result.wait;
+        ask.serverId = client.first;
+        ask.clientId = client.second;
+        ask.logEnd = result.logEnd;
+        ask.clientAcknowledges = carriage.ack.has_value();
+    }
+    answerEvents(reply, std::move(response), result, client, carriage.ack.has_value());
+}
+
+void Daemon::Impl::answerEvents(HttpReply& reply, std::string&& response,
+                                const Engine::ExchangeResult& result, const Client& client,
+                                bool clientAcknowledges) {
     if (result.clients) {
         reply.headers.emplace_back(Protocol::kEventsBytesHeader, std::to_string(response.size()));
         response += *result.clients;
     }
     succeed(reply, std::move(response));
     if (result.lastSequence == 0) {
-        if (waits) {
-            ask.wait = result.wait;
-            ask.serverId = client.first;
-        }
         return;
     }
     reply.headers.emplace_back(Protocol::kLastSequenceHeader, std::to_string(result.lastSequence));
-    if (!carriage.ack) {
+    if (!clientAcknowledges) {
         acknowledgeWhenWritten(reply, client, result.lastSequence);
     }  // else the client acknowledges what it read with its next request
 }

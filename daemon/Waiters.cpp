@@ -1,7 +1,10 @@
 #include "daemon/Waiters.h"
 
+#include <algorithm>
 #include <functional>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 namespace Arvant {
 namespace Net {
@@ -65,14 +68,44 @@ void Waiters::takeWaiters(const std::string& serverId, Server& taken) {
     count -= taken.size();
 }
 
-void Waiters::posted(const std::string& serverId) {
-    Server taken;
+void Waiters::posted(const std::string& serverId,
+                     const std::shared_ptr<const Engine::PostNews>& news) {
+    std::vector<std::string_view> clients;  // sorted, to find the waiters' clients in
+    if (news) {
+        clients.assign(news->clients.begin(), news->clients.end());
+        std::sort(clients.begin(), clients.end());
+    }
+    // What news can answer is what its read did not see (past logEnd) and
+    // did not post itself, for a client that was still registered.
+    const auto newsFor = [&](const Waiter& waiter) {
+        return std::any_of(news->events.begin(), news->events.end(),
+                           [&](const Engine::StoredEvent& event) {
+                               return event.sequence > waiter.logEnd &&
+                                      event.sender != waiter.clientId;
+                           });
+    };
+    Server looking, answered;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        takeWaiters(serverId, taken);
+        takeWaiters(serverId, looking);
+        for (auto taken = looking.begin(); news && taken != looking.end();) {
+            const Waiter& waiter = *taken->second;
+            if (waiter.logEnd == 0 ||
+                !std::binary_search(clients.begin(), clients.end(), waiter.clientId)) {
+                ++taken;
+            } else if (newsFor(waiter)) {
+                answered.insert(looking.extract(taken++));
+            } else {
+                servers[serverId].insert(looking.extract(taken++));
+                ++count;
+            }
+        }
     }
-    for (const auto& waiter : taken) {
-        waiter.second->woken();
+    for (const auto& waiter : looking) {
+        waiter.second->woken(nullptr);
+    }
+    for (const auto& waiter : answered) {
+        waiter.second->woken(news);
     }
 }
 

@@ -1,8 +1,9 @@
 // The getEvents requests of quorveld that wait for a post, by server. A
 // request looks at the store, finds nothing, and is added here; a post to its
-// server (or stop()) removes it and calls its woken(). Whoever removes a
-// waiter (a post, its timer, its closed connection, stop()) ends its wait,
-// so that a wait ends once. Holds no thread and calls no store. Thread-safe.
+// server (or stop()) removes it and calls its woken(). News of the post that
+// shows nothing for a waiter leaves it waiting. Whoever removes a waiter (a
+// post, its timer, its closed connection, stop()) ends its wait, so that a
+// wait ends once. Holds no thread and calls no store. Thread-safe.
 #ifndef AVQVL_DAEMON_WAITERS_H
 #define AVQVL_DAEMON_WAITERS_H
 
@@ -14,6 +15,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "engine/Store.h"
+
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
@@ -24,9 +27,13 @@ public:
     struct Waiter {
         virtual ~Waiter() = default;
         // Called once, from the thread of the post or of stop(), without the
-        // lock: must be quick (schedule the work, do none).
-        virtual void woken() = 0;
-        std::string serverId;
+        // lock: must be quick (schedule the work, do none). With news, the
+        // waiter is answered from it (ServiceEngine::eventsFromNews), which
+        // holds events for it; without, it looks at the store again.
+        virtual void woken(const std::shared_ptr<const Engine::PostNews>& news) = 0;
+        // Set before add(), and while out of the waiters only.
+        std::string serverId, clientId;
+        std::uint64_t logEnd = 0;  // ExchangeResult::logEnd of its look; 0: news cannot answer it
     };
 
     enum class Added { Waiting, Posted, Full, Stopping };
@@ -41,8 +48,11 @@ public:
     Added add(const std::shared_ptr<Waiter>& waiter, std::uint64_t mark);
     // True when the waiter was waiting: the caller ends its wait.
     bool remove(const Waiter& waiter);
-    // Wakes the waiters of serverId; "" wakes every waiter.
-    void posted(const std::string& serverId);
+    // Wakes the waiters of serverId; "" wakes every waiter. With news, a
+    // waiter that news can answer is woken with it, or left waiting when it
+    // holds nothing for it.
+    void posted(const std::string& serverId,
+                const std::shared_ptr<const Engine::PostNews>& news = nullptr);
     // Wakes every waiter; add() answers Stopping from now on.
     void stop();
     std::size_t size();

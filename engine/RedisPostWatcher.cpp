@@ -11,6 +11,8 @@
 #include <system_error>
 #include <utility>
 
+#include "engine/internal/RedisScripts.h"
+
 namespace Arvant {
 namespace Net {
 namespace AvQuorvel {
@@ -97,7 +99,7 @@ void RedisPostWatcher::listen(redisContext* context) {
             if (message->type == REDIS_REPLY_ARRAY && message->elements == 3 &&
                 isText(*message->element[0], "message") &&
                 message->element[2]->type == REDIS_REPLY_STRING) {
-                tell(std::string(message->element[2]->str, message->element[2]->len));
+                heard(*message->element[2]);
             }
         }
         if (context->err != 0) {
@@ -118,9 +120,27 @@ void RedisPostWatcher::listen(redisContext* context) {
     }
 }
 
-void RedisPostWatcher::tell(const std::string& serverId) {
+// A message it cannot read (or no memory to read it) may have been any post:
+// every waiter looks again.
+void RedisPostWatcher::heard(const redisReply& message) {
+    std::string serverId;
+    std::shared_ptr<const PostNews> news;
+    bool read = false;
     try {
-        listener(serverId);
+        read = decodePostNews(message.str, message.len, serverId, news);
+    } catch (...) {
+    }
+    if (read) {
+        tell(serverId, news);
+    } else {
+        tell("");
+    }
+}
+
+void RedisPostWatcher::tell(const std::string& serverId,
+                            const std::shared_ptr<const PostNews>& news) {
+    try {
+        listener(serverId, news);
     } catch (...) {
         // The listener's contract forbids throwing; the thread must outlive it anyway.
     }

@@ -2,6 +2,7 @@
 
 #include <hiredis/hiredis.h>
 
+#include <cstdint>
 #include <cstring>
 #include <iterator>
 
@@ -190,8 +191,10 @@ return {0, redis.call('ZRANGE', K.clients, 0, -1)}
     // and written once at the end, with one PUBLISH when any event was added
     // (in the same step, so that no one hears of it before it can be read): a
     // call of eight posts to 16 clients makes about 60 calls into Redis instead
-    // of about 130. The ids of a sender are a sorted set by time, cut to the
-    // newest, gone with the sender or after their age.
+    // of about 130. The publication is the news of the call (see
+    // decodePostNews) when it fits ARGV[10] bytes, else the server id alone.
+    // The ids of a sender are a sorted set by time, cut to the newest, gone
+    // with the sender or after their age.
     R"lua(
 local now, mostEvents, mostBytes, mostStored = tonumber(ARGV[2]), tonumber(ARGV[3]),
                                                tonumber(ARGV[4]), tonumber(ARGV[5])
@@ -199,7 +202,7 @@ local remembered, age = tonumber(ARGV[6]), tonumber(ARGV[7])
 local clients = redis.call('ZRANGE', K.clients, 0, -1)
 local results = {0, clients}
 if #clients == 0 then
-    for _ = 10, #ARGV, 3 do
+    for _ = 11, #ARGV, 3 do
         results[#results + 1] = {1}
     end
     return results
@@ -220,6 +223,10 @@ end
 local counters = redis.call('HMGET', K.server, 'sequence', 'through')
 local nextSequence, through = tonumber(counters[1]), tonumber(counters[2] or '0')
 local firstSequence, added = nextSequence, false
+local function field(text)
+    return string.len(text) .. ':' .. text
+end
+local news, newsRoom = {}, tonumber(ARGV[10])  -- the members added, while they fit
 local function postOne(sender, text, postId)
     local mine = place[sender]
     if not mine then
@@ -257,9 +264,13 @@ local function postOne(sender, text, postId)
             end
         end
         through = through + size
-        redis.call('ZADD', K.log, sequence,
-                   string.format('%d %d %d ', sequence, through, string.len(sender)) .. sender ..
-                       text)
+        local member = string.format('%d %d %d ', sequence, through, string.len(sender)) ..
+                           sender .. text
+        redis.call('ZADD', K.log, sequence, member)
+        newsRoom = newsRoom - string.len(member)
+        if newsRoom >= 0 then
+            news[#news + 1] = field(member)
+        end
         held, unstored, added = held + size, unstored + size, true
     end
     if waiting[mine] == 0 then
@@ -279,7 +290,7 @@ local function postOne(sender, text, postId)
     end
     return {0}
 end
-for first = 10, #ARGV, 3 do
+for first = 11, #ARGV, 3 do
     results[#results + 1] = postOne(ARGV[first], ARGV[first + 1], ARGV[first + 2])
 end
 storeHeld()
@@ -289,7 +300,22 @@ end
 if added then
     setAll(K.waiting, clients, waiting)
     setAll(K.bytes, clients, bytes)
-    redis.call('PUBLISH', ARGV[8], ARGV[9])
+    local message = {field(ARGV[9]), field(tostring(#clients))}
+    for _, client in ipairs(clients) do
+        newsRoom = newsRoom - string.len(client)
+        if newsRoom < 0 then
+            break
+        end
+        message[#message + 1] = field(client)
+    end
+    if newsRoom >= 0 then
+        for _, member in ipairs(news) do
+            message[#message + 1] = member
+        end
+        redis.call('PUBLISH', ARGV[8], table.concat(message))
+    else
+        redis.call('PUBLISH', ARGV[8], field(ARGV[9]))
+    end
 end
 return results
 )lua",
@@ -297,7 +323,7 @@ return results
     // first, the client's own posts among them for the caller to leave out
     // (telling them apart here would parse every entry in Lua, which costs
     // Redis more than sending the few of them); the server's clients after
-    // them when asked (ARGV[5]).
+    // them when asked (ARGV[5]), and the log's last sequence then.
     R"lua(
 local client = ARGV[2]
 if not redis.call('ZSCORE', K.clients, client) then
@@ -313,7 +339,7 @@ if waitingOf(client) > 0 then
 end
 redis.call('HSET', K.server, 'f:' .. client, ARGV[3])
 if ARGV[5] == '1' then
-    return {0, events, redis.call('ZRANGE', K.clients, 0, -1)}
+    return {0, events, redis.call('ZRANGE', K.clients, 0, -1), lastSequence()}
 end
 return {0, events}
 )lua",
@@ -368,7 +394,95 @@ bool isError(const redisReply& reply, const char* prefix) {
            std::strncmp(reply.str, prefix, std::strlen(prefix)) == 0;
 }
 
+// The decimal at data[at, size), then the byte stop (none: the end), passed.
+bool readDecimal(const char* data, std::size_t size, std::size_t& at, char stop,
+                 std::uint64_t& value, bool toTheEnd = false) {
+    const std::size_t first = at;
+    value = 0;
+    for (; at < size && data[at] >= '0' && data[at] <= '9'; ++at) {
+        if (value > (UINT64_MAX - 9) / 10) {
+            return false;
+        }
+        value = value * 10 + static_cast<std::uint64_t>(data[at] - '0');
+    }
+    if (at == first) {
+        return false;
+    }
+    if (toTheEnd) {
+        return at == size;
+    }
+    if (at == size || data[at] != stop) {
+        return false;
+    }
+    ++at;
+    return true;
+}
+
+// A "LENGTH:BYTES" field at data[at, size).
+bool readField(const char* data, std::size_t size, std::size_t& at, const char*& field,
+               std::size_t& length) {
+    std::uint64_t declared = 0;
+    if (!readDecimal(data, size, at, ':', declared) || declared > size - at) {
+        return false;
+    }
+    field = data + at;
+    length = static_cast<std::size_t>(declared);
+    at += length;
+    return true;
+}
+
 }  // namespace
+
+bool decodeEvent(const char* data, std::size_t size, StoredEvent& event) {
+    std::size_t at = 0;
+    std::uint64_t sequence = 0, through = 0, senderLength = 0;
+    if (!readDecimal(data, size, at, ' ', sequence) || !readDecimal(data, size, at, ' ', through) ||
+        !readDecimal(data, size, at, ' ', senderLength) || senderLength > size - at) {
+        return false;
+    }
+    event.sequence = sequence;
+    event.sender.assign(data + at, static_cast<std::size_t>(senderLength));
+    at += static_cast<std::size_t>(senderLength);
+    event.text = std::make_shared<const std::string>(data + at, size - at);
+    return true;
+}
+
+bool decodePostNews(const char* data, std::size_t size, std::string& serverId,
+                    std::shared_ptr<const PostNews>& news) {
+    std::size_t at = 0, length = 0;
+    const char* field = nullptr;
+    if (!readField(data, size, at, field, length)) {
+        return false;
+    }
+    serverId.assign(field, length);
+    news.reset();
+    if (at == size) {
+        return true;
+    }
+    auto heard = std::make_shared<PostNews>();
+    std::uint64_t count = 0;
+    std::size_t countAt = 0;
+    if (!readField(data, size, at, field, length) ||
+        !readDecimal(field, length, countAt, '\0', count, true) || count > size) {
+        return false;
+    }
+    heard->clients.reserve(static_cast<std::size_t>(count));
+    for (std::uint64_t i = 0; i < count; ++i) {
+        if (!readField(data, size, at, field, length)) {
+            return false;
+        }
+        heard->clients.emplace_back(field, length);
+    }
+    while (at < size) {
+        StoredEvent event;
+        if (!readField(data, size, at, field, length) || !decodeEvent(field, length, event)) {
+            return false;
+        }
+        heard->events.push_back(std::move(event));
+    }
+    news = std::move(heard);
+    return true;
+}
 
 RedisReply RedisScripts::run(RedisConnectionPool& pool, Script script,
                              const std::vector<const std::string*>& keysAndArguments,

@@ -37,6 +37,11 @@ const char* const kStoredKey = "quorvel:stored";
 // no waiter for, a few bytes each. A plain PUBLISH also reaches the
 // subscribers of every node of a Cluster.
 const char* const kPostedChannel = "quorvel:posted";
+// A call's publication carries its events and the server's clients up to
+// this many bytes (RedisPostWatcher.h says why), a little more with the
+// fields' lengths; past it, the server id alone. Every daemon receives every
+// publication, so the bound keeps large posts from being sent once per daemon.
+const std::size_t kMostNewsBytes = 64 * 1024;
 // A readiness probe answers within this, or the store counts as not ready.
 const int kPingTimeoutMs = 1000;
 
@@ -167,37 +172,6 @@ private:
     const RedisConnectionPool& pool;
     const redisReply* top = nullptr;
 };
-
-// An event of a log is "SEQUENCE THROUGH SENDERLENGTH SENDERTEXT" (the Post
-// script writes it; THROUGH is of use to Redis only).
-// Redis ends every string it returns with a NUL, so strtoull stops in time.
-bool decodeEvent(const char* begin, std::size_t size, StoredEvent& event) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long long sequence = std::strtoull(begin, &end, 10);
-    if (errno != 0 || end == begin || *end != ' ') {
-        return false;
-    }
-    const char* throughStart = end + 1;
-    std::strtoull(throughStart, &end, 10);
-    if (errno != 0 || end == throughStart || *end != ' ') {
-        return false;
-    }
-    const char* lengthStart = end + 1;
-    const unsigned long long senderLength = std::strtoull(lengthStart, &end, 10);
-    if (errno != 0 || end == lengthStart || *end != ' ') {
-        return false;
-    }
-    const std::size_t senderStart = static_cast<std::size_t>(end + 1 - begin);
-    if (senderStart > size || senderLength > size - senderStart) {
-        return false;
-    }
-    event.sequence = sequence;
-    event.sender.assign(begin + senderStart, senderLength);
-    event.text = std::make_shared<const std::string>(begin + senderStart + senderLength,
-                                                     size - senderStart - senderLength);
-    return true;
-}
 
 bool readNumber(const std::string& text, long long most, long long& value) {
     if (text.empty() || text.size() > 10 ||
@@ -505,9 +479,11 @@ void RedisStore::postInOneCall(const std::string& serverId, std::list<LaterPost>
     const std::string mostBytes = std::to_string(limits().maxQueuedBytesPerClient);
     const std::string mostStored = std::to_string(limits().maxStoredBytes);
     static const std::string kRemembered = std::to_string(kRememberedPosts),
-                             kAge = std::to_string(kRememberedPostAgeMs), kChannel = kPostedChannel;
-    std::vector<const std::string*> arguments{&now,         &mostEvents, &mostBytes, &mostStored,
-                                              &kRemembered, &kAge,       &kChannel,  &serverId};
+                             kAge = std::to_string(kRememberedPostAgeMs), kChannel = kPostedChannel,
+                             kNewsBytes = std::to_string(kMostNewsBytes);
+    std::vector<const std::string*> arguments{&now,        &mostEvents,  &mostBytes,
+                                              &mostStored, &kRemembered, &kAge,
+                                              &kChannel,   &serverId,    &kNewsBytes};
     for (const LaterPost& post : posts) {
         arguments.insert(arguments.end(), {&post.senderId, &post.text, &post.postId});
     }
@@ -552,18 +528,20 @@ void RedisStore::postInOneCall(const std::string& serverId, std::list<LaterPost>
 void RedisStore::read(const std::string& serverId, const std::string& clientId,
                       const std::optional<std::uint64_t>& ackUpTo,
                       std::vector<StoredEvent>& events) {
-    readEvents(serverId, clientId, ackUpTo, events, nullptr);
+    readEvents(serverId, clientId, ackUpTo, events, nullptr, nullptr);
 }
 
 void RedisStore::readWithClients(const std::string& serverId, const std::string& clientId,
                                  const std::optional<std::uint64_t>& ackUpTo,
-                                 std::vector<StoredEvent>& events, ClientList& clients) {
-    readEvents(serverId, clientId, ackUpTo, events, &clients);
+                                 std::vector<StoredEvent>& events, ClientList& clients,
+                                 std::uint64_t& logEnd) {
+    readEvents(serverId, clientId, ackUpTo, events, &clients, &logEnd);
 }
 
 void RedisStore::readEvents(const std::string& serverId, const std::string& clientId,
                             const std::optional<std::uint64_t>& ackUpTo,
-                            std::vector<StoredEvent>& events, ClientList* clients) {
+                            std::vector<StoredEvent>& events, ClientList* clients,
+                            std::uint64_t* logEnd) {
     outOfMemoryIsLimit([&] {
         const ServerKeys keys(ServerKeys::hashTag(serverId));
         const std::string now = std::to_string(epochMilliseconds());
@@ -594,6 +572,7 @@ void RedisStore::readEvents(const std::string& serverId, const std::string& clie
         }
         if (clients != nullptr) {
             reader.texts(2, *clients);
+            *logEnd = static_cast<std::uint64_t>(reader.integer(3));
         }
         events.swap(found);
     });

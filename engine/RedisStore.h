@@ -78,7 +78,8 @@ public:
     bool postsLater() const override { return true; }
     void readWithClients(const std::string& serverId, const std::string& clientId,
                          const std::optional<std::uint64_t>& ackUpTo,
-                         std::vector<StoredEvent>& events, ClientList& clients) override;
+                         std::vector<StoredEvent>& events, ClientList& clients,
+                         std::uint64_t& logEnd) override;
     void read(const std::string& serverId, const std::string& clientId,
               const std::optional<std::uint64_t>& ackUpTo,
               std::vector<StoredEvent>& events) override;
@@ -106,10 +107,11 @@ private:
     void postInOneCall(const std::string& serverId, std::list<LaterPost>& posts,
                        ClientList& clients);
     void stopPosters();
-    // read(); with clients given, the server's clients too, in the same script.
+    // read(); with clients given, the server's clients and the log's end too,
+    // in the same script.
     void readEvents(const std::string& serverId, const std::string& clientId,
                     const std::optional<std::uint64_t>& ackUpTo, std::vector<StoredEvent>& events,
-                    ClientList* clients);
+                    ClientList* clients, std::uint64_t* logEnd);
 
     const RedisAddress address;
     const std::unique_ptr<RedisConnectionPool> pool;

@@ -332,10 +332,32 @@ std::string ServiceEngine::getEvents(const std::string& serverId, const std::str
     std::vector<StoredEvent> events;
     ClientList clients;
     if (options.clientsToo) {
-        store->readWithClients(serverId, clientId, options.ack, events, clients);
+        store->readWithClients(serverId, clientId, options.ack, events, clients, result.logEnd);
     } else {
         store->read(serverId, clientId, options.ack, events);
     }
+    std::string answer = eventsAnswer(events, clients, options.clientsToo, result);
+    if (ackAnswer && result.lastSequence != 0) {
+        // Should this fail, nothing is answered and the events come again.
+        store->acknowledge(serverId, clientId, result.lastSequence);
+    }
+    return answer;
+}
+
+std::string ServiceEngine::eventsFromNews(const PostNews& news, const std::string& clientId,
+                                          std::uint64_t logEnd, ExchangeResult& result) {
+    std::vector<StoredEvent> events;
+    for (const StoredEvent& event : news.events) {
+        if (event.sequence > logEnd && event.sender != clientId) {
+            events.push_back(event);
+        }
+    }
+    return eventsAnswer(events, news.clients, true, result);
+}
+
+std::string ServiceEngine::eventsAnswer(const std::vector<StoredEvent>& events,
+                                        const ClientList& clients, bool clientsToo,
+                                        ExchangeResult& result) {
     EventsDocument document;
     // Room for the events unescaped with their markup, and for the shared
     // clients the carrier appends to the answer.
@@ -352,11 +374,7 @@ std::string ServiceEngine::getEvents(const std::string& serverId, const std::str
     }
     std::string answer = document.finish();
     result.lastSequence = events.empty() ? 0 : events.back().sequence;
-    if (ackAnswer && result.lastSequence != 0) {
-        // Should this fail, nothing is answered and the events come again.
-        store->acknowledge(serverId, clientId, result.lastSequence);
-    }
-    if (options.clientsToo && !(events.empty() && result.wait.count() > 0)) {
+    if (clientsToo && !(events.empty() && result.wait.count() > 0)) {
         result.clients = sharedClientDocument(clients);
     }
     return answer;
@@ -405,16 +423,20 @@ void ServiceEngine::setPostListener(PostListener newListener) {
     }
     // Once: the store calls posted(), which reads whatever listener is current.
     if (watchStore) {
-        store->watchPosts([this](const std::string& serverId) { posted(serverId); });
+        store->watchPosts(
+            [this](const std::string& serverId, const std::shared_ptr<const PostNews>& news) {
+                posted(serverId, news);
+            });
     }
 }
 
-void ServiceEngine::posted(const std::string& serverId) noexcept {
+void ServiceEngine::posted(const std::string& serverId,
+                           const std::shared_ptr<const PostNews>& news) noexcept {
     signal.notify(serverId);
     std::lock_guard<std::mutex> lock(listenerMutex);
     if (listener) {
         try {
-            listener(serverId);
+            listener(serverId, news);
         } catch (...) {
             // The post is made; a listener that fails costs its waiters their wake
             // only (they look again when their wait ends).

@@ -84,6 +84,9 @@ struct ExchangeResult {
     // With ExchangeOptions::clientsToo, unless the exchange is to wait (no
     // events, a wait asked for): the getSharedClients answer.
     std::optional<std::string> clients;
+    // With ExchangeOptions::clientsToo: where the store's log ended at the
+    // read, for eventsFromNews() (0: the store sends no news).
+    std::uint64_t logEnd = 0;
 };
 
 class ServiceEngine {
@@ -124,6 +127,14 @@ public:
     // look at the store: the carrier calls exchange() for those.
     bool exchangeLater(const RequestHeaders& headers, const std::string& body,
                        const ExchangeOptions& options, ExchangeDone done);
+    // The answer of a getEvents with clientsToo that found nothing at logEnd
+    // (ExchangeResult::logEnd) and waited, from the news of later posts
+    // instead of the store: the events past logEnd but the client's own, and
+    // the clients. The caller makes sure no news of the server since its read
+    // was missed, and that the client is among news.clients. result as
+    // exchange() fills it; lastSequence 0 when nothing is for the client.
+    std::string eventsFromNews(const PostNews& news, const std::string& clientId,
+                               std::uint64_t logEnd, ExchangeResult& result);
     // Moves the client's cursor to upTo (never backward): what a getEvents
     // answered without an ack once the carrier wrote it whole. False with the
     // failure filled when the store fails; the events then come again.
@@ -161,10 +172,14 @@ private:
                           const std::string& body, const std::string& postId, LaterPost* later);
     std::string getEvents(const std::string& serverId, const std::string& clientId,
                           const ExchangeOptions& options, bool ackAnswer, ExchangeResult& result);
+    // The answer of a getEvents that found events (and clients, with clientsToo).
+    std::string eventsAnswer(const std::vector<StoredEvent>& events, const ClientList& clients,
+                             bool clientsToo, ExchangeResult& result);
     std::string getSharedClients(const std::string& serverId);
     std::string administer(const std::string& operation, const RequestHeaders& headers);
     // Wakes the waiters of handle() and tells the listener; never throws.
-    void posted(const std::string& serverId) noexcept;
+    void posted(const std::string& serverId,
+                const std::shared_ptr<const PostNews>& news = nullptr) noexcept;
 
     // Declared before the store, which may call posted() from a thread of its
     // own until it is destroyed.

@@ -73,10 +73,23 @@ struct ClientInfo {
 constexpr std::size_t kRememberedPosts = 1024;
 constexpr std::int64_t kRememberedPostAgeMs = 10 * 60 * 1000;
 
+// What a store heard of posts made through another process, when the news
+// could carry them: the events made, oldest first, and the server's clients
+// as those posts left them. A getEvents that found nothing for a client at
+// log end E (readWithClients) may be answered with the events past E that are
+// not the client's own, instead of reading again, if the client is among the
+// clients.
+struct PostNews {
+    ClientList clients;
+    std::vector<StoredEvent> events;
+};
+
 // Told the server id of a post, or "" when posts may have been missed (every
-// waiter looks again). Called from the poster's thread or a store's own; it
-// must be quick and must not call the store.
-using PostListener = std::function<void(const std::string& serverId)>;
+// waiter looks again); news, when not null, carries the posts (PostNews).
+// Called from the poster's thread or a store's own; it must be quick and must
+// not call the store.
+using PostListener =
+    std::function<void(const std::string& serverId, const std::shared_ptr<const PostNews>& news)>;
 // A post's outcome: clients (the server's) when it was made, else failure.
 // Exactly one of the two is given.
 using PostDone = std::function<void(const ClientList* clients, const Failure* failure)>;
@@ -132,11 +145,15 @@ public:
                       std::vector<StoredEvent>& events) = 0;
     // read(), then the server's clients as clients() would give them: a store
     // that can answers both in one step (Redis: one round trip instead of two).
+    // logEnd receives the last sequence of the log at that step when the store
+    // sends PostNews (else 0), so that news of later posts can answer a wait.
     virtual void readWithClients(const std::string& serverId, const std::string& clientId,
                                  const std::optional<std::uint64_t>& ackUpTo,
-                                 std::vector<StoredEvent>& events, ClientList& clients) {
+                                 std::vector<StoredEvent>& events, ClientList& clients,
+                                 std::uint64_t& logEnd) {
         read(serverId, clientId, ackUpTo, events);
         this->clients(serverId, clients);
+        logEnd = 0;
     }
     // Moves the cursor forward to upTo (never backward; clamped to the log's
     // last sequence) and trims the log below the lowest cursor. An unknown

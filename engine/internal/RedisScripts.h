@@ -9,10 +9,13 @@
 #ifndef AVQVL_ENGINE_INTERNAL_REDISSCRIPTS_H
 #define AVQVL_ENGINE_INTERNAL_REDISSCRIPTS_H
 
+#include <cstddef>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "engine/Store.h"
 #include "engine/internal/RedisConnectionPool.h"
 
 namespace Arvant {
@@ -29,6 +32,18 @@ enum class RedisStatus {
     TooManyStored = 5    // then the bytes the whole store holds
 };
 
+// An event as the log holds it and a read returns it: "SEQUENCE THROUGH
+// SENDERLENGTH SENDERTEXT" (THROUGH is of use to Redis only). False when data
+// is not one.
+bool decodeEvent(const char* data, std::size_t size, StoredEvent& event);
+
+// A message of the Post script: the server id, then, when the news of the call
+// fit, the server's clients and the events added, each field as "LENGTH:BYTES":
+// SERVER [COUNT CLIENT... EVENT...]. news is null for a server id alone. False
+// when data is not such a message.
+bool decodePostNews(const char* data, std::size_t size, std::string& serverId,
+                    std::shared_ptr<const PostNews>& news);
+
 class RedisScripts {
 public:
     // Every script takes the server's keys, in the order of RedisServerKeys
@@ -41,11 +56,13 @@ public:
         // ARGV client -> {status, remaining clients}
         Unregister,
         // ARGV now, most events, most bytes, most stored, ids remembered, their
-        // age in ms, the channel to publish on, the server id, then sender,
-        // text and post id of each post in turn -> {0, clients, {status} |
-        // {status, recipient, waiting} | {status, stored} for each post}
+        // age in ms, the channel to publish on, the server id, the most bytes
+        // of news, then sender, text and post id of each post in turn -> {0,
+        // clients, {status} | {status, recipient, waiting} | {status, stored}
+        // for each post}
         Post,
-        // ARGV client, now, acknowledged ("" for none) -> {status, events}
+        // ARGV client, now, acknowledged ("" for none), clients too ("1" or "")
+        // -> {status, events[, clients, the log's last sequence]}
         Read,
         // ARGV client, acknowledged -> {status}
         Acknowledge,

@@ -135,15 +135,26 @@ TEST_F(RedisStoreTest, SurvivesRedisRestartsAndFailsClearlyWhileDown) {
 }
 
 // Two stores stand for two daemons: once Redis is back from a restart, ""
-// says posts may have been missed, and a post through one is heard by the other.
+// says posts may have been missed, and a post through one is heard by the
+// other, with its news (the clients, then each event) unless it is too large.
 TEST_F(RedisStoreTest, HearsPostsThroughAnotherStoreAcrossRedisRestarts) {
     std::mutex mutex;  // these two outlive the watcher's listener thread
     Lines heard;
     auto poster = makeStore(), watcher = makeStore();
-    watcher->watchPosts([&](const std::string& serverId) {
-        std::lock_guard<std::mutex> lock(mutex);
-        heard.push_back(serverId);
-    });
+    watcher->watchPosts(
+        [&](const std::string& serverId, const std::shared_ptr<const PostNews>& news) {
+            std::string line = serverId;
+            for (std::size_t i = 0; news && i < news->clients.size(); ++i) {
+                line += " " + news->clients[i];
+            }
+            for (std::size_t i = 0; news && i < news->events.size(); ++i) {
+                const StoredEvent& event = news->events[i];
+                line += " " + event.sender + "|" + std::to_string(event.sequence) + "|" +
+                        *event.text;
+            }
+            std::lock_guard<std::mutex> lock(mutex);
+            heard.push_back(line);
+        });
     // Polls (10 s at most) for serverId among what was heard since it last found one.
     const auto hears = [&](const std::string& serverId) {
         for (int i = 0; i < 1000; ++i) {
@@ -163,7 +174,9 @@ TEST_F(RedisStoreTest, HearsPostsThroughAnotherStoreAcrossRedisRestarts) {
     sharedRedis().stop(SIGKILL);
     sharedRedis().start();
     ASSERT_TRUE(hears(""));
-    poster->post(s, "a", "x", "", clients);
+    poster->post(s, "a", "x y", "", clients);
+    EXPECT_TRUE(hears(s + " a b a|1|x y"));
+    poster->post(s, "b", std::string(100 * 1024, 'z'), "", clients);
     EXPECT_TRUE(hears(s));
 }
 

@@ -27,7 +27,8 @@ inline Lines readLines(Arvant::Net::AvQuorvel::Engine::Store& store, const std::
                        bool take = false, Lines* clients = nullptr) {
     std::vector<Arvant::Net::AvQuorvel::Engine::StoredEvent> events;
     if (clients != nullptr) {
-        store.readWithClients(server, client, ack, events, *clients);
+        std::uint64_t logEnd = 0;
+        store.readWithClients(server, client, ack, events, *clients, logEnd);
     } else {
         store.read(server, client, ack, events);
     }
