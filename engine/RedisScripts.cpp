@@ -394,9 +394,8 @@ bool isError(const redisReply& reply, const char* prefix) {
            std::strncmp(reply.str, prefix, std::strlen(prefix)) == 0;
 }
 
-// The decimal at data[at, size), then the byte stop (none: the end), passed.
-bool readDecimal(const char* data, std::size_t size, std::size_t& at, char stop,
-                 std::uint64_t& value, bool toTheEnd = false) {
+// The decimal at data[at, size): one digit or more, no overflow; at passes it.
+bool readDigits(const char* data, std::size_t size, std::size_t& at, std::uint64_t& value) {
     const std::size_t first = at;
     value = 0;
     for (; at < size && data[at] >= '0' && data[at] <= '9'; ++at) {
@@ -405,17 +404,13 @@ bool readDecimal(const char* data, std::size_t size, std::size_t& at, char stop,
         }
         value = value * 10 + static_cast<std::uint64_t>(data[at] - '0');
     }
-    if (at == first) {
-        return false;
-    }
-    if (toTheEnd) {
-        return at == size;
-    }
-    if (at == size || data[at] != stop) {
-        return false;
-    }
-    ++at;
-    return true;
+    return at != first;
+}
+
+// readDigits(), then the byte stop, passed too.
+bool readDecimal(const char* data, std::size_t size, std::size_t& at, char stop,
+                 std::uint64_t& value) {
+    return readDigits(data, size, at, value) && at < size && data[at++] == stop;
 }
 
 // A "LENGTH:BYTES" field at data[at, size).
@@ -463,7 +458,7 @@ bool decodePostNews(const char* data, std::size_t size, std::string& serverId,
     std::uint64_t count = 0;
     std::size_t countAt = 0;
     if (!readField(data, size, at, field, length) ||
-        !readDecimal(field, length, countAt, '\0', count, true) || count > size) {
+        !readDigits(field, length, countAt, count) || countAt != length || count > size) {
         return false;
     }
     heard->clients.reserve(static_cast<std::size_t>(count));

@@ -86,7 +86,8 @@ public:
     void acknowledge(const std::string& serverId, const std::string& clientId,
                      std::uint64_t upTo) override;
     // Every daemon on the same Redis hears every post (this process's own too,
-    // so a local post may reach the listener twice); see RedisPostWatcher.h.
+    // so a local post may reach the listener twice), with its PostNews when the
+    // call's events and the server's clients fit 64 KiB; see RedisPostWatcher.h.
     void watchPosts(PostListener listener) override;
     // Scans every server in the database: meant for metrics, not for each request.
     StoreStats stats() override;

@@ -9,7 +9,7 @@ root=$PWD
 build=${FUZZ_BUILD_DIR:-build-fuzz}
 seconds=${FUZZ_SECONDS:-30}
 jobs=${JOBS:-2}
-targets=(fuzz_parser fuzz_escape fuzz_utf8 fuzz_probes fuzz_transport fuzz_service fuzz_head)
+targets=(fuzz_parser fuzz_escape fuzz_utf8 fuzz_probes fuzz_transport fuzz_service fuzz_head fuzz_news)
 
 instrument="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"
 start=$(date +%s)
