@@ -71,10 +71,6 @@ void Waiters::takeWaiters(const std::string& serverId, Server& taken) {
 void Waiters::posted(const std::string& serverId,
                      const std::shared_ptr<const Engine::PostNews>& news) {
     std::vector<std::string_view> clients;  // sorted, to find the waiters' clients in
-    if (news) {
-        clients.assign(news->clients.begin(), news->clients.end());
-        std::sort(clients.begin(), clients.end());
-    }
     // What news can answer is what its read did not see (past logEnd) and
     // did not post itself, for a client that was still registered.
     const auto newsFor = [&](const Waiter& waiter) {
@@ -88,6 +84,10 @@ void Waiters::posted(const std::string& serverId,
     {
         std::lock_guard<std::mutex> lock(mutex);
         takeWaiters(serverId, looking);
+        if (news && !looking.empty()) {  // most news is of servers with no waiter here
+            clients.assign(news->clients.begin(), news->clients.end());
+            std::sort(clients.begin(), clients.end());
+        }
         for (auto taken = looking.begin(); news && taken != looking.end();) {
             const Waiter& waiter = *taken->second;
             if (waiter.logEnd == 0 ||
