@@ -196,14 +196,30 @@ struct Daemon::Impl : HttpHandler {
     void handle(const HttpRequest& request, HttpReply& reply) override;
     void handleLater(const HttpRequest& request, const std::shared_ptr<PendingRequest>& pending,
                      std::function<void(HttpReply)> done) override;
-    bool postLater(const std::shared_ptr<Call>& call);
+    bool exchangeLater(const std::shared_ptr<Call>& call);
     void look(const std::shared_ptr<Call>& call);
+    void settle(const std::shared_ptr<Call>& call, HttpReply& reply, const WaitAsk& ask) noexcept;
     void wait(const std::shared_ptr<Call>& call, std::uint64_t mark, HttpReply& reply);
     void lookLater(const std::shared_ptr<Call>& call) noexcept;
     void answerFromNews(const std::shared_ptr<Call>& call, const Engine::PostNews& news) noexcept;
     void answered(const RequestOutcome& outcome) override;
     using Client = std::pair<std::string, std::string>;  // (server, client)
+    // A request read for its exchange.
+    struct Prepared {
+        RequestHeaders fields;
+        Engine::ExchangeOptions carriage;  // as the request carries it
+        Engine::ExchangeOptions options;   // for the engine
+        bool ackOnly = false;
+        Client client;
+        std::uint64_t mark = 0;  // Waiters::mark() when the request may wait
+    };
+    // False, with reply its refusal, when the request is malformed.
+    bool prepare(const HttpRequest& request, Prepared& prepared, HttpReply& reply);
     void exchange(const HttpRequest& request, HttpReply& reply, WaitAsk& ask);
+    // The reply to an exchange the engine did (done) or refused; ask when it waits.
+    void finish(const Prepared& prepared, bool done, std::string&& response,
+                const Failure& failure, const Engine::ExchangeResult& result, HttpReply& reply,
+                WaitAsk& ask);
     void answerEvents(HttpReply& reply, std::string&& response,
                       const Engine::ExchangeResult& result, const Client& client,
                       bool clientAcknowledges);
@@ -240,15 +256,15 @@ struct Daemon::Impl : HttpHandler {
     std::mutex deliveredMutex;  // guards delivered
     std::map<Client, std::uint64_t> delivered;
 
-    // Posts the store has yet to answer (postLater()): the daemon waits for
-    // them before the server, whose connections they answer, goes.
-    std::mutex laterMutex;  // guards laterPosts
+    // Exchanges the store has yet to answer (exchangeLater()): the daemon waits
+    // for them before the server, whose connections they answer, goes.
+    std::mutex laterMutex;  // guards laterExchanges
     std::condition_variable laterAnswered;
-    std::size_t laterPosts = 0;
+    std::size_t laterExchanges = 0;
 
     ~Impl() {
         std::unique_lock<std::mutex> lock(laterMutex);
-        laterAnswered.wait(lock, [this] { return laterPosts == 0; });
+        laterAnswered.wait(lock, [this] { return laterExchanges == 0; });
     }
 };
 
@@ -428,7 +444,7 @@ void Daemon::Impl::handleLater(const HttpRequest& request,
         look(call);
         return;
     }
-    if (postLater(call)) {
+    if (exchangeLater(call)) {
         return;
     }
     const bool queued = pool.trySubmit([this, call] { look(call); });
@@ -442,52 +458,53 @@ void Daemon::Impl::handleLater(const HttpRequest& request,
     }
 }
 
-// A putEvents on a store that takes posts later goes to the store from here,
-// the I/O thread, and is answered from the store's thread, so that no pool
-// thread sits out its round trip. Only a request with a post id is looked at
-// (the library's putEvents carry one), so that the pool's exchanges are not
-// read twice; false leaves the call to the pool.
-bool Daemon::Impl::postLater(const std::shared_ptr<Call>& call) {
-    RequestHeaders fields;
-    Engine::ExchangeOptions carriage;
-    bool ackOnly = false;
-    std::string problem;
-    if (call->request.find(Protocol::kPostIdHeader) == call->request.end() ||
-        !readFields(call->request, fields, problem) ||
-        !readCarriage(call->request, fields, carriage, ackOnly, problem)) {
+// A putEvents or getEvents on a store that takes them later goes to the store
+// from here (an I/O thread, or whoever looks again) and is settled on the
+// store's thread, so that no pool thread sits out its round trip, and the
+// store sends those that meet in one call. Only the requests the library
+// sends are looked at (a putEvents with a post id, a getEvents that asks for
+// the clients too), so that the pool's exchanges are not read twice; false
+// leaves the call to the pool.
+bool Daemon::Impl::exchangeLater(const std::shared_ptr<Call>& call) {
+    const HttpRequest& request = call->request;
+    if (storeOnIoThreads || (request.find(Protocol::kPostIdHeader) == request.end() &&
+                             request.find(Protocol::kClientsTooHeader) == request.end())) {
+        return false;
+    }
+    auto prepared = std::make_shared<Prepared>();
+    HttpReply malformed;
+    if (!prepare(request, *prepared, malformed) || prepared->ackOnly) {
         return false;
     }
     {
         // The store queue's bound holds for these too: past it, the pool
         // answers 503 as it would for any exchange.
         std::lock_guard<std::mutex> lock(laterMutex);
-        if (laterPosts >= options.storeQueue) {
+        if (laterExchanges >= options.storeQueue) {
             return false;
         }
-        ++laterPosts;
+        ++laterExchanges;
     }
     bool taken = false;
     try {
         taken = engine.exchangeLater(
-            fields, call->request.body(), carriage,
-            [this, held = std::shared_ptr<Call>(call)](bool done, std::string&& response,
-                                                       const Failure& failure) mutable {
+            prepared->fields, request.body(), prepared->options,
+            [this, prepared, held = std::shared_ptr<Call>(call)](
+                bool done, std::string&& response, const Failure& failure,
+                const Engine::ExchangeResult& result) mutable {
                 HttpReply reply;
+                WaitAsk ask;
                 try {
-                    if (done) {
-                        succeed(reply, std::move(response));
-                    } else {
-                        answer(reply, Wire::statusForFailure(Protocol::failureCode(failure.kind)),
-                               failure.message);
-                    }
+                    finish(*prepared, done, std::move(response), failure, result, reply, ask);
                 } catch (...) {
                     reply = HttpReply();
+                    ask = WaitAsk();
                     answer(reply, 500, "The daemon failed to serve the exchange.");
                 }
-                held->answer(std::move(reply));
+                settle(held, reply, ask);
                 held.reset();  // before the count: once it is 0 the server may go
                 std::lock_guard<std::mutex> lock(laterMutex);
-                --laterPosts;
+                --laterExchanges;
                 laterAnswered.notify_all();
             });
     } catch (...) {
@@ -495,20 +512,32 @@ bool Daemon::Impl::postLater(const std::shared_ptr<Call>& call) {
     }
     if (!taken) {
         std::lock_guard<std::mutex> lock(laterMutex);
-        --laterPosts;
+        --laterExchanges;
         laterAnswered.notify_all();
     }
     return taken;
 }
 
-// On the pool, or on the connection's strand when the store never waits: runs
-// the exchange, and answers, or waits when it is a getEvents that found nothing
-// and has time left (the first look sets its deadline).
+// On the pool, or on the connection's strand when the store never waits.
 void Daemon::Impl::look(const std::shared_ptr<Call>& call) {
     HttpReply reply;
     WaitAsk ask;
     try {
         exchange(call->request, reply, ask);
+    } catch (...) {
+        reply = HttpReply();
+        ask = WaitAsk();
+        answer(reply, 500, "The daemon failed to serve the exchange.");
+    }
+    settle(call, reply, ask);
+}
+
+// After the exchange, on the thread that did it: answers, or waits when it is a
+// getEvents that found nothing and has time left (the first look sets its
+// deadline).
+void Daemon::Impl::settle(const std::shared_ptr<Call>& call, HttpReply& reply,
+                          const WaitAsk& ask) noexcept {
+    try {
         const auto now = std::chrono::steady_clock::now();
         if (!call->deadline) {
             call->deadline = now + std::min<std::chrono::milliseconds>(
@@ -607,7 +636,7 @@ void Daemon::Impl::lookLater(const std::shared_ptr<Call>& call) noexcept {
     try {
         if (storeOnIoThreads) {
             boost::asio::post(call->pending->executor(), [this, call] { look(call); });
-        } else {
+        } else if (!exchangeLater(call)) {
             pool.submit([this, call] { look(call); });
         }
     } catch (...) {
@@ -637,49 +666,65 @@ void Daemon::Impl::scrape(HttpReply& reply) {
     reply.body = metrics.render(gauges);
 }
 
-void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAsk& ask) {
-    RequestHeaders fields;
-    Engine::ExchangeOptions carriage;
-    bool ackOnly = false;
+bool Daemon::Impl::prepare(const HttpRequest& request, Prepared& prepared, HttpReply& reply) {
     std::string problem;
-    if (!readFields(request, fields, problem) ||
-        !readCarriage(request, fields, carriage, ackOnly, problem)) {
+    if (!readFields(request, prepared.fields, problem) ||
+        !readCarriage(request, prepared.fields, prepared.carriage, prepared.ackOnly, problem)) {
         reply.close = true;
         answer(reply, Wire::kMalformedStatus, problem);
+        return false;
+    }
+    prepared.client = Client{fieldOf(prepared.fields, Protocol::kServerIdField),
+                             fieldOf(prepared.fields, Protocol::kClientIdField)};
+    prepared.options = prepared.carriage;
+    if (fieldOf(prepared.fields, Protocol::kOperationNameField) == Protocol::kGetEvents) {
+        if (!prepared.carriage.ack) {
+            prepared.options.ack = writtenNotAcknowledged(prepared.client);
+        }
+        // The carrier answers the client library's next getSharedClients from
+        // what follows the events: one round trip instead of two.
+        prepared.options.clientsToo = request.find(Protocol::kClientsTooHeader) != request.end();
+    }
+    if (prepared.fields.count(Protocol::kWaitMillisecondsField) != 0) {
+        prepared.mark = waiters.mark(prepared.client.first);
+    }
+    return true;
+}
+
+void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAsk& ask) {
+    Prepared prepared;
+    if (!prepare(request, prepared, reply)) {
         return;
     }
     std::string response;
     Failure failure;
     Engine::ExchangeResult result;
-    const Client client{fieldOf(fields, Protocol::kServerIdField),
-                        fieldOf(fields, Protocol::kClientIdField)};
-    Engine::ExchangeOptions options = carriage;
-    if (fieldOf(fields, Protocol::kOperationNameField) == Protocol::kGetEvents) {
-        if (!carriage.ack) {
-            options.ack = writtenNotAcknowledged(client);
-        }
-        // The carrier answers the client library's next getSharedClients from
-        // what follows the events: one round trip instead of two.
-        options.clientsToo = request.find(Protocol::kClientsTooHeader) != request.end();
-    }
-    if (fields.count(Protocol::kWaitMillisecondsField) != 0) {
-        ask.mark = waiters.mark(client.first);
-    }
+    const Client& client = prepared.client;
     const bool done =
-        ackOnly ? engine.acknowledge(client.first, client.second, *carriage.ack, failure)
-                : engine.exchange(fields, request.body(), options, response, failure, result);
+        prepared.ackOnly
+            ? engine.acknowledge(client.first, client.second, *prepared.carriage.ack, failure)
+            : engine.exchange(prepared.fields, request.body(), prepared.options, response,
+                              failure, result);
+    finish(prepared, done, std::move(response), failure, result, reply, ask);
+}
+
+void Daemon::Impl::finish(const Prepared& prepared, bool done, std::string&& response,
+                          const Failure& failure, const Engine::ExchangeResult& result,
+                          HttpReply& reply, WaitAsk& ask) {
     if (!done) {
         answer(reply, Wire::statusForFailure(Protocol::failureCode(failure.kind)), failure.message);
         return;
     }
-    if (result.lastSequence == 0 && !ackOnly && result.wait.count() > 0) {
+    const bool clientAcknowledges = prepared.carriage.ack.has_value();
+    if (result.lastSequence == 0 && !prepared.ackOnly && result.wait.count() > 0) {
         ask.wait = result.wait;
-        ask.serverId = client.first;
-        ask.clientId = client.second;
+        ask.serverId = prepared.client.first;
+        ask.clientId = prepared.client.second;
+        ask.mark = prepared.mark;
         ask.logEnd = result.logEnd;
-        ask.clientAcknowledges = carriage.ack.has_value();
+        ask.clientAcknowledges = clientAcknowledges;
     }
-    answerEvents(reply, std::move(response), result, client, carriage.ack.has_value());
+    answerEvents(reply, std::move(response), result, prepared.client, clientAcknowledges);
 }
 
 void Daemon::Impl::answerEvents(HttpReply& reply, std::string&& response,

@@ -91,7 +91,8 @@ local function lastSequence()
     return tonumber(redis.call('HGET', K.server, 'sequence')) - 1
 end
 -- The cursor to upTo (never back, never past the log); to the log's end when
--- nothing of others waits past it any more.
+-- nothing of others waits past it any more. True when it moved: the caller
+-- trims (once for several).
 local function advance(client, upTo)
     local cursor = tonumber(redis.call('HGET', K.cursors, client))
     local last = lastSequence()
@@ -99,7 +100,7 @@ local function advance(client, upTo)
         upTo = last
     end
     if upTo <= cursor then
-        return
+        return false
     end
     -- What waits is what others posted past the cursor. Whichever side of
     -- upTo holds fewer sequences is parsed: what was taken (and is subtracted),
@@ -129,7 +130,7 @@ local function advance(client, upTo)
         upTo = last
     end
     redis.call('HSET', K.cursors, client, string.format('%d', upTo))
-    trim()
+    return true
 end
 local function describe(client, into)
     local times = redis.call('HMGET', K.server, 'r:' .. client, 'f:' .. client)
@@ -319,34 +320,44 @@ if added then
 end
 return results
 )lua",
-    // Read: acknowledges first when asked, then the log past the cursor, oldest
-    // first, the client's own posts among them for the caller to leave out
-    // (telling them apart here would parse every entry in Lua, which costs
-    // Redis more than sending the few of them); the server's clients after
-    // them when asked (ARGV[5]), and the log's last sequence then.
+    // Read: the reads of one call in turn, each as if alone: acknowledges
+    // first when asked, then the log past the cursor, oldest first, the
+    // client's own posts among them for the caller to leave out (telling them
+    // apart here would parse every entry in Lua, which costs Redis more than
+    // sending the few of them). When asked (ARGV[3]), the server's clients and
+    // the log's last sequence after the reads.
     R"lua(
-local client = ARGV[2]
-if not redis.call('ZSCORE', K.clients, client) then
-    return {1}
+local now, results, moved = ARGV[2], {}, false
+for first = 4, #ARGV, 2 do
+    local client, ack = ARGV[first], ARGV[first + 1]
+    if not redis.call('ZSCORE', K.clients, client) then
+        results[#results + 1] = {1}
+    else
+        if ack ~= '' and advance(client, tonumber(ack)) then
+            moved = true
+        end
+        local events = {}
+        if waitingOf(client) > 0 then
+            local cursor = redis.call('HGET', K.cursors, client)
+            events = redis.call('ZRANGEBYSCORE', K.log, '(' .. cursor, '+inf')
+        end
+        redis.call('HSET', K.server, 'f:' .. client, now)
+        results[#results + 1] = {0, events}
+    end
 end
-if ARGV[4] ~= '' then
-    advance(client, tonumber(ARGV[4]))
+if moved then
+    trim()
 end
-local events = {}
-if waitingOf(client) > 0 then
-    local cursor = redis.call('HGET', K.cursors, client)
-    events = redis.call('ZRANGEBYSCORE', K.log, '(' .. cursor, '+inf')
+if ARGV[3] == '1' then
+    results[#results + 1] = redis.call('ZRANGE', K.clients, 0, -1)
+    results[#results + 1] = tonumber(redis.call('HGET', K.server, 'sequence') or '1') - 1
 end
-redis.call('HSET', K.server, 'f:' .. client, ARGV[3])
-if ARGV[5] == '1' then
-    return {0, events, redis.call('ZRANGE', K.clients, 0, -1), lastSequence()}
-end
-return {0, events}
+return results
 )lua",
     // Acknowledge: an unknown client is no error.
     R"lua(
-if redis.call('ZSCORE', K.clients, ARGV[2]) then
-    advance(ARGV[2], tonumber(ARGV[3]))
+if redis.call('ZSCORE', K.clients, ARGV[2]) and advance(ARGV[2], tonumber(ARGV[3])) then
+    trim()
 end
 return {0}
 )lua",

@@ -326,9 +326,22 @@ void RedisStore::clients(const std::string& serverId, ClientList& clients) {
 }
 
 struct RedisStore::LaterPost {
+    std::size_t bytes() const { return text.size(); }  // what counts against a call's bound
+
     std::string senderId, text, postId;
     PostDone done;
     std::optional<Failure> refusal;  // set by the script
+};
+
+struct RedisStore::LaterRead {
+    std::size_t bytes() const { return 0; }
+
+    std::string clientId;
+    std::optional<std::uint64_t> ackUpTo;
+    bool clientsToo = false;
+    ReadDone done;
+    std::optional<Failure> refusal;   // set by the script
+    std::vector<StoredEvent> events;  // set by the script
 };
 
 void RedisStore::post(const std::string& serverId, const std::string& senderId,
@@ -362,46 +375,63 @@ void RedisStore::post(const std::string& serverId, const std::string& senderId,
     }
 }
 
+template <class Work>
+void RedisStore::queueLater(const std::string& serverId, Queues<Work>& queues, Work&& work,
+                            const char* action) {
+    std::lock_guard<std::mutex> lock(postMutex);
+    if (posters.empty()) {
+        try {
+            for (std::size_t i = 0; i < kPosters; ++i) {
+                posters.emplace_back([this] { sendPosts(); });
+            }
+        } catch (const std::system_error&) {
+            if (posters.empty()) {
+                throw Failure{FailureKind::Limit,
+                              storeFailedMessage(action, "no thread could start")};
+            }
+        }
+    }
+    auto found = queues.servers.find(serverId);
+    if (found == queues.servers.end()) {
+        found = queues.servers.emplace(serverId, typename Queues<Work>::Server()).first;
+        try {
+            found->second.name.push_back(serverId);
+        } catch (...) {
+            queues.servers.erase(found);
+            throw;
+        }
+    }
+    auto& server = found->second;
+    try {
+        server.waiting.push_back(std::move(work));
+    } catch (...) {
+        if (server.waiting.empty() && !server.sending) {
+            queues.servers.erase(found);
+        }
+        throw;
+    }
+    if (!server.sending && !server.name.empty()) {
+        queues.ready.splice(queues.ready.end(), server.name);
+        postsWaiting.notify_one();
+    }
+}
+
 void RedisStore::postLater(const std::string& serverId, const std::string& senderId,
                            const std::string& text, const std::string& postId, PostDone done) {
     outOfMemoryIsLimit([&] {
-        LaterPost post{senderId, text, postId, std::move(done), std::nullopt};
-        std::lock_guard<std::mutex> lock(postMutex);
-        if (posters.empty()) {
-            try {
-                for (std::size_t i = 0; i < kPosters; ++i) {
-                    posters.emplace_back([this] { sendPosts(); });
-                }
-            } catch (const std::system_error&) {
-                if (posters.empty()) {
-                    throw Failure{FailureKind::Limit,
-                                  storeFailedMessage("queue the event", "no thread could start")};
-                }
-            }
-        }
-        auto found = laterPosts.find(serverId);
-        if (found == laterPosts.end()) {
-            found = laterPosts.emplace(serverId, ServerPosts()).first;
-            try {
-                found->second.name.push_back(serverId);
-            } catch (...) {
-                laterPosts.erase(found);
-                throw;
-            }
-        }
-        ServerPosts& server = found->second;
-        try {
-            server.waiting.push_back(std::move(post));
-        } catch (...) {
-            if (server.waiting.empty() && !server.sending) {
-                laterPosts.erase(found);
-            }
-            throw;
-        }
-        if (!server.sending && !server.name.empty()) {
-            postable.splice(postable.end(), server.name);
-            postsWaiting.notify_one();
-        }
+        queueLater(serverId, laterPosts,
+                   LaterPost{senderId, text, postId, std::move(done), std::nullopt},
+                   "queue the event");
+    });
+}
+
+void RedisStore::readLater(const std::string& serverId, const std::string& clientId,
+                           const std::optional<std::uint64_t>& ackUpTo, bool clientsToo,
+                           ReadDone done) {
+    outOfMemoryIsLimit([&] {
+        queueLater(serverId, laterReads,
+                   LaterRead{clientId, ackUpTo, clientsToo, std::move(done), std::nullopt, {}},
+                   "read the events");
     });
 }
 
@@ -417,56 +447,101 @@ void RedisStore::stopPosters() {
 }
 
 void RedisStore::sendPosts() {
-    // Bounds on one call, so that a post behind a crowd is not held long; the
-    // first post always goes, whatever its size.
-    static const std::size_t kMostPostsPerCall = 64, kMostBytesPerCall = 1 << 20;
     std::unique_lock<std::mutex> lock(postMutex);
     for (;;) {
-        postsWaiting.wait(lock, [this] { return stopping || !postable.empty(); });
-        if (postable.empty()) {
-            return;
-        }
-        // Unordered-map elements stay put while others come and go.
-        ServerPosts& server = laterPosts.find(postable.front())->second;
-        server.name.splice(server.name.begin(), postable, postable.begin());
-        server.sending = true;
-        const std::string& serverId = server.name.front();
-        std::list<LaterPost> posts;
-        std::size_t count = 0, bytes = 0;
-        while (!server.waiting.empty() &&
-               (count == 0 || (count < kMostPostsPerCall &&
-                               bytes + server.waiting.front().text.size() <= kMostBytesPerCall))) {
-            ++count;
-            bytes += server.waiting.front().text.size();
-            posts.splice(posts.end(), server.waiting, server.waiting.begin());
-        }
-        lock.unlock();
-
-        ClientList clients;
-        std::optional<Failure> failed;
-        try {
-            outOfMemoryIsLimit([&] { postInOneCall(serverId, posts, clients); });
-        } catch (Failure& failure) {
-            failed = std::move(failure);
-        } catch (...) {
-            failed.emplace();  // no message: there is no memory for one
-            failed->kind = FailureKind::Limit;
-        }
-        for (LaterPost& post : posts) {
-            const Failure* failure = failed ? &*failed : post.refusal ? &*post.refusal : nullptr;
-            try {
-                post.done(failure == nullptr ? &clients : nullptr, failure);
-            } catch (...) {
-                // done must not throw; the post is made or refused all the same.
-            }
-        }
-
-        lock.lock();
-        server.sending = false;
-        if (server.waiting.empty()) {
-            laterPosts.erase(laterPosts.find(serverId));
+        postsWaiting.wait(lock, [this] {
+            return stopping || !laterPosts.ready.empty() || !laterReads.ready.empty();
+        });
+        const bool reading =
+            !laterReads.ready.empty() && (laterPosts.ready.empty() || readsNext);
+        if (reading) {
+            readsNext = false;
+            sendOneCall(laterReads, lock);
+        } else if (!laterPosts.ready.empty()) {
+            readsNext = true;
+            sendOneCall(laterPosts, lock);
         } else {
-            postable.splice(postable.end(), server.name);  // this poster or another takes them
+            return;  // stopping, and nothing waits
+        }
+    }
+}
+
+template <class Work>
+void RedisStore::sendOneCall(Queues<Work>& queues, std::unique_lock<std::mutex>& lock) {
+    // Bounds on one call, so that work behind a crowd is not held long; the
+    // first always goes, whatever its size.
+    static const std::size_t kMostPerCall = 64, kMostBytesPerCall = 1 << 20;
+    // Unordered-map elements stay put while others come and go.
+    auto& server = queues.servers.find(queues.ready.front())->second;
+    server.name.splice(server.name.begin(), queues.ready, queues.ready.begin());
+    server.sending = true;
+    const std::string& serverId = server.name.front();
+    std::list<Work> work;
+    std::size_t count = 0, bytes = 0;
+    while (!server.waiting.empty() &&
+           (count == 0 || (count < kMostPerCall &&
+                           bytes + server.waiting.front().bytes() <= kMostBytesPerCall))) {
+        ++count;
+        bytes += server.waiting.front().bytes();
+        work.splice(work.end(), server.waiting, server.waiting.begin());
+    }
+    lock.unlock();
+    settle(serverId, work);
+    lock.lock();
+    server.sending = false;
+    if (server.waiting.empty()) {
+        queues.servers.erase(queues.servers.find(serverId));
+    } else {
+        queues.ready.splice(queues.ready.end(), server.name);  // this poster or another takes them
+    }
+}
+
+// Whatever happens, each post hears its outcome once.
+void RedisStore::settle(const std::string& serverId, std::list<LaterPost>& posts) noexcept {
+    ClientList clients;
+    std::optional<Failure> failed;
+    try {
+        outOfMemoryIsLimit([&] { postInOneCall(serverId, posts, clients); });
+    } catch (Failure& failure) {
+        failed = std::move(failure);
+    } catch (...) {
+        failed.emplace();  // no message: there is no memory for one
+        failed->kind = FailureKind::Limit;
+    }
+    for (LaterPost& post : posts) {
+        const Failure* failure = failed ? &*failed : post.refusal ? &*post.refusal : nullptr;
+        try {
+            post.done(failure == nullptr ? &clients : nullptr, failure);
+        } catch (...) {
+            // done must not throw; the post is made or refused all the same.
+        }
+    }
+}
+
+// Whatever happens, each read hears its outcome once.
+void RedisStore::settle(const std::string& serverId, std::list<LaterRead>& reads) noexcept {
+    ClientList clients;
+    std::uint64_t logEnd = 0;
+    std::optional<Failure> failed;
+    try {
+        outOfMemoryIsLimit([&] { readInOneCall(serverId, reads, clients, logEnd); });
+    } catch (Failure& failure) {
+        failed = std::move(failure);
+    } catch (...) {
+        failed.emplace();  // no message: there is no memory for one
+        failed->kind = FailureKind::Limit;
+    }
+    for (LaterRead& read : reads) {
+        const Failure* failure = failed ? &*failed : read.refusal ? &*read.refusal : nullptr;
+        try {
+            if (failure != nullptr) {
+                read.done(nullptr, nullptr, 0, failure);
+            } else {
+                read.done(&read.events, read.clientsToo ? &clients : nullptr,
+                          read.clientsToo ? logEnd : 0, nullptr);
+            }
+        } catch (...) {
+            // done must not throw.
         }
     }
 }
@@ -542,23 +617,70 @@ void RedisStore::readEvents(const std::string& serverId, const std::string& clie
                             const std::optional<std::uint64_t>& ackUpTo,
                             std::vector<StoredEvent>& events, ClientList* clients,
                             std::uint64_t* logEnd) {
-    outOfMemoryIsLimit([&] {
-        const ServerKeys keys(ServerKeys::hashTag(serverId));
-        const std::string now = std::to_string(epochMilliseconds());
-        const std::string ack = ackUpTo ? std::to_string(*ackUpTo) : std::string();
-        static const std::string kClientsToo = "1", kEventsOnly;
-        RedisReply reply =
-            runScript(*scripts, *pool, RedisScripts::Read, keys,
-                      {&clientId, &now, &ack, clients != nullptr ? &kClientsToo : &kEventsOnly});
-        ReplyReader reader(*pool, *reply);
-        if (reader.status() == RedisStatus::NotRegistered) {
-            throw Failure{FailureKind::Refused, notRegisteredMessage(serverId, clientId)};
+    std::mutex mutex;
+    std::condition_variable settled;
+    bool done = false, outOfMemory = false;
+    std::optional<Failure> failed;
+    readLater(serverId, clientId, ackUpTo, clients != nullptr,
+              [&](std::vector<StoredEvent>* found, const ClientList* listed, std::uint64_t end,
+                  const Failure* failure) {
+                  std::lock_guard<std::mutex> lock(mutex);
+                  try {
+                      if (found == nullptr) {
+                          failed = *failure;
+                      } else {
+                          events.swap(*found);
+                          if (clients != nullptr) {
+                              *clients = *listed;  // not swapped: the call's reads share it
+                              *logEnd = end;
+                          }
+                      }
+                  } catch (const std::bad_alloc&) {
+                      outOfMemory = true;
+                  }
+                  done = true;
+                  settled.notify_one();  // under the lock: this frame may go right after
+              });
+    std::unique_lock<std::mutex> lock(mutex);
+    settled.wait(lock, [&] { return done; });
+    if (outOfMemory) {
+        throw Failure{FailureKind::Limit, outOfMemoryMessage()};
+    }
+    if (failed) {
+        throw *failed;
+    }
+}
+
+void RedisStore::readInOneCall(const std::string& serverId, std::list<LaterRead>& reads,
+                               ClientList& clients, std::uint64_t& logEnd) {
+    const ServerKeys keys(ServerKeys::hashTag(serverId));
+    const std::string now = std::to_string(epochMilliseconds());
+    static const std::string kClientsToo = "1", kNone;
+    bool clientsToo = false;
+    std::vector<std::string> acks;
+    acks.reserve(reads.size());  // the arguments point into it
+    std::vector<const std::string*> arguments{&now, &kNone};
+    for (const LaterRead& read : reads) {
+        clientsToo = clientsToo || read.clientsToo;
+        acks.push_back(read.ackUpTo ? std::to_string(*read.ackUpTo) : std::string());
+        arguments.insert(arguments.end(), {&read.clientId, &acks.back()});
+    }
+    if (clientsToo) {
+        arguments[1] = &kClientsToo;
+    }
+    RedisReply reply = runScript(*scripts, *pool, RedisScripts::Read, keys, arguments);
+    const ReplyReader reader(*pool, *reply);
+    std::size_t index = 0;
+    for (LaterRead& read : reads) {
+        const ReplyReader outcome(*pool, reader.list(index++));
+        if (outcome.status() == RedisStatus::NotRegistered) {
+            read.refusal = Failure{FailureKind::Refused, notRegisteredMessage(serverId, read.clientId)};
+            continue;
         }
         // The client's own posts come too (the Read script says why); they are
         // left out here.
-        const redisReply& list = reader.list(1);
-        std::vector<StoredEvent> found;
-        found.reserve(list.elements);
+        const redisReply& list = outcome.list(1);
+        read.events.reserve(list.elements);
         StoredEvent event;
         for (std::size_t i = 0; i < list.elements; ++i) {
             const redisReply& element = *list.element[i];
@@ -566,16 +688,15 @@ void RedisStore::readEvents(const std::string& serverId, const std::string& clie
                 !decodeEvent(element.str, element.len, event)) {
                 pool->fail("holds an event this service did not write", describeReply(element));
             }
-            if (event.sender != clientId) {
-                found.push_back(std::move(event));
+            if (event.sender != read.clientId) {
+                read.events.push_back(std::move(event));
             }
         }
-        if (clients != nullptr) {
-            reader.texts(2, *clients);
-            *logEnd = static_cast<std::uint64_t>(reader.integer(3));
-        }
-        events.swap(found);
-    });
+    }
+    if (clientsToo) {
+        reader.texts(index, clients);
+        logEnd = static_cast<std::uint64_t>(reader.integer(index + 1));
+    }
 }
 
 void RedisStore::acknowledge(const std::string& serverId, const std::string& clientId,

@@ -83,6 +83,10 @@ public:
     void read(const std::string& serverId, const std::string& clientId,
               const std::optional<std::uint64_t>& ackUpTo,
               std::vector<StoredEvent>& events) override;
+    void readLater(const std::string& serverId, const std::string& clientId,
+                   const std::optional<std::uint64_t>& ackUpTo, bool clientsToo,
+                   ReadDone done) override;
+    bool readsLater() const override { return true; }
     void acknowledge(const std::string& serverId, const std::string& clientId,
                      std::uint64_t upTo) override;
     // Every daemon on the same Redis hears every post (this process's own too,
@@ -97,19 +101,38 @@ public:
 
 private:
     struct LaterPost;
+    struct LaterRead;
+    template <class Work>
+    struct Queues;
 
     std::vector<std::string> serverTags();
-    // What each poster thread does until the store goes: takes the posts
-    // waiting for one server that no other poster is sending, in arrival
-    // order, into one call of the Post script, and gives each its outcome.
+    // Queues work for the server in queues, and starts the poster threads
+    // with the first work (action names the work should none start).
+    template <class Work>
+    void queueLater(const std::string& serverId, Queues<Work>& queues, Work&& work,
+                    const char* action);
+    // Takes the work waiting for one server of queues that no poster is
+    // sending (up to kMostPerCall and, for posts, 1 MiB), sends it in one call
+    // with the lock released, and queues the server again if more waits.
+    template <class Work>
+    void sendOneCall(Queues<Work>& queues, std::unique_lock<std::mutex>& lock);
+    // What each poster thread does until the store goes: sendOneCall() of
+    // posts or of reads, in turns when both wait.
     void sendPosts();
     // Runs the Post script for posts, in turn, and settles each: clients for
     // all, or its refusal. Throws Failure when the call itself failed.
     void postInOneCall(const std::string& serverId, std::list<LaterPost>& posts,
                        ClientList& clients);
+    // postInOneCall() (or readInOneCall()), then each one's done.
+    void settle(const std::string& serverId, std::list<LaterPost>& posts) noexcept;
+    void settle(const std::string& serverId, std::list<LaterRead>& reads) noexcept;
+    // Runs the Read script for reads, in turn, and settles each: its events
+    // or its refusal, and the clients and the log's end when some asked.
+    void readInOneCall(const std::string& serverId, std::list<LaterRead>& reads,
+                       ClientList& clients, std::uint64_t& logEnd);
     void stopPosters();
-    // read(); with clients given, the server's clients and the log's end too,
-    // in the same script.
+    // readLater(), waited for; with clients given, the server's clients and
+    // the log's end too.
     void readEvents(const std::string& serverId, const std::string& clientId,
                     const std::optional<std::uint64_t>& ackUpTo, std::vector<StoredEvent>& events,
                     ClientList* clients, std::uint64_t* logEnd);
@@ -117,25 +140,33 @@ private:
     const RedisAddress address;
     const std::unique_ptr<RedisConnectionPool> pool;
     const std::unique_ptr<RedisScripts> scripts;
-    // Posts wait by server for a poster thread, which sends those of one
-    // server together: concurrent posts share a round trip and the script's
-    // reads and writes of the counts, and no caller's thread waits on Redis
-    // (postLater). One call per server at a time keeps a server's posts in
-    // order; kPosters servers are sent at once.
-    // Once a post is queued, nothing a poster does allocates (lists move
-    // nodes), so that running out of memory cannot strand a post.
+    // Posts and reads wait by server for a poster thread, which sends those
+    // of one server together: concurrent posts share a round trip and the
+    // script's reads and writes of the counts, concurrent reads a round trip,
+    // and no caller's thread waits on Redis (postLater, readLater). One call
+    // of posts per server at a time keeps a server's posts in order (and one
+    // of reads beside it); kPosters calls are sent at once. Once a post is
+    // queued, nothing a poster does for it allocates (lists move nodes), so
+    // that running out of memory cannot strand a post; a read that runs out of
+    // memory fails.
     static const std::size_t kPosters = 4;
-    struct ServerPosts {
-        std::list<LaterPost> waiting;  // in arrival order
-        // The server's id: one node, here or in postable while the server waits
-        // for a poster.
-        std::list<std::string> name;
-        bool sending = false;
+    template <class Work>
+    struct Queues {
+        struct Server {
+            std::list<Work> waiting;  // in arrival order
+            // The server's id: one node, here or in ready while the server
+            // waits for a poster.
+            std::list<std::string> name;
+            bool sending = false;
+        };
+        std::unordered_map<std::string, Server> servers;
+        std::list<std::string> ready;  // servers with work waiting, none being sent
     };
     std::mutex postMutex;  // guards everything down to posters
     std::condition_variable postsWaiting;
-    std::unordered_map<std::string, ServerPosts> laterPosts;
-    std::list<std::string> postable;  // servers with posts waiting, none being sent
+    Queues<LaterPost> laterPosts;
+    Queues<LaterRead> laterReads;
+    bool readsNext = false;  // when both wait: whose turn it is
     bool stopping = false;
     std::vector<std::thread> posters;  // started with the first post
     std::mutex watcherMutex;           // guards watcher

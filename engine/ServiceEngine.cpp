@@ -179,43 +179,74 @@ bool ServiceEngine::exchange(const RequestHeaders& headers, const std::string& b
 bool ServiceEngine::exchangeLater(const RequestHeaders& headers, const std::string& body,
                                   const ExchangeOptions& options, ExchangeDone done) {
     const auto operation = headers.find(Protocol::kOperationNameField);
-    if (!store->postsLater() || operation == headers.end() ||
-        operation->second != Protocol::kPutEvents) {
+    if (operation == headers.end()) {
         return false;
     }
-    LaterPost later;
+    const bool posting = operation->second == Protocol::kPutEvents && store->postsLater();
+    const bool reading = operation->second == Protocol::kGetEvents && store->readsLater();
+    if (!posting && !reading) {
+        return false;
+    }
+    LaterWork later;
     ExchangeResult result;
     Failure failure;
     if (!run([&] { dispatch(headers, body, options, false, result, &later); }, failure)) {
-        done(false, std::string(), failure);
+        done(false, std::string(), failure, result);
         return true;
     }
     if (!later.taken) {
         return false;
     }
+    const auto settle = [done](const std::function<std::string(ExchangeResult&)>& answer,
+                               ExchangeResult& result) {
+        std::string response;
+        Failure failed;
+        if (run([&] { response = answer(result); }, failed)) {
+            done(true, std::move(response), failed, result);
+        } else {
+            done(false, std::string(), failed, result);
+        }
+    };
     const bool queued = run(
         [&] {
-            store->postLater(
-                later.serverId, later.clientId, body, options.postId,
-                [this, serverId = later.serverId, done](const ClientList* clients,
-                                                        const Failure* refused) {
+            if (posting) {
+                store->postLater(later.serverId, later.clientId, body, options.postId,
+                                 [this, serverId = later.serverId, done, settle](
+                                     const ClientList* clients, const Failure* refused) {
+                                     ExchangeResult none;
+                                     if (refused != nullptr) {
+                                         done(false, std::string(), *refused, none);
+                                         return;
+                                     }
+                                     posted(serverId);
+                                     settle([&](ExchangeResult&) {
+                                         return sharedClientDocument(*clients);
+                                     }, none);
+                                 });
+                return;
+            }
+            store->readLater(
+                later.serverId, later.clientId, options.ack, options.clientsToo,
+                [this, done, settle, wait = result.wait, clientsToo = options.clientsToo](
+                    std::vector<StoredEvent>* events, const ClientList* clients, std::uint64_t logEnd,
+                    const Failure* refused) {
+                    ExchangeResult read;
+                    read.wait = wait;
                     if (refused != nullptr) {
-                        done(false, std::string(), *refused);
+                        done(false, std::string(), *refused, read);
                         return;
                     }
-                    posted(serverId);
-                    std::string response;
-                    Failure failed;
-                    if (run([&] { response = sharedClientDocument(*clients); }, failed)) {
-                        done(true, std::move(response), failed);
-                    } else {
-                        done(false, std::string(), failed);
-                    }
+                    read.logEnd = logEnd;
+                    const ClientList none;
+                    settle([&](ExchangeResult& result) {
+                        return eventsAnswer(*events, clients != nullptr ? *clients : none,
+                                            clientsToo, result);
+                    }, read);
                 });
         },
         failure);
     if (!queued) {
-        done(false, std::string(), failure);
+        done(false, std::string(), failure, result);
     }
     return true;
 }
@@ -227,7 +258,7 @@ bool ServiceEngine::acknowledge(const std::string& serverId, const std::string& 
 
 std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::string& body,
                                     const ExchangeOptions& options, bool ackAnswer,
-                                    ExchangeResult& result, LaterPost* later) {
+                                    ExchangeResult& result, LaterWork* later) {
     const std::string& serviceName = requiredHeader(headers, Protocol::kServiceNameField);
     const bool admin = serviceName == Protocol::kAdminServiceName;
     if (serviceName != Protocol::kServiceName && !admin) {
@@ -270,6 +301,10 @@ std::string ServiceEngine::dispatch(const RequestHeaders& headers, const std::st
     }
     if (operation == Protocol::kGetEvents) {
         result.wait = wait;
+        if (later != nullptr) {
+            *later = LaterWork{true, serverId, clientId};
+            return std::string();
+        }
         return getEvents(serverId, clientId, options, ackAnswer, result);
     }
     return getSharedClients(serverId);
@@ -300,7 +335,7 @@ std::string ServiceEngine::unregisterClient(const std::string& serverId,
 
 std::string ServiceEngine::putEvents(const std::string& serverId, const std::string& clientId,
                                      const std::string& body, const std::string& postId,
-                                     LaterPost* later) {
+                                     LaterWork* later) {
     if (!fitsXmlDocument(body)) {
         if (later != nullptr) {
             return std::string();  // not taken: the refusal looks at the store first
@@ -317,7 +352,7 @@ std::string ServiceEngine::putEvents(const std::string& serverId, const std::str
                        "UTF-8, which an XML document cannot carry.");
     }
     if (later != nullptr) {
-        *later = LaterPost{true, serverId, clientId};
+        *later = LaterWork{true, serverId, clientId};
         return std::string();
     }
     ClientList clients;

@@ -115,16 +115,17 @@ public:
     bool exchange(const RequestHeaders& headers, const std::string& body,
                   const ExchangeOptions& options, std::string& response, Failure& failure,
                   ExchangeResult& result);
-    // Called once with what exchange() gives: true with the response, or
-    // false with the failure. Must not throw.
-    using ExchangeDone =
-        std::function<void(bool done, std::string&& response, const Failure& failure)>;
-    // exchange() for a putEvents on a store that postsLater(), without holding
-    // the caller on the store: true when it took the exchange, and done is then
-    // called once, from a thread of the store's (or from this one, when the
-    // request is refused before it reaches the store). False, with nothing
-    // done, for every other exchange and for a putEvents whose refusal needs a
-    // look at the store: the carrier calls exchange() for those.
+    // Called once with what exchange() gives: true with the response and
+    // result, or false with the failure. Must not throw.
+    using ExchangeDone = std::function<void(bool done, std::string&& response,
+                                            const Failure& failure, const ExchangeResult& result)>;
+    // exchange() for a putEvents on a store that postsLater(), or a getEvents
+    // on one that readsLater(), without holding the caller on the store: true
+    // when it took the exchange, and done is then called once, from a thread
+    // of the store's (or from this one, when the request is refused before it
+    // reaches the store). False, with nothing done, for every other exchange
+    // and for a putEvents whose refusal needs a look at the store: the carrier
+    // calls exchange() for those.
     bool exchangeLater(const RequestHeaders& headers, const std::string& body,
                        const ExchangeOptions& options, ExchangeDone done);
     // The answer of a getEvents with clientsToo that found nothing at logEnd
@@ -155,21 +156,22 @@ public:
     bool storeNeverWaits() const { return store->neverWaits(); }
 
 private:
-    // A putEvents checked and left for the store to post (exchangeLater()).
-    struct LaterPost {
+    // A putEvents or getEvents checked and left for the store (exchangeLater()).
+    struct LaterWork {
         bool taken = false;
         std::string serverId, clientId;
     };
 
     // ackAnswer: a getEvents acknowledges its own answer (handle()). With
-    // later given, a putEvents that would reach the store fills it instead.
+    // later given, a putEvents or getEvents that would reach the store fills it
+    // instead.
     std::string dispatch(const RequestHeaders& headers, const std::string& body,
                          const ExchangeOptions& options, bool ackAnswer, ExchangeResult& result,
-                         LaterPost* later = nullptr);
+                         LaterWork* later = nullptr);
     std::string registerClient(const std::string& serverId, const std::string& clientId);
     std::string unregisterClient(const std::string& serverId, const std::string& clientId);
     std::string putEvents(const std::string& serverId, const std::string& clientId,
-                          const std::string& body, const std::string& postId, LaterPost* later);
+                          const std::string& body, const std::string& postId, LaterWork* later);
     std::string getEvents(const std::string& serverId, const std::string& clientId,
                           const ExchangeOptions& options, bool ackAnswer, ExchangeResult& result);
     // The answer of a getEvents that found events (and clients, with clientsToo).

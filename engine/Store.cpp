@@ -40,6 +40,29 @@ void Store::postLater(const std::string& serverId, const std::string& senderId,
     done(&clients, nullptr);
 }
 
+void Store::readLater(const std::string& serverId, const std::string& clientId,
+                      const std::optional<std::uint64_t>& ackUpTo, bool clientsToo,
+                      ReadDone done) {
+    std::vector<StoredEvent> events;
+    ClientList clients;
+    std::uint64_t logEnd = 0;
+    try {
+        if (clientsToo) {
+            readWithClients(serverId, clientId, ackUpTo, events, clients, logEnd);
+        } else {
+            read(serverId, clientId, ackUpTo, events);
+        }
+    } catch (const Failure& failure) {
+        done(nullptr, nullptr, 0, &failure);
+        return;
+    } catch (const std::bad_alloc&) {
+        const Failure failure{FailureKind::Limit, outOfMemoryMessage()};
+        done(nullptr, nullptr, 0, &failure);
+        return;
+    }
+    done(&events, clientsToo ? &clients : nullptr, logEnd, nullptr);
+}
+
 // The memory store holds every text in this process, and a getEvents answer
 // briefly holds a client's texts again, escaped; a quarter of the physical
 // memory leaves room for that, for the rest of the process and for the other

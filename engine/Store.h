@@ -94,6 +94,13 @@ using PostListener =
 // Exactly one of the two is given.
 using PostDone = std::function<void(const ClientList* clients, const Failure* failure)>;
 
+// A read's outcome: the events, and with clients asked for, the clients and
+// the log's end (as readWithClients() gives them; else null and 0), or the
+// failure (then events is null). The events are the read's own to take; the
+// clients may be shared with other reads.
+using ReadDone = std::function<void(std::vector<StoredEvent>* events, const ClientList* clients,
+                                    std::uint64_t logEnd, const Failure* failure)>;
+
 // The clock of registration and fetch times: milliseconds since the Unix epoch.
 std::int64_t epochMilliseconds();
 
@@ -155,6 +162,13 @@ public:
         this->clients(serverId, clients);
         logEnd = 0;
     }
+    // read(), or readWithClients() when clientsToo, with the outcome given to
+    // done as postLater() gives its own: a store that readsLater() calls done
+    // from a thread of its own, any other on the caller's thread.
+    virtual void readLater(const std::string& serverId, const std::string& clientId,
+                           const std::optional<std::uint64_t>& ackUpTo, bool clientsToo,
+                           ReadDone done);
+    virtual bool readsLater() const { return false; }
     // Moves the cursor forward to upTo (never backward; clamped to the log's
     // last sequence) and trims the log below the lowest cursor. An unknown
     // client is no error.

@@ -61,8 +61,9 @@ public:
         // clients, {status} | {status, recipient, waiting} | {status, stored}
         // for each post}
         Post,
-        // ARGV client, now, acknowledged ("" for none), clients too ("1" or "")
-        // -> {status, events[, clients, the log's last sequence]}
+        // ARGV now, clients too ("1" or ""), then client and acknowledged (""
+        // for none) of each read in turn -> {{status[, events]} for each read,
+        // [clients, the log's last sequence]}
         Read,
         // ARGV client, acknowledged -> {status}
         Acknowledge,

@@ -176,6 +176,10 @@ TEST_F(RedisStoreTest, HearsPostsThroughAnotherStoreAcrossRedisRestarts) {
     ASSERT_TRUE(hears(""));
     poster->post(s, "a", "x y", "", clients);
     EXPECT_TRUE(hears(s + " a b a|1|x y"));
+    std::vector<StoredEvent> events;
+    std::uint64_t logEnd = 0;
+    watcher->readWithClients(s, "b", std::nullopt, events, clients, logEnd);
+    EXPECT_EQ(logEnd, 1u);  // what the news answers a waiter from: past this
     poster->post(s, "b", std::string(100 * 1024, 'z'), "", clients);
     EXPECT_TRUE(hears(s));
 }

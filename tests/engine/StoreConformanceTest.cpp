@@ -353,6 +353,54 @@ TEST_P(StoreConformance, RacingPostsKeepTheLimitsAndThePostIds) {
     }
 }
 
+// Reads racing one another (one thread per client) each get what waits for
+// their own client, less its own post, with the clients; each acknowledgement
+// moves its own cursor only; a reader that is not registered is refused alone.
+TEST_P(StoreConformance, RacingReadsEachGetTheirOwn) {
+    open(ServiceLimits());
+    const Lines ids{"0", "1", "2", "3", "4", "5"};
+    registerAll(*store, "S", ids);
+    for (const std::string& id : ids) {
+        post("S", id, "from " + id);
+    }
+    std::vector<std::string> faults(ids.size() + 1);
+    std::vector<std::thread> threads;
+    for (std::size_t t = 0; t < ids.size(); ++t) {
+        threads.emplace_back([&, t] {
+            Lines expected, clients;
+            for (std::size_t other = 0; other < ids.size(); ++other) {
+                if (other != t) {
+                    expected.push_back(ids[other] + "|" + std::to_string(other + 1) + "|from " +
+                                       ids[other]);
+                }
+            }
+            if (readLines(*store, "S", ids[t], std::nullopt, false, &clients) != expected ||
+                clients != ids) {
+                faults[t] += "read another's events or clients\n";
+            }
+            if (!readLines(*store, "S", ids[t], ids.size()).empty()) {
+                faults[t] += "read again what it acknowledged\n";
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        try {
+            readLines(*store, "S", "x");
+            faults.back() = "a reader that is not registered was answered";
+        } catch (const Failure& failure) {
+            if (failure.message != notRegisteredMessage("S", "x")) {
+                faults.back() = failure.message;
+            }
+        }
+    });
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (std::size_t t = 0; t < faults.size(); ++t) {
+        EXPECT_EQ(faults[t], "") << "reader " << t;
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Stores, StoreConformance, ::testing::Values("Memory", "Sqlite", "Redis"),
                          [](const auto& info) { return info.param; });
 
