@@ -670,9 +670,9 @@ void RedisStore::readInOneCall(const std::string& serverId, std::list<LaterRead>
     }
     RedisReply reply = runScript(*scripts, *pool, RedisScripts::Read, keys, arguments);
     const ReplyReader reader(*pool, *reply);
-    std::size_t index = 0;
+    std::size_t next = 0;  // the next read's outcome
     for (LaterRead& read : reads) {
-        const ReplyReader outcome(*pool, reader.list(index++));
+        const ReplyReader outcome(*pool, reader.list(next++));
         if (outcome.status() == RedisStatus::NotRegistered) {
             read.refusal = Failure{FailureKind::Refused, notRegisteredMessage(serverId, read.clientId)};
             continue;
@@ -694,8 +694,8 @@ void RedisStore::readInOneCall(const std::string& serverId, std::list<LaterRead>
         }
     }
     if (clientsToo) {
-        reader.texts(index, clients);
-        logEnd = static_cast<std::uint64_t>(reader.integer(index + 1));
+        reader.texts(next, clients);
+        logEnd = static_cast<std::uint64_t>(reader.integer(next + 1));
     }
 }
 
