@@ -165,8 +165,8 @@ void succeed(HttpReply& reply, std::string&& response) {
 struct WaitAsk {
     std::chrono::milliseconds wait{0};  // 0: answer now
     std::string serverId, clientId;
-    std::uint64_t mark = 0;    // Waiters::mark() from before the look
-    std::uint64_t logEnd = 0;  // ExchangeResult::logEnd
+    std::uint64_t mark = 0;           // Waiters::mark() from before the look
+    std::uint64_t logEnd = 0;         // ExchangeResult::logEnd
     bool clientAcknowledges = false;  // the request carried its own ack
 };
 
@@ -182,11 +182,10 @@ struct Daemon::Impl : HttpHandler {
           storeWatch(engine),
           server(serverOptions(options, log), *this),
           pool(options.storeThreads, options.storeQueue) {
-        engine.setPostListener(
-            [this](const std::string& serverId,
-                   const std::shared_ptr<const Engine::PostNews>& news) {
-                waiters.posted(serverId, news);
-            });
+        engine.setPostListener([this](const std::string& serverId,
+                                      const std::shared_ptr<const Engine::PostNews>& news) {
+            waiters.posted(serverId, news);
+        });
     }
 
     struct Call;
@@ -217,9 +216,8 @@ struct Daemon::Impl : HttpHandler {
     bool prepare(const HttpRequest& request, Prepared& prepared, HttpReply& reply);
     void exchange(const HttpRequest& request, HttpReply& reply, WaitAsk& ask);
     // The reply to an exchange the engine did (done) or refused; ask when it waits.
-    void finish(const Prepared& prepared, bool done, std::string&& response,
-                const Failure& failure, const Engine::ExchangeResult& result, HttpReply& reply,
-                WaitAsk& ask);
+    void finish(const Prepared& prepared, bool done, std::string&& response, const Failure& failure,
+                const Engine::ExchangeResult& result, HttpReply& reply, WaitAsk& ask);
     void answerEvents(HttpReply& reply, std::string&& response,
                       const Engine::ExchangeResult& result, const Client& client,
                       bool clientAcknowledges);
@@ -331,7 +329,7 @@ struct Daemon::Impl::Call : Waiters::Waiter, std::enable_shared_from_this<Call> 
     const std::function<void(HttpReply)> done;
     boost::asio::steady_timer timer;
     std::optional<std::chrono::steady_clock::time_point> deadline;  // set by the first look
-    bool clientAcknowledges = false;  // WaitAsk's, set with serverId
+    bool clientAcknowledges = false;                                // WaitAsk's, set with serverId
     unsigned round = 0;  // waits begun, on the strand: tells a stale timer
 };
 
@@ -703,8 +701,8 @@ void Daemon::Impl::exchange(const HttpRequest& request, HttpReply& reply, WaitAs
     const bool done =
         prepared.ackOnly
             ? engine.acknowledge(client.first, client.second, *prepared.carriage.ack, failure)
-            : engine.exchange(prepared.fields, request.body(), prepared.options, response,
-                              failure, result);
+            : engine.exchange(prepared.fields, request.body(), prepared.options, response, failure,
+                              result);
     finish(prepared, done, std::move(response), failure, result, reply, ask);
 }
 

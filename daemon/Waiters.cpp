@@ -74,11 +74,10 @@ void Waiters::posted(const std::string& serverId,
     // What news can answer is what its read did not see (past logEnd) and
     // did not post itself, for a client that was still registered.
     const auto newsFor = [&](const Waiter& waiter) {
-        return std::any_of(news->events.begin(), news->events.end(),
-                           [&](const Engine::StoredEvent& event) {
-                               return event.sequence > waiter.logEnd &&
-                                      event.sender != waiter.clientId;
-                           });
+        return std::any_of(
+            news->events.begin(), news->events.end(), [&](const Engine::StoredEvent& event) {
+                return event.sequence > waiter.logEnd && event.sender != waiter.clientId;
+            });
     };
     Server looking, answered;
     {

@@ -468,8 +468,8 @@ bool decodePostNews(const char* data, std::size_t size, std::string& serverId,
     auto heard = std::make_shared<PostNews>();
     std::uint64_t count = 0;
     std::size_t countAt = 0;
-    if (!readField(data, size, at, field, length) ||
-        !readDigits(field, length, countAt, count) || countAt != length || count > size) {
+    if (!readField(data, size, at, field, length) || !readDigits(field, length, countAt, count) ||
+        countAt != length || count > size) {
         return false;
     }
     heard->clients.reserve(static_cast<std::size_t>(count));

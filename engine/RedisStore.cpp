@@ -452,8 +452,7 @@ void RedisStore::sendPosts() {
         postsWaiting.wait(lock, [this] {
             return stopping || !laterPosts.ready.empty() || !laterReads.ready.empty();
         });
-        const bool reading =
-            !laterReads.ready.empty() && (laterPosts.ready.empty() || readsNext);
+        const bool reading = !laterReads.ready.empty() && (laterPosts.ready.empty() || readsNext);
         if (reading) {
             readsNext = false;
             sendOneCall(laterReads, lock);
@@ -674,7 +673,8 @@ void RedisStore::readInOneCall(const std::string& serverId, std::list<LaterRead>
     for (LaterRead& read : reads) {
         const ReplyReader outcome(*pool, reader.list(next++));
         if (outcome.status() == RedisStatus::NotRegistered) {
-            read.refusal = Failure{FailureKind::Refused, notRegisteredMessage(serverId, read.clientId)};
+            read.refusal =
+                Failure{FailureKind::Refused, notRegisteredMessage(serverId, read.clientId)};
             continue;
         }
         // The client's own posts come too (the Read script says why); they are

@@ -10,9 +10,10 @@
 // script was sent leaves the operation applied or not (a timed-out script may
 // still run): the Failure says the outcome is unknown, and a resend with the
 // same post id is safe. Thread-safe; connections are pooled and opened again
-// after Redis restarts. Posts are sent by threads of the store's own
-// (kPosters), started with the first post and joined when the store goes: the
-// posts waiting for one server go in one script call, each applied as if alone.
+// after Redis restarts. Posts and reads are sent by threads of the store's own
+// (kPosters), started with the first of them and joined when the store goes:
+// the posts waiting for one server go in one script call, each applied as if
+// alone, and so do its reads.
 #ifndef AVQVL_ENGINE_REDISSTORE_H
 #define AVQVL_ENGINE_REDISSTORE_H
 

@@ -210,26 +210,26 @@ bool ServiceEngine::exchangeLater(const RequestHeaders& headers, const std::stri
     const bool queued = run(
         [&] {
             if (posting) {
-                store->postLater(later.serverId, later.clientId, body, options.postId,
-                                 [this, serverId = later.serverId, done, settle](
-                                     const ClientList* clients, const Failure* refused) {
-                                     ExchangeResult none;
-                                     if (refused != nullptr) {
-                                         done(false, std::string(), *refused, none);
-                                         return;
-                                     }
-                                     posted(serverId);
-                                     settle([&](ExchangeResult&) {
-                                         return sharedClientDocument(*clients);
-                                     }, none);
-                                 });
+                store->postLater(
+                    later.serverId, later.clientId, body, options.postId,
+                    [this, serverId = later.serverId, done, settle](const ClientList* clients,
+                                                                    const Failure* refused) {
+                        ExchangeResult none;
+                        if (refused != nullptr) {
+                            done(false, std::string(), *refused, none);
+                            return;
+                        }
+                        posted(serverId);
+                        settle([&](ExchangeResult&) { return sharedClientDocument(*clients); },
+                               none);
+                    });
                 return;
             }
             store->readLater(
                 later.serverId, later.clientId, options.ack, options.clientsToo,
                 [this, done, settle, wait = result.wait, clientsToo = options.clientsToo](
-                    std::vector<StoredEvent>* events, const ClientList* clients, std::uint64_t logEnd,
-                    const Failure* refused) {
+                    std::vector<StoredEvent>* events, const ClientList* clients,
+                    std::uint64_t logEnd, const Failure* refused) {
                     ExchangeResult read;
                     read.wait = wait;
                     if (refused != nullptr) {
@@ -238,10 +238,12 @@ bool ServiceEngine::exchangeLater(const RequestHeaders& headers, const std::stri
                     }
                     read.logEnd = logEnd;
                     const ClientList none;
-                    settle([&](ExchangeResult& result) {
-                        return eventsAnswer(*events, clients != nullptr ? *clients : none,
-                                            clientsToo, result);
-                    }, read);
+                    settle(
+                        [&](ExchangeResult& result) {
+                            return eventsAnswer(*events, clients != nullptr ? *clients : none,
+                                                clientsToo, result);
+                        },
+                        read);
                 });
         },
         failure);

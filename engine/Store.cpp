@@ -41,8 +41,7 @@ void Store::postLater(const std::string& serverId, const std::string& senderId,
 }
 
 void Store::readLater(const std::string& serverId, const std::string& clientId,
-                      const std::optional<std::uint64_t>& ackUpTo, bool clientsToo,
-                      ReadDone done) {
+                      const std::optional<std::uint64_t>& ackUpTo, bool clientsToo, ReadDone done) {
     std::vector<StoredEvent> events;
     ClientList clients;
     std::uint64_t logEnd = 0;
