@@ -308,10 +308,11 @@ TEST_P(StoreConformance, ConcurrentPostsAndTakesLoseNothing) {
     }
 }
 
-// Posts racing one another (two threads per sender, sending the same ids) are
-// each checked against what the posts before them left: the recipient that
-// never reads gets exactly its limit of events, each once, every post
-// answered as done among them, every other refused for that recipient.
+// Posts racing one another (two threads per sender, sending the same ids, and
+// two of a sender that is not registered) are each checked against what the
+// posts before them left: the recipient that never reads gets exactly its
+// limit of events, each once, every post answered as done among them, every
+// other refused for that recipient, and the stranger's all refused as such.
 TEST_P(StoreConformance, RacingPostsKeepTheLimitsAndThePostIds) {
     ServiceLimits limits;
     limits.maxQueuedEventsPerClient = 40;
@@ -321,9 +322,9 @@ TEST_P(StoreConformance, RacingPostsKeepTheLimitsAndThePostIds) {
     std::set<std::string> done;
     std::vector<std::string> refusals;
     std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t) {
+    for (int t = 0; t < 10; ++t) {
         threads.emplace_back([&, t] {
-            const std::string sender = std::to_string(t % 4);
+            const std::string sender = t < 8 ? std::to_string(t % 4) : "x";
             for (int n = 0; n < 25; ++n) {
                 const std::string id = std::to_string(n), text = sender + "#" + id;
                 try {
@@ -346,11 +347,17 @@ TEST_P(StoreConformance, RacingPostsKeepTheLimitsAndThePostIds) {
     }
     EXPECT_EQ(received.size(), 40u);
     EXPECT_EQ(done, received);
+    std::size_t strangers = 0;
     for (const std::string& refusal : refusals) {
-        EXPECT_NE(refusal.find("client \"r\" of server \"S\" already has 40 events"),
-                  std::string::npos)
-            << refusal;
+        if (refusal == notRegisteredMessage("S", "x")) {
+            ++strangers;
+        } else {
+            EXPECT_NE(refusal.find("client \"r\" of server \"S\" already has 40 events"),
+                      std::string::npos)
+                << refusal;
+        }
     }
+    EXPECT_EQ(strangers, 50u);
 }
 
 // Reads racing one another (one thread per client) each get what waits for
