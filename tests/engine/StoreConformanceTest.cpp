@@ -203,6 +203,9 @@ TEST_P(StoreConformance, Scenarios) {
          storedBound,
          {"c=", "a+12345", "b^ a|1|12345", "c^ a|1|12345", "a+678", "a+90", "b^ a|2|678 a|3|90",
           "c!2", "$ 3/1/2", "b+123456789 !L already holds 2 bytes"}},
+        {"an acknowledgement a read carries trims as one alone does",
+         storedBound,
+         {"a+0123456789", "b? a|1|0123456789", "b?1", "a+0123456789"}},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.rule);
