@@ -210,6 +210,62 @@ auto outOfMemoryIsLimit(const Operation& operation) -> decltype(operation()) {
     }
 }
 
+// What step threw, as the failure the work of a call hears; nothing when it
+// went through.
+template <class Step>
+std::optional<Failure> failureOf(Step step) noexcept {
+    std::optional<Failure> failed;
+    try {
+        outOfMemoryIsLimit(step);
+    } catch (Failure& failure) {
+        failed = std::move(failure);
+    } catch (...) {
+        failed.emplace();  // no message: there is no memory for one
+        failed->kind = FailureKind::Limit;
+    }
+    return failed;
+}
+
+// A caller waiting on work it handed to a poster thread: the poster settles
+// it once (keep copies the outcome out, under the lock), and wait() returns
+// then, or throws the failure.
+class Awaited {
+public:
+    // failure, or else keep(); running out of memory in keep is a Limit too.
+    template <class Keep>
+    void settle(const Failure* failure, Keep keep) noexcept {
+        std::lock_guard<std::mutex> lock(mutex);
+        try {
+            if (failure != nullptr) {
+                failed = *failure;
+            } else {
+                keep();
+            }
+        } catch (const std::bad_alloc&) {
+            outOfMemory = true;
+        }
+        done = true;
+        settled.notify_one();  // under the lock: the waiter's frame may go right after
+    }
+
+    void wait() {
+        std::unique_lock<std::mutex> lock(mutex);
+        settled.wait(lock, [this] { return done; });
+        if (outOfMemory) {
+            throw Failure{FailureKind::Limit, outOfMemoryMessage()};
+        }
+        if (failed) {
+            throw *failed;
+        }
+    }
+
+private:
+    std::mutex mutex;  // guards everything below
+    std::condition_variable settled;
+    bool done = false, outOfMemory = false;
+    std::optional<Failure> failed;
+};
+
 }  // namespace
 
 bool parseRedisUrl(const std::string& url, RedisAddress& address, std::string& error) {
@@ -346,33 +402,12 @@ struct RedisStore::LaterRead {
 
 void RedisStore::post(const std::string& serverId, const std::string& senderId,
                       const std::string& text, const std::string& postId, ClientList& clients) {
-    std::mutex mutex;
-    std::condition_variable settled;
-    bool done = false, outOfMemory = false;
-    std::optional<Failure> failed;
+    Awaited awaited;
     postLater(serverId, senderId, text, postId,
               [&](const ClientList* answered, const Failure* failure) {
-                  std::lock_guard<std::mutex> lock(mutex);
-                  try {
-                      if (answered != nullptr) {
-                          clients = *answered;
-                      } else {
-                          failed = *failure;
-                      }
-                  } catch (const std::bad_alloc&) {
-                      outOfMemory = true;
-                  }
-                  done = true;
-                  settled.notify_one();  // under the lock: this frame may go right after
+                  awaited.settle(failure, [&] { clients = *answered; });
               });
-    std::unique_lock<std::mutex> lock(mutex);
-    settled.wait(lock, [&] { return done; });
-    if (outOfMemory) {
-        throw Failure{FailureKind::Limit, outOfMemoryMessage()};
-    }
-    if (failed) {
-        throw *failed;
-    }
+    awaited.wait();
 }
 
 template <class Work>
@@ -498,15 +533,8 @@ void RedisStore::sendOneCall(Queues<Work>& queues, std::unique_lock<std::mutex>&
 // Whatever happens, each post hears its outcome once.
 void RedisStore::settle(const std::string& serverId, std::list<LaterPost>& posts) noexcept {
     ClientList clients;
-    std::optional<Failure> failed;
-    try {
-        outOfMemoryIsLimit([&] { postInOneCall(serverId, posts, clients); });
-    } catch (Failure& failure) {
-        failed = std::move(failure);
-    } catch (...) {
-        failed.emplace();  // no message: there is no memory for one
-        failed->kind = FailureKind::Limit;
-    }
+    const std::optional<Failure> failed =
+        failureOf([&] { postInOneCall(serverId, posts, clients); });
     for (LaterPost& post : posts) {
         const Failure* failure = failed ? &*failed : post.refusal ? &*post.refusal : nullptr;
         try {
@@ -521,15 +549,8 @@ void RedisStore::settle(const std::string& serverId, std::list<LaterPost>& posts
 void RedisStore::settle(const std::string& serverId, std::list<LaterRead>& reads) noexcept {
     ClientList clients;
     std::uint64_t logEnd = 0;
-    std::optional<Failure> failed;
-    try {
-        outOfMemoryIsLimit([&] { readInOneCall(serverId, reads, clients, logEnd); });
-    } catch (Failure& failure) {
-        failed = std::move(failure);
-    } catch (...) {
-        failed.emplace();  // no message: there is no memory for one
-        failed->kind = FailureKind::Limit;
-    }
+    const std::optional<Failure> failed =
+        failureOf([&] { readInOneCall(serverId, reads, clients, logEnd); });
     for (LaterRead& read : reads) {
         const Failure* failure = failed ? &*failed : read.refusal ? &*read.refusal : nullptr;
         try {
@@ -616,38 +637,19 @@ void RedisStore::readEvents(const std::string& serverId, const std::string& clie
                             const std::optional<std::uint64_t>& ackUpTo,
                             std::vector<StoredEvent>& events, ClientList* clients,
                             std::uint64_t* logEnd) {
-    std::mutex mutex;
-    std::condition_variable settled;
-    bool done = false, outOfMemory = false;
-    std::optional<Failure> failed;
+    Awaited awaited;
     readLater(serverId, clientId, ackUpTo, clients != nullptr,
               [&](std::vector<StoredEvent>* found, const ClientList* listed, std::uint64_t end,
                   const Failure* failure) {
-                  std::lock_guard<std::mutex> lock(mutex);
-                  try {
-                      if (found == nullptr) {
-                          failed = *failure;
-                      } else {
-                          events.swap(*found);
-                          if (clients != nullptr) {
-                              *clients = *listed;  // not swapped: the call's reads share it
-                              *logEnd = end;
-                          }
+                  awaited.settle(failure, [&] {
+                      events.swap(*found);
+                      if (clients != nullptr) {
+                          *clients = *listed;  // not swapped: the call's reads share it
+                          *logEnd = end;
                       }
-                  } catch (const std::bad_alloc&) {
-                      outOfMemory = true;
-                  }
-                  done = true;
-                  settled.notify_one();  // under the lock: this frame may go right after
+                  });
               });
-    std::unique_lock<std::mutex> lock(mutex);
-    settled.wait(lock, [&] { return done; });
-    if (outOfMemory) {
-        throw Failure{FailureKind::Limit, outOfMemoryMessage()};
-    }
-    if (failed) {
-        throw *failed;
-    }
+    awaited.wait();
 }
 
 void RedisStore::readInOneCall(const std::string& serverId, std::list<LaterRead>& reads,
