@@ -141,19 +141,18 @@ TEST_F(RedisStoreTest, HearsPostsThroughAnotherStoreAcrossRedisRestarts) {
     std::mutex mutex;  // these two outlive the watcher's listener thread
     Lines heard;
     auto poster = makeStore(), watcher = makeStore();
-    watcher->watchPosts([&](const std::string& serverId,
-                            const std::shared_ptr<const PostNews>& news) {
-        std::string line = serverId;
-        for (std::size_t i = 0; news && i < news->clients.size(); ++i) {
-            line += " " + news->clients[i];
-        }
-        for (std::size_t i = 0; news && i < news->events.size(); ++i) {
-            const StoredEvent& event = news->events[i];
-            line += " " + event.sender + "|" + std::to_string(event.sequence) + "|" + *event.text;
-        }
-        std::lock_guard<std::mutex> lock(mutex);
-        heard.push_back(line);
-    });
+    watcher->watchPosts(
+        [&](const std::string& serverId, const std::shared_ptr<const PostNews>& news) {
+            std::string line = serverId;
+            for (std::size_t i = 0; news && i < news->clients.size(); ++i) {
+                line += " " + news->clients[i];
+            }
+            for (std::size_t i = 0; news && i < news->events.size(); ++i) {
+                line += " " + lineOf(news->events[i]);
+            }
+            std::lock_guard<std::mutex> lock(mutex);
+            heard.push_back(line);
+        });
     // Polls (10 s at most) for serverId among what was heard since it last found one.
     const auto hears = [&](const std::string& serverId) {
         for (int i = 0; i < 1000; ++i) {

@@ -10,6 +10,10 @@
 
 using Lines = std::vector<std::string>;
 
+inline std::string lineOf(const Arvant::Net::AvQuorvel::Engine::StoredEvent& event) {
+    return event.sender + "|" + std::to_string(event.sequence) + "|" + *event.text;
+}
+
 // Registers the clients in order; gives the shared clients after the last.
 inline Lines registerAll(Arvant::Net::AvQuorvel::Engine::Store& store, const std::string& server,
                          const Lines& clients) {
@@ -37,7 +41,7 @@ inline Lines readLines(Arvant::Net::AvQuorvel::Engine::Store& store, const std::
     }
     Lines shown;
     for (const auto& event : events) {
-        shown.push_back(event.sender + "|" + std::to_string(event.sequence) + "|" + *event.text);
+        shown.push_back(lineOf(event));
     }
     return shown;
 }
